@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Installs what building, testing and the sandbox need, from Debian's packages, when missing.
+set -euo pipefail
+
+packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmock-dev
+          clang-format util-linux procps)
+missing=()
+for package in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
+        missing+=("$package")
+done
+if ((${#missing[@]})); then
+    echo "setup: installing ${missing[*]}"
+    sudo_cmd=()
+    [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+    export DEBIAN_FRONTEND=noninteractive
+    "${sudo_cmd[@]}" apt-get update -qq
+    "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi

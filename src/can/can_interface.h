@@ -1,0 +1,31 @@
+#pragma once
+#include <cstdint>
+
+struct BitTiming {
+    uint32_t tq;  // time quantum in ns
+    uint32_t prop_seg;
+    uint32_t phase_seg1;
+    uint32_t phase_seg2;
+    uint32_t sjw;
+    uint32_t brp;
+};
+
+// One CAN controller of the device.
+struct CanInterface {
+    char IfName[128];
+    uint8_t Active;
+    uint32_t Baudrate;         // configured bit rate in bit/s
+    uint32_t RealBaudrate;     // as the driver reports it
+    uint32_t Samplepoint;      // tenths of a percent
+    uint32_t RealSamplepoint;  // as the driver reports it
+    uint8_t Listenonly;
+    uint8_t Autoresume;
+    BitTiming timing;
+    uint8_t Loopback;
+    uint8_t Oneshot;
+    uint8_t Triplesampling;
+    uint8_t BerrReporting;  // nothing sets it; it stays off
+    uint8_t CanState;
+    uint8_t ManBr;  // 1: bit timing from the register values, 0: from Baudrate and Samplepoint
+    char BaseName[38];
+};

@@ -1,0 +1,214 @@
+#include "core/daemon.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/config_path.h"
+#include "config/loader.h"
+#include "core/identity.h"
+#include "core/message.h"
+#include "core/options.h"
+#include "core/session.h"
+#include "model/config_model.h"
+#include "model/handler.h"
+#include "sys/system.h"
+
+namespace {
+
+constexpr int kExitAllocation = -3;
+constexpr int kExitStart = -4;
+constexpr int kExitIpc = -5;
+constexpr int kExitSignal = -1;
+
+constexpr int kSemaphoreCount = 3;
+constexpr const char* kRebootCommand = "sleep 5 && sync && reboot";
+
+// Process-wide state that the clean-up needs; the clean-up may run twice (from a signal and at
+// exit), so every step leaves its state in the "nothing to do" value.
+char lockPath[kMaxPathLength + 1];
+int queueId = -1;
+int semaphoreSetId = -1;
+ConfigModel* model = nullptr;
+
+// Only system calls, so that it is safe inside a signal handler.
+void removeLockAndIpc() {
+    if (lockPath[0] != '\0') (void)unlink(sys::placeFile(lockPath).c_str());  // may be gone
+    if (queueId >= 0) (void)msgctl(queueId, IPC_RMID, nullptr);
+    queueId = -1;
+    if (semaphoreSetId >= 0) (void)semctl(semaphoreSetId, 0, IPC_RMID);
+    semaphoreSetId = -1;
+}
+
+void cleanUp() {
+    removeLockAndIpc();
+    releaseModel(model);
+}
+
+void onTerminate(int) {
+    removeLockAndIpc();
+    _exit(kExitSignal & 0xFF);  // the model dies with the process; exit handlers are not safe here
+}
+
+void onChild(int) {
+    const int saved = errno;
+    (void)waitpid(-1, nullptr, WNOHANG);  // only reaps; the shell commands' statuses are not used
+    errno = saved;
+}
+
+void installSignals() {
+    struct sigaction terminate {};
+    terminate.sa_handler = onTerminate;
+    sigemptyset(&terminate.sa_mask);
+    terminate.sa_flags = SA_RESTART;
+    for (int signal : {SIGTERM, SIGHUP, SIGINT})
+        (void)sigaction(signal, &terminate, nullptr);
+    struct sigaction child = terminate;
+    child.sa_handler = onChild;
+    (void)sigaction(SIGCHLD, &child, nullptr);
+}
+
+// Makes sure the configuration file exists; its first byte becomes a line feed, which only
+// shortens the header's first comment line.
+[[nodiscard]] bool touchConfigFile(const char* path) {
+    int fd = open(sys::placeFile(path).c_str(), O_RDWR | O_CREAT, 0666);
+    if (fd < 0) return false;
+    (void)write(fd, "\n", 1);  // a failed write leaves the file as it was, which is as good
+    sys::current().syncDisks();
+    (void)close(fd);
+    return true;
+}
+
+void markEverythingForStartApply(ConfigModel& m) {
+    m.changed.mark(flag::General);
+    m.changed.mark(flag::Host);
+    m.changed.mark(flag::Gui);
+    m.changed.mark(flag::Lan, 0);
+    m.changed.mark(flag::Lan, 1);
+    for (unsigned i = 0; i < kCanRecords; ++i)
+        m.changed.mark(flag::Can, i);
+    m.changed.mark(flag::Route, 0);
+    for (unsigned i = 0; i <= kMaxFilters; ++i)
+        m.changed.mark(flag::Filter, i);
+    for (unsigned r = 0; r < kRoutesServed; ++r) {
+        if (m.routes[r].RouteFlags & kRouteActive) m.changed.mark(flag::Route, r + 1);
+    }
+}
+
+union SemaphoreArgument {
+    int val;
+    semid_ds* buf;
+    unsigned short* array;
+};
+
+[[noreturn]] void serve(ConfigModel& m) {
+    static QueueMessage received;
+    static RequestMessage request;
+    static AnswerMessage answer;
+    static AnswerQueueMessage serialised;
+    for (;;) {
+        ssize_t length = msgrcv(queueId, &received, kQueueTextSize, kRequestQueueType, 0);
+        if (length < 0) {
+            const int error = errno;
+            // Takes a too long message off the queue (cut and dropped); after another kind of
+            // failure this waits for the next request and drops that one.
+            (void)msgrcv(queueId, &received, kQueueTextSize, kRequestQueueType, MSG_NOERROR);
+            errorAnswer(answer, error, m.session.answerAddress);
+            (void)serialiseAnswer(answer, serialised);
+            (void)msgsnd(queueId, &serialised, std::strlen(serialised.text), 0);  // best effort
+        } else if (parseRequest(received.text, static_cast<std::size_t>(length), request) == 0) {
+            (void)procMsg(request, answer, m);          // the answer tells the client either way
+            (void)serialiseAnswer(answer, serialised);  // a cut answer still goes out
+            // An answer of type 0 cannot be sent; the failure is the intended silence.
+            (void)msgsnd(queueId, &serialised, std::strlen(serialised.text), 0);
+            std::memset(&received, 0, sizeof received);
+            std::memset(&serialised, 0, sizeof serialised);
+            std::memset(&answer, 0, sizeof answer);
+        }
+        if (m.rebootRequested) (void)sys::current().runCommand(kRebootCommand);
+    }
+}
+
+}  // namespace
+
+int writeLockFile(const char* path, int semaphoreKey, int queueKey, int pid) {
+    int fd = open(sys::placeFile(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0777);
+    if (fd < 0) return -1;
+    char line[80];
+    const int length =
+        std::snprintf(line, sizeof line, "%d, %d, %d\n", semaphoreKey, queueKey, pid);
+    int written = 0;
+    int budget = 5000;
+    for (;;) {
+        ssize_t n = write(fd, line + written, static_cast<std::size_t>(length - written));
+        if (n > 0) written += static_cast<int>(n);
+        if (written >= length) break;
+        budget -= 10;
+        if (budget <= 9) return -2;  // the descriptor is left as it is
+        sys::current().sleepNanoseconds(10000000L);
+    }
+    (void)close(fd);
+    return 0;
+}
+
+int runDaemon(int argc, char** argv) {
+    installSignals();
+    std::atexit(cleanUp);
+
+    Options options;
+    const int parsed = parseOptions(argc, argv, options, stdout);
+    if (parsed != kContinue) return parsed;
+    // A lock file left by another daemon does not stop this one: it is overwritten once the
+    // queue is ready, and clients then find this daemon's keys in it.
+    std::snprintf(lockPath, sizeof lockPath, "%s", options.lockPath);
+
+    model = allocateModel();
+    if (model == nullptr) return kExitAllocation;
+    ConfigModel& m = *model;
+
+    copyText(m.lan[0].BaseName, "eth", 31);
+    copyText(m.can[0].BaseName, "can", 31);
+    copyText(m.can[1].BaseName, "can", 31);
+
+    if (readDeviceIdentity(m) < 0) return kExitStart;
+    if (setConfigPath(options.configPath) < 0) return kExitStart;
+    if (!touchConfigFile(configPath())) return kExitStart;
+    if (loadConfiguration(m) < 0) return kExitStart;
+    m.previousWlanMode = m.wlan.Mode;
+
+    markEverythingForStartApply(m);
+    AnswerMessage startAnswer{};
+    (void)applyChangedGroups(m, startAnswer);  // the device starts even if some group failed
+
+    int semaphoreKey = options.semaphoreKey;
+    const sys::FilePath keyFile = sys::placeFile(configPath());
+    if (semaphoreKey == kNoKey) semaphoreKey = ftok(keyFile.c_str(), 1);
+    if (semaphoreKey < 0) return kExitIpc;
+    semaphoreSetId = semget(semaphoreKey, kSemaphoreCount, IPC_CREAT | 0666);
+    if (semaphoreSetId < 0) return kExitIpc;
+    SemaphoreArgument one{};
+    one.val = 1;
+    (void)semctl(semaphoreSetId, 0, SETVAL, one);  // clients find out soon enough if it failed
+
+    int queueKey = options.queueKey;
+    if (queueKey == kNoKey) queueKey = ftok(keyFile.c_str(), 2);
+    if (queueKey < 0) return kExitStart;
+    queueId = msgget(queueKey, IPC_CREAT | 0666);
+    if (queueId < 0) return kExitStart;
+
+    static QueueMessage stale;
+    while (msgrcv(queueId, &stale, kQueueTextSize, 0, IPC_NOWAIT) > 0) {
+    }
+
+    if (writeLockFile(lockPath, semaphoreKey, queueKey, getpid()) < 0) return kExitIpc;
+    serve(m);
+}

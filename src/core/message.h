@@ -1,0 +1,71 @@
+#pragma once
+// Requests and answers on the message queue: the parsed records the daemon works on and the
+// serialised-array text form that travels between the web front end and the daemon.
+
+#include <cstddef>
+#include <cstdint>
+
+enum MessageType : uint8_t {
+    START_SESSION = 0,
+    READ_PARAM = 1,
+    SET_PARAM = 2,
+    POS_ANSW = 3,
+    NEG_ANSW = 4,
+    FINISH_SESSION = 5,
+    ABORT_SESSION = 6,
+    SET_TEMP_PARAM = 7,
+};
+
+inline constexpr std::size_t kDataSize = 504;       // the value text of a request or answer
+inline constexpr std::size_t kQueueTextSize = 508;  // the largest text a queue message carries
+inline constexpr long kRequestQueueType = 1;        // the daemon takes only requests of this type
+
+struct RequestMessage {
+    uint32_t reserved;
+    uint8_t mt;
+    uint8_t f1;
+    uint8_t f2;
+    uint8_t f3;
+    char da[kDataSize];
+};
+static_assert(sizeof(RequestMessage) == 512);
+
+struct AnswerMessage {
+    int32_t type;  // the queue message type the answer is sent with: the session's answer address
+    uint8_t mt;
+    uint8_t f1;
+    uint8_t f2;
+    uint8_t f3;
+    char da[kDataSize];
+};
+static_assert(sizeof(AnswerMessage) == 512);
+
+// A queue message as it is received.
+struct QueueMessage {
+    long mtype;
+    char text[kQueueTextSize];
+};
+
+// A serialised answer; the text is formatted into its first kQueueTextSize bytes only.
+struct AnswerQueueMessage {
+    long mtype;
+    char text[1024 - sizeof(long)];
+};
+
+// Name of a message type for diagnostics; SET_TEMP_PARAM and unknown types have none (nullptr).
+const char* messageTypeName(unsigned mt);
+
+// Parses a received request text of `length` bytes. 0 on success; -1 to -6 name the element
+// that was malformed. `da` is copied over the previous request's value without being cleared.
+[[nodiscard]] int parseRequest(const char* text, std::size_t length, RequestMessage& request);
+
+// Formats one array text (used for answers, and by clients for requests) into `out` of `size`
+// bytes, cut to size - 1 characters. Returns the text's full length, as snprintf does.
+std::size_t formatMessageText(char* out, std::size_t size, unsigned mt, unsigned f1, unsigned f2,
+                              unsigned f3, const char* da);
+
+// 0 when the answer fitted in a queue message, -1 when its text was cut.
+int serialiseAnswer(const AnswerMessage& answer, AnswerQueueMessage& out);
+
+// The answer to a request that could not be received.
+void errorAnswer(AnswerMessage& answer, int errorNumber, int32_t answerAddress);

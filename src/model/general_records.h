@@ -1,0 +1,37 @@
+#pragma once
+#include <cstdint>
+
+// Identity, description, host and routing-general values of the device.
+struct GeneralRecord {
+    // Identity and version texts, filled at start and served read-only.
+    char orderNumber[33];
+    char serialNumber[33];
+    char hwVersion[33];
+    char bspVersion[33];
+    char swVersion[32];
+    char buildDate[16];
+    char buildTime[16];
+
+    char Description[512];
+    uint8_t KL15pwdn;  // 1: KL15 power down enabled
+    char hostName[65];
+    char userName[65];
+
+    uint32_t LighttpdPort;
+    uint8_t UseNTP;
+    char NTPServer[128];
+
+    // Routing as a whole (section FWD_GEN).
+    uint32_t Count;  // number of active routes
+    uint32_t CANoIPdPort;
+};
+
+struct BtRecord {
+    char name[32];
+    uint8_t flags;
+};
+
+// Which information pages the web front end shows, in the order of the GUI parameters.
+struct GuiRecord {
+    uint8_t show[9];
+};

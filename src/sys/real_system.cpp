@@ -1,0 +1,52 @@
+#include "sys/real_system.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+namespace sys {
+
+int RealSystem::runCommand(const char* command) {
+    return std::system(command);
+}
+
+int RealSystem::openNode(const char* path, int flags) {
+    return ::open(path, flags);
+}
+
+int RealSystem::ioctlNode(int fd, unsigned long request, void* argument) {
+    return ::ioctl(fd, request, argument);
+}
+
+int RealSystem::closeNode(int fd) {
+    return ::close(fd);
+}
+
+int RealSystem::setHostName(const char* name, std::size_t length) {
+    return ::sethostname(name, length);
+}
+
+int RealSystem::getHostName(char* name, std::size_t size) {
+    return ::gethostname(name, size);
+}
+
+void RealSystem::sleepNanoseconds(long nanoseconds) {
+    timespec request{nanoseconds / 1000000000L, nanoseconds % 1000000000L};
+    (void)::nanosleep(&request, nullptr);  // an early wake-up only shortens a retry pause
+}
+
+void RealSystem::syncDisks() {
+    ::sync();
+}
+
+FilePath RealSystem::placeFile(const char* devicePath) {
+    FilePath placed{};
+    std::snprintf(placed.text, sizeof placed.text, "%s", devicePath);
+    return placed;
+}
+
+}  // namespace sys

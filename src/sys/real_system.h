@@ -1,0 +1,20 @@
+#pragma once
+#include "sys/system.h"
+
+namespace sys {
+
+// The device's own system calls; linked into the daemon only, never into tests.
+class RealSystem final : public System {
+  public:
+    int runCommand(const char* command) override;
+    int openNode(const char* path, int flags) override;
+    int ioctlNode(int fd, unsigned long request, void* argument) override;
+    int closeNode(int fd) override;
+    int setHostName(const char* name, std::size_t length) override;
+    int getHostName(char* name, std::size_t size) override;
+    void sleepNanoseconds(long nanoseconds) override;
+    void syncDisks() override;
+    FilePath placeFile(const char* devicePath) override;
+};
+
+}  // namespace sys

@@ -1,0 +1,48 @@
+#pragma once
+// The one seam between the daemon and the world outside its process: shell commands, the
+// gateway driver's nodes, the host name, sleeping and the files at the device's fixed paths.
+// The daemon installs the real implementation; tests install a recorder, so that no command,
+// driver request or host-name change of a test can reach the machine that runs it.
+
+#include <cstddef>
+
+namespace sys {
+
+// A file path after the seam has placed it (the real seam keeps it as it is).
+struct FilePath {
+    char text[256];
+    const char* c_str() const { return text; }
+};
+
+class System {
+  public:
+    virtual ~System() = default;
+
+    // system(3): the shell's status, or -1 when no shell could be run.
+    virtual int runCommand(const char* command) = 0;
+
+    // open(2), ioctl(2) and close(2) on the gateway driver's device nodes; failures set errno.
+    virtual int openNode(const char* path, int flags) = 0;
+    virtual int ioctlNode(int fd, unsigned long request, void* argument) = 0;
+    virtual int closeNode(int fd) = 0;
+
+    virtual int setHostName(const char* name, std::size_t length) = 0;
+    virtual int getHostName(char* name, std::size_t size) = 0;
+
+    virtual void sleepNanoseconds(long nanoseconds) = 0;
+    virtual void syncDisks() = 0;
+
+    // Where a file of the device (a fixed path such as "/tmp/uboot_env") is to be opened.
+    virtual FilePath placeFile(const char* devicePath) = 0;
+};
+
+// The seam in force. Calling it before install() is a programming error and aborts: the core
+// library carries no real implementation of its own.
+System& current();
+void install(System* system);
+
+inline FilePath placeFile(const char* devicePath) {
+    return current().placeFile(devicePath);
+}
+
+}  // namespace sys

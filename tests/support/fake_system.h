@@ -1,0 +1,63 @@
+#pragma once
+// The recording seam of the unit tests: shell commands are kept in order and never run, the
+// host name is a string, driver nodes go to the simulated driver, sleeps return at once, and
+// the device's fixed paths are placed under a private temporary directory.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "model/config_model.h"
+#include "sim_driver.h"
+#include "sys/system.h"
+
+class FakeSystem final : public sys::System {
+  public:
+    FakeSystem();
+    ~FakeSystem() override;
+    FakeSystem(const FakeSystem&) = delete;
+    FakeSystem& operator=(const FakeSystem&) = delete;
+
+    // Test controls and records.
+    std::vector<std::string> commands;
+    int commandResult = 0;
+    std::string hostName = "host-under-test";
+    std::vector<std::string> hostNamesSet;
+    int setHostNameErrno = 0;  // non-zero: sethostname fails with it
+    std::vector<long> sleeps;
+    int syncs = 0;
+    SimDriver driver;
+
+    // Files of the device, under the private root.
+    std::string pathOf(const char* devicePath) const { return root_ + devicePath; }
+    void writeFile(const char* devicePath, std::string_view content) const;
+    std::string readFile(const char* devicePath) const;
+    bool fileExists(const char* devicePath) const;
+    void removeFile(const char* devicePath) const;
+
+    int runCommand(const char* command) override;
+    int openNode(const char* path, int flags) override;
+    int ioctlNode(int fd, unsigned long request, void* argument) override;
+    int closeNode(int fd) override;
+    int setHostName(const char* name, std::size_t length) override;
+    int getHostName(char* name, std::size_t size) override;
+    void sleepNanoseconds(long nanoseconds) override;
+    void syncDisks() override;
+    sys::FilePath placeFile(const char* devicePath) override;
+
+  private:
+    std::string root_;
+};
+
+// A test with the fake seam installed and a freshly allocated model.
+class SeamTest : public ::testing::Test {
+  protected:
+    SeamTest();
+    ~SeamTest() override;
+
+    FakeSystem fake;
+    ConfigModel* model;
+    ConfigModel& m() { return *model; }
+};
