@@ -1,21 +1,27 @@
 #pragma once
+#include <cstddef>
 #include <cstdint>
+
+// The identity texts hold up to 32 characters read from the device's files; host and user
+// name up to 64.
+inline constexpr std::size_t kIdentityChars = 32;
+inline constexpr std::size_t kHostTextChars = 64;
 
 // Identity, description, host and routing-general values of the device.
 struct GeneralRecord {
     // Identity and version texts, filled at start and served read-only.
-    char orderNumber[33];
-    char serialNumber[33];
-    char hwVersion[33];
-    char bspVersion[33];
+    char orderNumber[kIdentityChars + 1];
+    char serialNumber[kIdentityChars + 1];
+    char hwVersion[kIdentityChars + 1];
+    char bspVersion[kIdentityChars + 1];
     char swVersion[32];
     char buildDate[16];
     char buildTime[16];
 
     char Description[512];
     uint8_t KL15pwdn;  // 1: KL15 power down enabled
-    char hostName[65];
-    char userName[65];
+    char hostName[kHostTextChars + 1];
+    char userName[kHostTextChars + 1];
 
     uint32_t LighttpdPort;
     uint8_t UseNTP;
