@@ -10,6 +10,15 @@ struct BitTiming {
     uint32_t brp;
 };
 
+// Limits of the configured values, shared by the requests and the configuration loader.
+inline constexpr uint32_t kMinBaudrate = 5000;
+inline constexpr uint32_t kMaxBaudrate = 1000000;
+inline constexpr uint32_t kMaxSamplepoint = 1000;  // tenths of a percent
+inline constexpr unsigned kCanIfNameMaxChars = 127;
+
+// Kernel interface name of every CAN interface without its zero-based index ("can0", "can1").
+inline constexpr const char* kCanBaseName = "can";
+
 // One CAN controller of the device.
 struct CanInterface {
     char IfName[128];
