@@ -2,16 +2,29 @@
 // A simulated gateway driver: answers the control node's and the route nodes' requests from
 // state that a test sets, keeps what the daemon hands it, and fails requests on demand.
 
+#include <array>
 #include <cstdint>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "sys/gateway_driver.h"
 
+// Filter pairs compare and print by value in test expectations.
+namespace gw {
+inline bool operator==(const MaskEntry& a, const MaskEntry& b) {
+    return a.id == b.id && a.mask == b.mask;
+}
+inline void PrintTo(const MaskEntry& e, std::ostream* out) {
+    *out << std::hex << "(0x" << e.id << ", 0x" << e.mask << ")" << std::dec;
+}
+}  // namespace gw
+
 class SimDriver {
   public:
     static constexpr int kControl = -1;  // node number of "/dev/tarn-gw"; route nodes are 0..7
+    static constexpr int kRouteNodes = 8;
 
     struct Request {
         int node;
@@ -21,6 +34,11 @@ class SimDriver {
         int node;
         unsigned long request;
         std::vector<gw::MaskEntry> entries;  // as many as the list's count says
+    };
+    // What one route node holds.
+    struct RouteNode {
+        std::vector<gw::MaskEntry> filters;  // the list in force; empty: none was set
+        unsigned long filterRequest = 0;     // the request that set it (joined or not)
     };
 
     // Test controls.
@@ -38,6 +56,7 @@ class SimDriver {
     std::vector<std::string> opened;  // paths, in order
     int badCloses = 0;                // closes of a descriptor that was not open
     int openDescriptors() const { return static_cast<int>(descriptors_.size()); }
+    const RouteNode& routeNode(int node) const { return routeNodes_.at(node); }
 
     // The seam's calls.
     int open(const std::string& path);
@@ -45,9 +64,15 @@ class SimDriver {
     int close(int fd);
 
   private:
+    // Each returns the request's result and sets errno on failure.
+    int controlRequest(unsigned long request, void* argument);
+    int routeRequest(int node, unsigned long request, void* argument);
+    int setFilters(int node, unsigned long request, const void* argument);
+
     std::map<std::string, gw::CanLinkInfo> linkInfo_;
     std::map<std::string, int> openErrors_;
     std::map<unsigned long, int> requestErrors_;
     std::map<int, int> descriptors_;  // descriptor -> node
+    std::array<RouteNode, kRouteNodes> routeNodes_;
     int nextDescriptor_ = 1000;
 };
