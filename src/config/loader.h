@@ -1,5 +1,12 @@
 #pragma once
+// Loading the configuration file into the model.
+
 struct ConfigModel;
 
-// Loads the configuration file into the model; whatever is missing takes its default. 0.
+// Reads the file's format version from its header. 0 when it is the current version or older,
+// -1 when it is newer, unreadable or missing; the numbers found are stored either way.
+int checkHeader(const char* path, int& major, int& minor, int& patch);
+
+// Fills the model from the configuration file; whatever is missing or malformed takes its
+// default, so the load never fails. 0.
 int loadConfiguration(ConfigModel& model);

@@ -31,6 +31,7 @@ constexpr int kExitIpc = -5;
 constexpr int kExitSignal = -1;
 
 constexpr int kSemaphoreCount = 3;
+constexpr std::size_t kBaseNameChars = 31;
 constexpr const char* kRebootCommand = "sleep 5 && sync && reboot";
 
 // Process-wide state that the clean-up needs; the clean-up may run twice (from a signal and at
@@ -175,9 +176,9 @@ int runDaemon(int argc, char** argv) {
     if (model == nullptr) return kExitAllocation;
     ConfigModel& m = *model;
 
-    copyText(m.lan[0].BaseName, "eth", 31);
-    copyText(m.can[0].BaseName, "can", 31);
-    copyText(m.can[1].BaseName, "can", 31);
+    copyText(m.lan[0].BaseName, kLanBaseName, kBaseNameChars);
+    copyText(m.can[0].BaseName, kCanBaseName, kBaseNameChars);
+    copyText(m.can[1].BaseName, kCanBaseName, kBaseNameChars);
 
     if (readDeviceIdentity(m) < 0) return kExitStart;
     if (setConfigPath(options.configPath) < 0) return kExitStart;

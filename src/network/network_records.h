@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+inline constexpr const char* kLanBaseName = "eth";
+
 // One wired Ethernet interface.
 struct LanInterface {
     char IfName[128];

@@ -1,5 +1,8 @@
 #include "fake_system.h"
 
+#include "config/config_path.h"
+#include "config/ini_layout.h"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -103,6 +106,9 @@ sys::FilePath FakeSystem::placeFile(const char* devicePath) {
 SeamTest::SeamTest() : model(allocateModel()) {
     sys::install(&fake);
     if (model == nullptr) std::abort();
+    // Process-wide state of the configuration module starts afresh in every test.
+    ini::resetFormatState();
+    if (setConfigPath(kDefaultConfigPath) != 0) std::abort();
 }
 
 SeamTest::~SeamTest() {

@@ -1,0 +1,166 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "config/config_path.h"
+#include "config/ini_layout.h"
+#include "config/loader.h"
+#include "fake_system.h"
+#include "filters/filter_store.h"
+
+namespace {
+
+std::string header(const std::string& version) {
+    return "#########################################\n# KIV configuration file\n"
+           "# Format version " + version + "\n#########################################\n";
+}
+
+class Loader : public SeamTest {
+protected:
+    void load(const std::string& content) {
+        fake.writeFile(kDefaultConfigPath, content);
+        ASSERT_EQ(loadConfiguration(m()), 0);
+    }
+};
+
+TEST_F(Loader, MissingFileGivesEveryDefault) {
+    ASSERT_EQ(loadConfiguration(m()), 0);
+    EXPECT_STREQ(m().general.Description, "Module description");
+    EXPECT_STREQ(m().general.hostName, "VORL-Gateway");
+    EXPECT_EQ(fake.hostNamesSet, std::vector<std::string>{"VORL-Gateway"});
+    EXPECT_EQ(m().general.KL15pwdn, 0);
+    EXPECT_EQ(m().general.LighttpdPort, 80u);
+    EXPECT_EQ(m().general.CANoIPdPort, 45321u);
+    EXPECT_EQ(m().general.Count, 0u);
+    for (int n = 0; n < 2; ++n) {
+        const CanInterface& can = m().can[n];
+        EXPECT_EQ(std::string(can.IfName), "can" + std::to_string(n));
+        EXPECT_EQ(can.Active, 1);
+        EXPECT_EQ(can.Baudrate, 500000u);
+        EXPECT_EQ(can.Listenonly, 1);
+        EXPECT_EQ(can.Autoresume, 0);
+        EXPECT_EQ(can.Samplepoint, 800u);
+        EXPECT_EQ(can.ManBr, 0);
+    }
+    EXPECT_STREQ(m().can[2].IfName, "");  // the third record is never loaded
+    const uint8_t gui[9] = {1, 0, 0, 0, 0, 0, 1, 1, 1};
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(m().gui.show[i], gui[i]) << i;
+    EXPECT_EQ(definedFilterCount(m().filters), 0u);
+    EXPECT_TRUE(ini::legacyFormat());  // a file without header is rewritten whole
+}
+
+TEST_F(Loader, ValuesAreClampedConvertedAndNamesFolded) {
+    load(header("1.3.1") +
+         "[General]\nDescription = lab gateway\nKL15pwdn = yes\n"
+         "[Host]\nDEVICENAME = gw-7\n"
+         "[Can_0]\nBaudrate = 1\nSamplepoint = 2000\nActive = maybe\nListenonly = No\n"
+         "[CAN_1]\nbaudrate = 0x7A120\nIfName = " + std::string(200, 'n') + "\n"
+         "BR_Register = BRP 3, RJW 1, TQ 125, PSEG1 13, PSEG2 2, PROPSEG 0\nManBr = 1\n"
+         "[FWD_GEN]\nCount = 12\nCANoIPdPort = 70000\n"
+         "[GUI]\nshow_can_info = 1\nshow_device_info = F\n");
+    EXPECT_FALSE(ini::legacyFormat());
+    EXPECT_STREQ(m().general.Description, "lab gateway");
+    EXPECT_EQ(m().general.KL15pwdn, 1);
+    EXPECT_TRUE(m().changed.isSet(flag::General));
+    EXPECT_STREQ(m().general.hostName, "gw-7");
+    EXPECT_EQ(m().can[0].Baudrate, 5000u);
+    EXPECT_EQ(m().can[0].Samplepoint, 1000u);
+    EXPECT_EQ(m().can[0].Active, 1);  // "maybe" is no boolean: the default holds
+    EXPECT_EQ(m().can[0].Listenonly, 0);
+    EXPECT_EQ(m().can[1].Baudrate, 500000u);
+    EXPECT_EQ(std::string(m().can[1].IfName), std::string(126, 'n'));
+    EXPECT_EQ(m().can[1].ManBr, 1);
+    EXPECT_EQ(m().can[1].timing.brp, 3u);
+    EXPECT_EQ(m().can[1].timing.tq, 125u);
+    EXPECT_EQ(m().can[1].timing.phase_seg1, 13u);
+    EXPECT_EQ(m().general.Count, 8u);
+    EXPECT_EQ(m().general.CANoIPdPort, 65535u);
+    EXPECT_EQ(m().gui.show[0], 0);
+    EXPECT_EQ(m().gui.show[1], 1);
+}
+
+TEST_F(Loader, FiltersNeedAKindAndATermThatParses) {
+    load(header("1.3.1") +
+         "[FILTER_0]\nfilter_type = 1\nTerm = 0x100-0x1FF\nName = low\nComment = c\n"
+         "[FILTER_2]\nfilter_type = 4\nfilter_mode = 0\nTerm = 0x123/0x7FF\n"
+         "[FILTER_5]\nfilter_type = 1\nTerm = \n"
+         "[FILTER_6]\nfilter_type = 9\nTerm = 1-2\n"
+         "[FILTER_7]\nTerm = 1-2\n");
+    ASSERT_EQ(definedFilterCount(m().filters), 2u);
+    const Filter* low = findFilter(m().filters, 0);
+    ASSERT_NE(low, nullptr);
+    EXPECT_EQ(low->FilterFrom, 0x100u);
+    EXPECT_EQ(low->FilterTo, 0x1FFu);
+    EXPECT_EQ(low->filter_mode, 1u);
+    EXPECT_STREQ(low->Name, "low");
+    EXPECT_STREQ(low->Comment, "c");
+    const Filter* masked = findFilter(m().filters, 2);
+    ASSERT_NE(masked, nullptr);
+    EXPECT_EQ(masked->filter_mode, 1u | kFilterInverted);
+    EXPECT_EQ(masked->FilterFrom, 0x80000123u);
+    EXPECT_EQ(masked->FilterTo, 0x800007FFu);
+}
+
+TEST_F(Loader, OlderFormatsUseTheirKeyNames) {
+    load(header("1.0.0") +
+         "[CAN_0]\nbr_reigster = BRP 2, RJW 1, TQ 83, PSEG1 9, PSEG2 2, PROPSEG 1\n"
+         "[CAN_1]\nBR_Register = BRP 5, RJW 1, TQ 1, PSEG1 1, PSEG2 1, PROPSEG 1\n");
+    EXPECT_TRUE(ini::legacyFormat());
+    EXPECT_EQ(m().can[0].timing.brp, 2u);
+    EXPECT_EQ(m().can[0].timing.tq, 83u);
+    EXPECT_EQ(m().can[1].timing.brp, 0u);  // the current name means nothing in a 1.0.0 file
+    EXPECT_STREQ(ini::keyName(ini::Section::Can, ini::can_key::BR_Register), "BR_Register");
+
+    resetModel(m());
+    ini::resetFormatState();
+    load(header("1.2.0") + "[filter_3]\nKind = 3\nType = 0\nTerm = 0x123/0x7FF\n");
+    const Filter* filter = findFilter(m().filters, 3);
+    ASSERT_NE(filter, nullptr);
+    EXPECT_EQ(filter->filter_type, 3u);
+    EXPECT_EQ(filter->filter_mode, 1u | kFilterInverted);
+    EXPECT_EQ(filter->FilterTo, ~0x800007FFu);
+    EXPECT_TRUE(ini::invertMask());
+    EXPECT_STREQ(ini::keyName(ini::Section::Filter, ini::filter_key::FilterType), "filter_type");
+
+    resetModel(m());
+    ini::resetFormatState();
+    load(header("1.3.0") + "[FILTER_1]\nfilter_type = 3\nTerm = 0x10/0x7F0\n");
+    EXPECT_TRUE(ini::legacyFormat());
+    EXPECT_FALSE(ini::invertMask());
+    EXPECT_NE(findFilter(m().filters, 1), nullptr);
+}
+
+TEST_F(Loader, TooLongLineFallsBackToDefaults) {
+    load(header("1.3.1") + "[General]\nDescription = " + std::string(1100, 'd') + "\n");
+    EXPECT_STREQ(m().general.Description, "Module description");
+}
+
+TEST_F(Loader, HeaderVersion) {
+    struct Case {
+        std::string text;
+        int result, major, minor, patch;
+    } cases[] = {
+        {header("1.3.1"), 0, 1, 3, 1},
+        {header("1.2.0"), 0, 1, 2, 0},
+        {header("1.3.2"), -1, 1, 3, 2},
+        {header("2.0.0"), -1, 2, 0, 0},
+        {"# kiv CONFIGURATION file\n# format VERSION   0.9.4\n", 0, 0, 9, 4},
+        {"# Format version 1.3.1\n", -1, 0, 0, 0},          // no title
+        {"# KIV configuration file\n", -1, 0, 0, 0},        // no version
+        {header("1.x.1"), -1, 1, 0, 0},                     // stops at the bad number
+        {std::string(2100, '#') + header("1.3.1"), -1, 0, 0, 0},  // beyond the scanned part
+    };
+    for (const Case& c : cases) {
+        fake.writeFile(kDefaultConfigPath, c.text);
+        int major = 0, minor = 0, patch = 0;
+        EXPECT_EQ(checkHeader(kDefaultConfigPath, major, minor, patch), c.result) << c.text;
+        EXPECT_EQ(major, c.major) << c.text;
+        EXPECT_EQ(minor, c.minor) << c.text;
+        EXPECT_EQ(patch, c.patch) << c.text;
+    }
+    fake.removeFile(kDefaultConfigPath);
+    int major = 0, minor = 0, patch = 0;
+    EXPECT_EQ(checkHeader(kDefaultConfigPath, major, minor, patch), -1);
+}
+
+}  // namespace
