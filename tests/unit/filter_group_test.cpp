@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
+#include <tuple>
 
+#include "core/session.h"
 #include "fake_system.h"
 #include "filters/filter_group.h"
 #include "filters/filter_store.h"
@@ -10,106 +11,64 @@
 
 namespace {
 
-constexpr uint8_t kFilterGroup = 9;
-
-struct Outcome {
-    int result;
-    std::string text;
-};
+using Outcome = std::pair<int, std::string>;
 
 class FilterGroup : public SeamTest {
   protected:
-    Outcome call(bool write, unsigned f2, unsigned f3, const std::string& data = "") {
-        RequestMessage request{};
-        request.mt = write ? SET_PARAM : READ_PARAM;
-        request.f1 = kFilterGroup;
-        request.f2 = static_cast<uint8_t>(f2);
-        request.f3 = static_cast<uint8_t>(f3);
-        std::snprintf(request.da, sizeof request.da, "%s", data.c_str());
-        AnswerMessage answer{};
-        const int result =
-            write ? setFilter(request, answer, m()) : readFilter(request, answer, m());
-        return {result, answer.da};
-    }
     Outcome set(unsigned f2, unsigned f3, const std::string& data) {
-        return call(true, f2, f3, data);
+        RequestMessage rq{0, SET_PARAM, 9, uint8_t(f2), uint8_t(f3), {}};
+        data.copy(rq.da, sizeof rq.da - 1);
+        AnswerMessage a{};
+        return {setFilter(rq, a, m()), a.da};
     }
-    Outcome read(unsigned f2, unsigned f3) { return call(false, f2, f3); }
     void define(unsigned number, unsigned kind, const char* term) {
-        ASSERT_EQ(set(number, 0, std::to_string(kind)).result, 0);
-        ASSERT_EQ(set(number, 2, term).result, 0);
+        ASSERT_EQ(set(number, 0, std::to_string(kind)).first, 0);
+        ASSERT_EQ(set(number, 2, term).first, 0);
     }
     const Filter* filter(unsigned number) { return findFilter(m().filters, number - 1); }
     bool routeMarked(unsigned route) { return m().changed.isSet(flag::Route, route); }
 };
 
-TEST_F(FilterGroup, KindCreatesOrRefuses) {
-    struct Case {
-        std::string kind;
-        Outcome outcome;
-        bool created;
-    } cases[] = {
-        {"1", {0, ""}, true},
-        {"4x", {0, ""}, true},  // base-10 strtol takes the 4
-        {"0", {0, "filter does not exist anyway"}, false},
-        {"0x3", {0, "filter does not exist anyway"}, false},
-        {"7", {-1, "unknown filter type 7"}, false},
-        {"-1", {-1, "unknown filter type -1"}, false},
+// One session through the daemon's dispatch: refusals, creation, reads, a deletion reported by
+// the end of the session inside its success.
+TEST_F(FilterGroup, SessionAnswers) {
+    const std::tuple<uint8_t, unsigned, unsigned, std::string, int, std::string> steps[] = {
+        {START_SESSION, 0, 30, "", POS_ANSW, ""},
+        {SET_PARAM, 4, 0, "0x3", POS_ANSW, "filter does not exist anyway"},  // base 10
+        {SET_PARAM, 4, 0, "7", NEG_ANSW, "unknown filter type 7"},
+        {SET_PARAM, 4, 2, "", NEG_ANSW, "false filter index (4) - create filter by setting kind"},
+        {READ_PARAM, 0, 0, "", POS_ANSW, "0"},
+        {SET_PARAM, 33, 0, "1", NEG_ANSW, "false filter index (33)"},
+        {SET_PARAM, 4, 0, "3x", POS_ANSW, ""},
+        {SET_PARAM, 1, 0, "1", POS_ANSW, ""},
+        {SET_PARAM, 4, 1, "0", POS_ANSW, ""},
+        {SET_PARAM, 4, 2, "0x123/0x7F0", POS_ANSW, ""},
+        {SET_PARAM, 4, 3, std::string(300, 'c'), POS_ANSW, ""},
+        {READ_PARAM, 0, 0, "", POS_ANSW, "2"},
+        {READ_PARAM, 0, 2, "", POS_ANSW, "0;3;"},
+        {READ_PARAM, 33, 0, "", NEG_ANSW, "Unknown subidx I in f2 (f1:9, f2:33, f3:0)"},
+        {READ_PARAM, 3, 0, "", NEG_ANSW, "Can't find filter with index 3"},
+        {READ_PARAM, 4, 0, "", POS_ANSW, "3"},
+        {READ_PARAM, 4, 1, "", POS_ANSW, "0"},
+        {READ_PARAM, 4, 2, "", POS_ANSW, "0x123/0x7F0"},
+        {READ_PARAM, 4, 3, "", POS_ANSW, std::string(255, 'c')},
+        {SET_PARAM, 4, 0, "0", POS_ANSW, ""},
+        {FINISH_SESSION, 0, 0, "", POS_ANSW, "filter 3 not found or deleted"},
     };
-    for (const Case& c : cases) {
-        resetModel(m());
-        const Outcome o = set(4, 0, c.kind);
-        EXPECT_EQ(o.result, c.outcome.result) << c.kind;
-        EXPECT_EQ(o.text, c.outcome.text) << c.kind;
-        ASSERT_EQ(filter(4) != nullptr, c.created) << c.kind;
-        EXPECT_EQ(m().general.Count, c.created ? 1u : 0u) << c.kind;
-        if (c.created) {
-            EXPECT_EQ(filter(4)->filter_mode, 1u);
-        }
+    for (const auto& [mt, f2, f3, data, type, text] : steps) {
+        RequestMessage rq{0, mt, 9, uint8_t(f2), uint8_t(f3), {}};
+        data.copy(rq.da, sizeof rq.da - 1);
+        AnswerMessage a{};
+        (void)procMsg(rq, a, m());  // the answer's type tells
+        EXPECT_EQ((Outcome{a.mt, a.da}), (Outcome{type, text}))
+            << int(mt) << " " << f2 << "/" << f3;
     }
-    EXPECT_EQ(set(5, 2, "0x1-0x2").text, "false filter index (5) - create filter by setting kind");
-}
-
-TEST_F(FilterGroup, ReadsAndGroupValues) {
-    define(1, 1, "0x100-0x1FF");
-    define(5, 3, "0x7FF/0x7FF");
-    ASSERT_EQ(set(5, 1, "0").result, 0);
-    ASSERT_EQ(set(5, 3, std::string(300, 'c')).result, 0);
-    ASSERT_EQ(set(5, 4, std::string(200, 'n')).result, 0);
-    struct Case {
-        unsigned f2, f3;
-        Outcome outcome;
-    } cases[] = {
-        {0, 0, {0, "2"}},
-        {0, 1, {0, "32"}},
-        {0, 2, {0, "0;4;"}},
-        {0, 3, {-1, "Unknown subidx II in f3 (f1:9, f2:0, f3:3)"}},
-        {33, 0, {-1, "Unknown subidx I in f2 (f1:9, f2:33, f3:0)"}},
-        {3, 0, {-1, "Can't find filter with index 3"}},
-        {1, 0, {0, "1"}},
-        {1, 1, {0, "1"}},
-        {1, 2, {0, "0x100-0x1FF"}},
-        {5, 1, {0, "0"}},
-        {5, 2, {0, "0x7FF/0x7FF"}},
-        {5, 3, {0, std::string(255, 'c')}},
-        {5, 4, {0, std::string(127, 'n')}},
-        {5, 5, {-1, "Unknown subidx II in f3 (f1:9, f2:5, f3:5)"}},
-    };
-    for (const Case& c : cases) {
-        const Outcome o = read(c.f2, c.f3);
-        EXPECT_EQ(o.result, c.outcome.result) << c.f2 << "/" << c.f3;
-        EXPECT_EQ(o.text, c.outcome.text) << c.f2 << "/" << c.f3;
-    }
-    resetModel(m());
-    EXPECT_EQ(read(0, 2).text, "");
+    EXPECT_EQ(filter(1)->filter_mode, 1u);  // created passing
 }
 
 TEST_F(FilterGroup, EveryKindConvertsKeepingTheRest) {
     const char* terms[] = {"", "0x100-0x1FF", "0x100-0x1FF", "0x123/0x7F0", "0x12345/0x1FFFF"};
-    struct Case {
-        unsigned from, to;
-        uint32_t low, high;
-    } cases[] = {
+    const std::tuple<unsigned, unsigned, uint32_t, uint32_t> cases[] = {
         {1, 2, 0x80000100, 0x800001FF},
         {1, 3, 0x100, 0x800007FF},
         {1, 4, 0x80000100, 0x1FFFFFFF},
@@ -123,102 +82,60 @@ TEST_F(FilterGroup, EveryKindConvertsKeepingTheRest) {
         {4, 2, 0, 0x9FFFFFFF},
         {4, 3, 0x345, 0x7FF},
     };
-    for (const Case& c : cases) {
+    for (const auto& [from, to, low, high] : cases) {
         resetModel(m());
-        define(7, c.from, terms[c.from]);
-        ASSERT_EQ(set(7, 1, "0").result, 0);
-        ASSERT_EQ(set(7, 4, "name").result, 0);
-        ASSERT_EQ(addRtFiltRealtion(m().filters, 3, 7), 0);
-        m().changed.clearAll();
-        ASSERT_EQ(set(7, 0, std::to_string(c.to)).result, 0);
-        const Filter* f = filter(7);
-        ASSERT_NE(f, nullptr);
-        EXPECT_EQ(f->filter_type, c.to) << c.from;
-        EXPECT_EQ(f->FilterFrom, c.low) << c.from << "->" << c.to;
-        EXPECT_EQ(f->FilterTo, c.high) << c.from << "->" << c.to;
-        EXPECT_EQ(f->index, 6u);
-        EXPECT_EQ(f->filter_mode, 1u | kFilterInverted);
-        EXPECT_STREQ(f->Name, "name");
-        EXPECT_TRUE(routeMarked(3)) << c.from << "->" << c.to;
-        EXPECT_EQ(m().filters.relationCount, 1u);
+        define(7, from, terms[from]);
+        ASSERT_EQ(set(7, 1, "0").first, 0);
+        ASSERT_EQ(set(7, 0, std::to_string(to)).first, 0);
+        const Filter& f = *filter(7);
+        EXPECT_EQ(std::tuple(f.filter_type, f.FilterFrom, f.FilterTo, f.filter_mode, f.index),
+                  std::tuple(to, low, high, 1 | kFilterInverted, 6u))
+            << from << "->" << to;
     }
     for (const char* unchanged : {"3", "9"}) {  // the same kind (4 -> 3 came last), no kind
-        m().changed.clearAll();
-        ASSERT_EQ(set(7, 0, unchanged).result, 0);
-        EXPECT_EQ(filter(7)->filter_type, 3u);
-        EXPECT_FALSE(routeMarked(3));
-        EXPECT_TRUE(m().changed.isSet(flag::Filter, 7));
+        ASSERT_EQ(set(7, 0, unchanged).first, 0);
+        EXPECT_TRUE(filter(7)->filter_type == 3 && filter(7)->FilterTo == 0x7FF) << unchanged;
     }
+    // A failed id/mask term keeps the filter.
+    EXPECT_EQ(set(7, 2, "0x100"), (Outcome{-1, "parsing filter term failed (7)"}));
+    EXPECT_NE(filter(7), nullptr);
 }
 
-TEST_F(FilterGroup, WritesMarkFilterAndRelatedRoutes) {
-    define(2, 1, "1-2");
-    define(3, 1, "1-2");
-    for (unsigned route : {2u, 5u})
-        ASSERT_EQ(addRtFiltRealtion(m().filters, route, 2), 0);
-    ASSERT_EQ(addRtFiltRealtion(m().filters, 1, 3), 0);
-    struct Case {
-        unsigned f3;
-        const char* data;
-        bool routes;
-    } cases[] = {
-        {1, "0", true}, {1, "1", true}, {2, "3-4", true}, {3, "c", false}, {4, "n", false}};
-    for (const Case& c : cases) {
-        m().changed.clearAll();
-        ASSERT_EQ(set(2, c.f3, c.data).result, 0);
-        EXPECT_TRUE(m().changed.isSet(flag::Filter, 0));
-        EXPECT_TRUE(m().changed.isSet(flag::Filter, 2));
-        EXPECT_EQ(routeMarked(2) && routeMarked(5), c.routes) << c.f3;
-        EXPECT_FALSE(routeMarked(1)) << c.f3;
-    }
-    m().changed.clearAll();  // delete: both routes lose the filter and are marked
-    ASSERT_EQ(set(2, 0, "0").result, 0);
-    EXPECT_EQ(filter(2), nullptr);
+TEST_F(FilterGroup, WritesMarkFilterAndRoutesAndCrossWriteTheCount) {
+    for (auto [route, number] : {std::pair{2u, 2u}, {5u, 2u}, {1u, 3u}})
+        ASSERT_EQ(addRtFiltRealtion(m().filters, route, number), 0);
+    ASSERT_EQ(set(2, 0, "1").first, 0);  // routes may name a filter before it exists
     EXPECT_TRUE(routeMarked(2) && routeMarked(5));
-    EXPECT_EQ(m().filters.relationCount, 1u);
-    EXPECT_EQ(m().general.Count, 1u);
-}
-
-TEST_F(FilterGroup, FailedRangeTermDropsTheFilterButNotItsRelations) {
-    define(3, 2, "1-2");
-    ASSERT_EQ(addRtFiltRealtion(m().filters, 4, 3), 0);
-    m().changed.clearAll();
-    EXPECT_EQ(set(3, 2, "0x100").text, "parsing filter term failed (3)");
-    EXPECT_EQ(filter(3), nullptr);
-    EXPECT_EQ(m().filters.relationCount, 1u);
-    EXPECT_TRUE(routeMarked(4));
-    EXPECT_TRUE(m().changed.isSet(flag::Filter, 3));
-    EXPECT_EQ(m().general.Count, 0u);
-}
-
-TEST_F(FilterGroup, CountIsCrossWrittenOnEveryPath) {
-    define(1, 1, "1-2");
-    for (unsigned f2 : {0u, 33u}) {
-        m().general.Count = 99;
-        const Outcome o = set(f2, 0, "1");
-        EXPECT_EQ(o.result, f2 == 0 ? 0 : -1);
-        EXPECT_EQ(o.text, f2 == 0 ? "" : "false filter index (33)");
-        EXPECT_EQ(m().general.Count, 1u);
+    define(3, 1, "1-2");
+    const std::tuple<unsigned, const char*, bool> cases[] = {
+        {1, "0", true}, {2, "3-4", true}, {0, "2", true}, {3, "c", false}};
+    for (const auto& [f3, data, routes] : cases) {
+        m().changed.clearAll();
+        ASSERT_EQ(set(2, f3, data).first, 0);
+        EXPECT_TRUE(m().changed.isSet(flag::Filter, 0) && m().changed.isSet(flag::Filter, 2));
+        EXPECT_EQ(std::tuple(routeMarked(2), routeMarked(5), routeMarked(1)),
+                  std::tuple(routes, routes, false))
+            << f3;
     }
-}
-
-TEST_F(FilterGroup, ApplyReportsDeletedFiltersInsideSuccess) {
-    define(2, 1, "1-2");
-    struct Case {
-        unsigned instance;
-        Outcome outcome;
-        uint32_t count;
-    } cases[] = {{0, {0, ""}, 1},
-                 {2, {0, ""}, 1},
-                 {3, {0, "filter 2 not found or deleted"}, 99},
-                 {33, {-1, "false filter index (33)"}, 1}};
-    for (const Case& c : cases) {
+    m().changed.clearAll();  // deleting marks both routes that lose the filter
+    ASSERT_EQ(set(2, 0, "0").first, 0);
+    EXPECT_TRUE(filter(2) == nullptr && routeMarked(2) && routeMarked(5));
+    // The filter count goes into the route count (Count), not into a filter count.
+    EXPECT_EQ(std::pair(m().filters.relationCount, m().general.Count), std::pair(1u, 1u));
+    // A failed range term takes the filter away, but neither its relation nor the marks.
+    EXPECT_EQ(set(3, 2, "0x100"), (Outcome{-1, "parsing filter term failed (3)"}));
+    EXPECT_TRUE(filter(3) == nullptr && routeMarked(1) && m().changed.isSet(flag::Filter, 3));
+    EXPECT_EQ(std::pair(m().filters.relationCount, m().general.Count), std::pair(1u, 0u));
+    AnswerMessage a{};
+    for (unsigned n : {0u, 33u}) {  // so do the other paths of write and apply
         m().general.Count = 99;
-        AnswerMessage answer{};
-        EXPECT_EQ(applyFilter(c.instance, m(), answer), c.outcome.result);
-        EXPECT_STREQ(answer.da, c.outcome.text.c_str());
-        EXPECT_EQ(m().general.Count, c.count) << c.instance;
+        EXPECT_EQ(set(n, 0, "1").first, n ? -1 : 0);
+        EXPECT_EQ(m().general.Count, 0u);
+        m().general.Count = 99;
+        EXPECT_EQ(applyFilter(n, m(), a), n ? -1 : 0);
+        EXPECT_EQ(m().general.Count, 0u);
     }
+    EXPECT_STREQ(a.da, "false filter index (33)");
 }
 
 }  // namespace

@@ -12,11 +12,12 @@ namespace {
 
 std::string header(const std::string& version) {
     return "#########################################\n# KIV configuration file\n"
-           "# Format version " + version + "\n#########################################\n";
+           "# Format version " +
+           version + "\n#########################################\n";
 }
 
 class Loader : public SeamTest {
-protected:
+  protected:
     void load(const std::string& content) {
         fake.writeFile(kDefaultConfigPath, content);
         ASSERT_EQ(loadConfiguration(m()), 0);
@@ -44,7 +45,8 @@ TEST_F(Loader, MissingFileGivesEveryDefault) {
     }
     EXPECT_STREQ(m().can[2].IfName, "");  // the third record is never loaded
     const uint8_t gui[9] = {1, 0, 0, 0, 0, 0, 1, 1, 1};
-    for (int i = 0; i < 9; ++i) EXPECT_EQ(m().gui.show[i], gui[i]) << i;
+    for (int i = 0; i < 9; ++i)
+        EXPECT_EQ(m().gui.show[i], gui[i]) << i;
     EXPECT_EQ(definedFilterCount(m().filters), 0u);
     EXPECT_TRUE(ini::legacyFormat());  // a file without header is rewritten whole
 }
@@ -54,7 +56,9 @@ TEST_F(Loader, ValuesAreClampedConvertedAndNamesFolded) {
          "[General]\nDescription = lab gateway\nKL15pwdn = yes\n"
          "[Host]\nDEVICENAME = gw-7\n"
          "[Can_0]\nBaudrate = 1\nSamplepoint = 2000\nActive = maybe\nListenonly = No\n"
-         "[CAN_1]\nbaudrate = 0x7A120\nIfName = " + std::string(200, 'n') + "\n"
+         "[CAN_1]\nbaudrate = 0x7A120\nIfName = " +
+         std::string(200, 'n') +
+         "\n"
          "BR_Register = BRP 3, RJW 1, TQ 125, PSEG1 13, PSEG2 2, PROPSEG 0\nManBr = 1\n"
          "[FWD_GEN]\nCount = 12\nCANoIPdPort = 70000\n"
          "[GUI]\nshow_can_info = 1\nshow_device_info = F\n");
@@ -145,9 +149,9 @@ TEST_F(Loader, HeaderVersion) {
         {header("1.3.2"), -1, 1, 3, 2},
         {header("2.0.0"), -1, 2, 0, 0},
         {"# kiv CONFIGURATION file\n# format VERSION   0.9.4\n", 0, 0, 9, 4},
-        {"# Format version 1.3.1\n", -1, 0, 0, 0},          // no title
-        {"# KIV configuration file\n", -1, 0, 0, 0},        // no version
-        {header("1.x.1"), -1, 1, 0, 0},                     // stops at the bad number
+        {"# Format version 1.3.1\n", -1, 0, 0, 0},                // no title
+        {"# KIV configuration file\n", -1, 0, 0, 0},              // no version
+        {header("1.x.1"), -1, 1, 0, 0},                           // stops at the bad number
         {std::string(2100, '#') + header("1.3.1"), -1, 0, 0, 0},  // beyond the scanned part
     };
     for (const Case& c : cases) {

@@ -104,31 +104,4 @@ TEST(SerialiseAnswer, FormatsBytesUnescapedAndCutsAt507) {
     EXPECT_EQ(std::strlen(out.text), kQueueTextSize - 1);
 }
 
-TEST(SerialiseAnswer, AnswerParsesBackAsTheSameFields) {
-    AnswerMessage a{};
-    a.mt = NEG_ANSW;
-    a.f1 = 9;
-    a.f2 = 32;
-    a.f3 = 4;
-    std::strcpy(a.da, "unknown filter type 7");
-    AnswerQueueMessage out{};
-    ASSERT_EQ(serialiseAnswer(a, out), 0);
-    RequestMessage back{};
-    ASSERT_EQ(parseRequest(out.text, std::strlen(out.text), back), 0);
-    EXPECT_EQ(back.mt, NEG_ANSW);
-    EXPECT_EQ(back.f2, 32);
-    EXPECT_STREQ(back.da, "unknown filter type 7");
-}
-
-TEST(ErrorAnswer, CarriesTheSystemTextToTheSession) {
-    AnswerMessage a{};
-    a.f1 = 7;
-    std::strcpy(a.da, "stale");
-    errorAnswer(a, E2BIG, 77);
-    EXPECT_EQ(a.type, 77);
-    EXPECT_EQ(a.mt, NEG_ANSW);
-    EXPECT_EQ(a.f1, 0);
-    EXPECT_STREQ(a.da, "ERROR: Argument list too long!");
-}
-
 }  // namespace

@@ -10,7 +10,7 @@
 namespace {
 
 class Session : public SeamTest {
-protected:
+  protected:
     AnswerMessage send(uint8_t mt, uint8_t f1 = 0, uint8_t f2 = 0, uint8_t f3 = 0,
                        const char* da = "") {
         RequestMessage request{};
@@ -44,7 +44,8 @@ TEST_F(Session, StartAnswersWithFixedF1AndOpensASession) {
     EXPECT_STREQ(a.da, "");
     EXPECT_EQ(m().session.counter, 1u);
     EXPECT_EQ(m().session.noSessionOpen, 0);
-    for (unsigned place = 0; place < flag::Count; ++place) EXPECT_FALSE(m().changed.isSet(place));
+    for (unsigned place = 0; place < flag::Count; ++place)
+        EXPECT_FALSE(m().changed.isSet(place));
     start(0);
     EXPECT_EQ(m().session.counter, 2u);
 }
@@ -69,7 +70,8 @@ TEST_F(Session, ReadsOfUnknownGroupsSucceedEmptyAndAnswersAreNeverAnswered) {
 TEST_F(Session, AcceptsOneWriteMoreThanAnnounced) {
     for (int announced : {0, 2}) {
         start(static_cast<uint8_t>(announced));
-        for (int i = 0; i <= announced; ++i) EXPECT_EQ(send(SET_PARAM, 6).mt, POS_ANSW) << i;
+        for (int i = 0; i <= announced; ++i)
+            EXPECT_EQ(send(SET_PARAM, 6).mt, POS_ANSW) << i;
         AnswerMessage refused = send(SET_PARAM, 6);
         EXPECT_EQ(refused.mt, NEG_ANSW);
         EXPECT_EQ(refused.f1, 6);
