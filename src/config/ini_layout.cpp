@@ -346,16 +346,16 @@ int formatSectionName(KeyAddress& out, const char* baseName, int number) {
 }
 
 int keyAddress(KeyAddress& out, Section section, int number, unsigned place) {
-    const SectionSpec& spec = sectionSpec(section);
+    const SectionSpec& layout = sectionSpec(section);
     const char* name = keyName(section, place);
-    return spec.numbered ? formatKey(out, spec.name, number, name)
-                         : formatKey(out, spec.name, name);
+    return layout.numbered ? formatKey(out, layout.name, number, name)
+                           : formatKey(out, layout.name, name);
 }
 
 int sectionAddress(KeyAddress& out, Section section, int number) {
-    const SectionSpec& spec = sectionSpec(section);
-    if (spec.numbered) return formatSectionName(out, spec.name, number);
-    return fitted(out, std::snprintf(out, sizeof out, "%s", spec.name));
+    const SectionSpec& layout = sectionSpec(section);
+    if (layout.numbered) return formatSectionName(out, layout.name, number);
+    return fitted(out, std::snprintf(out, sizeof out, "%s", layout.name));
 }
 
 int32_t readInteger(const dictionary* ini, Section section, int number, unsigned place) {

@@ -155,10 +155,9 @@ int checkHeader(const char* path, int& major, int& minor, int& patch) {
     ++at;
     if (!readVersionNumber(at, patch)) return -1;
 
-    const bool older = major < ini::kFormatMajor ||
-                       (major == ini::kFormatMajor && minor < ini::kFormatMinor) ||
-                       (major == ini::kFormatMajor && minor == ini::kFormatMinor &&
-                        patch <= ini::kFormatPatch);
+    const bool older =
+        major < ini::kFormatMajor || (major == ini::kFormatMajor && minor < ini::kFormatMinor) ||
+        (major == ini::kFormatMajor && minor == ini::kFormatMinor && patch <= ini::kFormatPatch);
     return older ? 0 : -1;
 }
 
@@ -170,8 +169,8 @@ int loadConfiguration(ConfigModel& model) {
 
     // Any other version (and a file without header) is read under its own key names and
     // rewritten whole in the current format by the next store.
-    const bool legacy = major != ini::kFormatMajor || minor != ini::kFormatMinor ||
-                        patch != ini::kFormatPatch;
+    const bool legacy =
+        major != ini::kFormatMajor || minor != ini::kFormatMinor || patch != ini::kFormatPatch;
     const ini::SavedKeyNames saved = ini::saveKeyNames();
     if (legacy) {
         (void)ini::applyLegacyKeyNames(major, minor, patch);  // unknown versions keep the names
