@@ -6,6 +6,7 @@
 #include <tuple>
 #include <vector>
 
+#include "core/session.h"
 #include "fake_system.h"
 #include "filters/filter_store.h"
 #include "filters/route_filters.h"
@@ -89,6 +90,28 @@ TEST_F(RouteFilters, FileIsWrittenBeforeTheDriverIsAsked) {
     EXPECT_EQ(fake.readFile("/tmp/canoip0_filter.cfg"),
               "filters defined: 1, join filters is: false, unify filters is: false\n"
               "0: id = 0x00000100 mask = 0x80000700\n\n\n");
+}
+
+// A filter made by requests reaches the route's node and file once the route applies it.
+TEST_F(RouteFilters, FilterCreatedInASessionReachesTheRoute) {
+    const std::tuple<uint8_t, uint8_t, uint8_t, const char*> requests[] = {
+        {START_SESSION, 2, 2, ""},
+        {SET_PARAM, 9, 0, "1"},
+        {SET_PARAM, 9, 2, "0x100-0x1FF"},
+        {FINISH_SESSION, 0, 0, ""}};
+    for (const auto& [mt, f1, f3, da] : requests) {
+        RequestMessage rq{0, mt, f1, uint8_t(mt == START_SESSION ? 0 : 1), f3, {}};
+        std::snprintf(rq.da, sizeof rq.da, "%s", da);
+        AnswerMessage a{};
+        ASSERT_EQ(procMsg(rq, a, m()), 0) << a.da;
+    }
+    ASSERT_EQ(parseFilterList(m().filters, "1", 0, false), 0);
+    EXPECT_EQ(apply(0), 0);
+    EXPECT_EQ(fake.readFile("/tmp/canoip0_filter.cfg"),
+              "filters defined: 1, join filters is: false, unify filters is: false\n"
+              "0: id = 0x00000100 mask = 0x80000700\n\n\n");
+    ASSERT_EQ(fake.driver.filterCalls.size(), 1u);
+    EXPECT_EQ(fake.driver.filterCalls[0].entries, (Pairs{{0x100, 0x80000700}}));
 }
 
 TEST_F(RouteFilters, UnopenableFileEndsTheDaemon) {
