@@ -11,95 +11,61 @@ int parse(const std::string& text, RequestMessage& request) {
     return parseRequest(text.data(), text.size(), request);
 }
 
-std::string request4(const std::string& mt, const std::string& f1, const std::string& f2,
-                     const std::string& f3) {
-    return "a:4:{s:2:\"mt\";i:" + mt + ";s:2:\"f1\";i:" + f1 + ";s:2:\"f2\";i:" + f2 +
-           ";s:2:\"f3\";i:" + f3 + ";}";
+std::string request(const std::string& mt, const std::string& f1, const std::string& f3,
+                    const std::string& value = "", int declared = -1) {
+    std::string text = "a:" + std::string(declared < 0 ? "4" : "5") + ":{s:2:\"mt\";i:" + mt +
+                       ";s:2:\"f1\";i:" + f1 + ";s:2:\"f2\";i:3;s:2:\"f3\";i:" + f3 + ";";
+    if (declared >= 0) text += "s:2:\"da\";s:" + std::to_string(declared) + ":\"" + value + "\";";
+    return text + "}";
 }
 
-std::string request5(int f3, const std::string& value, std::size_t declared) {
-    return "a:5:{s:2:\"mt\";i:2;s:2:\"f1\";i:4;s:2:\"f2\";i:1;s:2:\"f3\";i:" + std::to_string(f3) +
-           ";s:2:\"da\";s:" + std::to_string(declared) + ":\"" + value + "\";}";
-}
-
-TEST(ParseRequest, FourElementReadHasEmptyValue) {
-    RequestMessage r{};
-    std::strcpy(r.da, "left over");
-    ASSERT_EQ(parse(request4("1", "0", "3", "0"), r), 0);
-    EXPECT_EQ(r.mt, READ_PARAM);
-    EXPECT_EQ(r.f1, 0);
-    EXPECT_EQ(r.f2, 3);
-    EXPECT_EQ(r.f3, 0);
-    EXPECT_STREQ(r.da, "");
-}
-
-TEST(ParseRequest, MalformedElementsNameTheirPlace) {
-    struct Case {
-        std::string text;
-        int result;
-    } cases[] = {
-        {request4("256", "0", "0", "0"), -2},
-        {request4("1", "256", "0", "0"), -3},
-        {request4("1", "0", "256", "0"), -4},
-        {request4("1", "0", "0", "256"), -5},
-        {"b" + request4("1", "0", "0", "0").substr(1), -1},
-        {"a:3:{s:2:\"mt\";i:1;s:2:\"f1\";i:0;s:2:\"f2\";i:0;}", -1},
-        {"a:4:{s:2:\"mx\";i:1;s:2:\"f1\";i:0;s:2:\"f2\";i:0;s:2:\"f3\";i:0;}", -2},
-        {"a:4:{s:2:\"mt\";d:1;s:2:\"f1\";i:0;s:2:\"f2\";i:0;s:2:\"f3\";i:0;}", -2},
-        {"a:5:{s:2:\"mt\";i:1;s:2:\"f1\";i:0;s:2:\"f2\";i:0;s:2:\"f3\";i:0;}", -6},
-        {"a:5:{s:2:\"mt\";i:1;s:2:\"f1\";i:0;s:2:\"f2\";i:0;s:2:\"f3\";i:0;s:2:\"da\";i:5;}", -6},
-        {"a", -1},
+TEST(ParseRequest, ResultsNameTheMalformedElement) {
+    const std::string good = request("1", "0", "0");
+    const std::pair<std::string, int> cases[] = {
+        {request("255", "255", "255"), 0},
+        {request("256", "0", "0"), -2},
+        {request("1", "256", "0"), -3},
+        {request("1", "0", "256"), -5},
+        {"b" + good.substr(1), -1},
+        {"a:3" + good.substr(3), -1},
+        {"a:4:{s:2:\"mt\";d:1" + good.substr(17), -2},
+        {"a:5" + good.substr(3), -6},
+        {good.substr(0, 40), -4},
         {"", -1},
-        {"a:4:{s:2:\"mt\";i:1;s:2:\"f1\";i:0;s:2", -4},
     };
-    for (const Case& c : cases) {
+    for (const auto& [text, result] : cases) {
         RequestMessage r{};
-        EXPECT_EQ(parse(c.text, r), c.result) << c.text;
+        std::strcpy(r.da, "left over");
+        EXPECT_EQ(parse(text, r), result) << text;
+        // A request without value clears it; a dropped one leaves it alone.
+        EXPECT_STREQ(r.da, result == 0 ? "" : "left over") << text;
     }
-    RequestMessage r{};
-    EXPECT_EQ(parse(request4("255", "255", "255", "255"), r), 0);
-    EXPECT_EQ(r.mt, 255);
-    EXPECT_EQ(r.f3, 255);
 }
 
-TEST(ParseRequest, ValueOverwritesThePreviousOneWithoutClearingIt) {
+TEST(ParseRequest, ValueIsCopiedOverThePreviousOneUpToTheTextsEnd) {
     RequestMessage r{};
-    ASSERT_EQ(parse(request5(2, "500000", 6), r), 0);
-    EXPECT_STREQ(r.da, "500000");
-    ASSERT_EQ(parse(request5(2, "25", 2), r), 0);
+    ASSERT_EQ(parse(request("2", "4", "2", "500000", 6), r), 0);
+    ASSERT_EQ(parse(request("2", "4", "2", "25", 2), r), 0);
     EXPECT_STREQ(r.da, "250000");  // the old tail stays behind the new value
-}
+    ASSERT_EQ(parse(request("2", "4", "2", "abc", 999), r), 0);
+    EXPECT_STREQ(r.da, "abc\";}");  // a declared length beyond the text stops at its end
 
-TEST(ParseRequest, DeclaredLengthIsBoundedByTheText) {
-    RequestMessage r{};
-    const std::string text = request5(0, "abc", 999);
-    ASSERT_EQ(parse(text, r), 0);
-    EXPECT_STREQ(r.da, "abc\";}");  // copies to the end of the text, no further
-
-    // A full-size message whose text is not terminated: nothing beyond it is read.
-    std::string huge = request5(0, std::string(600, 'x'), 600).substr(0, kQueueTextSize);
+    // A full-size text that is not terminated: nothing beyond it is read.
+    const std::string huge = request("2", "0", "0", std::string(600, 'x'), 600);
     RequestMessage big{};
-    ASSERT_EQ(parse(huge, big), 0);
+    ASSERT_EQ(parseRequest(huge.data(), kQueueTextSize, big), 0);
     EXPECT_EQ(std::strlen(big.da), kQueueTextSize - (huge.find("600:\"") + 5));
 }
 
 TEST(SerialiseAnswer, FormatsBytesUnescapedAndCutsAt507) {
-    AnswerMessage a{};
-    a.type = 42;
-    a.mt = POS_ANSW;
-    a.f1 = 4;
-    a.f2 = 1;
-    a.f3 = 2;
-    std::strcpy(a.da, "say \"hi\"; \xC3\xA4");
+    AnswerMessage a{42, POS_ANSW, 4, 1, 2, "say \"hi\"; \xC3\xA4"};
     AnswerQueueMessage out{};
     EXPECT_EQ(serialiseAnswer(a, out), 0);
     EXPECT_EQ(out.mtype, 42);
     EXPECT_STREQ(out.text,
                  "a:5:{s:2:\"mt\";i:3;s:2:\"f1\";i:4;s:2:\"f2\";i:1;s:2:\"f3\";i:2;s:2:\"da\";s:12:"
                  "\"say \"hi\"; \xC3\xA4\";}");
-
     std::memset(a.da, 'v', sizeof a.da - 1);
-    a.da[sizeof a.da - 1] = '\0';
     EXPECT_EQ(serialiseAnswer(a, out), -1);
     EXPECT_EQ(std::strlen(out.text), kQueueTextSize - 1);
 }

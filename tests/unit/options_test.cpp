@@ -10,76 +10,48 @@
 
 namespace {
 
-struct Outcome {
-    int status;
-    std::string printed;
-    Options options;
-};
-
-Outcome parse(std::vector<std::string> args) {
-    args.insert(args.begin(), "/usr/sbin/cfgd");
-    std::vector<char*> argv;
-    for (auto& a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    char* buffer = nullptr;
-    std::size_t size = 0;
-    std::FILE* out = open_memstream(&buffer, &size);
-    Outcome o{};
-    o.status = parseOptions(static_cast<int>(args.size()), argv.data(), o.options, out);
-    std::fclose(out);
-    o.printed.assign(buffer, size);
-    std::free(buffer);
-    return o;
-}
-
-// The usage text's exact wording is checked end to end; here it only has to be the one printed.
-const std::string kUsage = "\nUsage: cfgd [-f IniFile] [-l lockFile] [-s semKey] [-q queueKey]\n";
-
-TEST(Options, DefaultsWithoutArguments) {
-    Outcome o = parse({});
-    EXPECT_EQ(o.status, kContinue);
-    EXPECT_STREQ(o.options.configPath, "/mnt/user/kiv_config.ini");
-    EXPECT_STREQ(o.options.lockPath, "/tmp/kiv_lock");
-    EXPECT_EQ(o.options.queueKey, kNoKey);
-    EXPECT_EQ(o.options.semaphoreKey, kNoKey);
-}
-
-TEST(Options, ExitStatusesAndTexts) {
-    const std::string path127 = "/" + std::string(126, 'p');
-    const std::string path128 = path127 + "p";
-    const std::string tooLarge = "filename to large (max. 127)\n";
+// The texts' exact wording is checked end to end; here the right one has to begin the output.
+TEST(Options, StatusesTextsAndValues) {
+    const std::string p127 = "/" + std::string(126, 'p'), p128 = p127 + "p";
+    const std::string usage = "\nUsage: cfgd [", tooLarge = "filename to large (max. 127)\n";
     const std::string version = "1.5.5\nbuild for: GWMD-310275 at Jan 25 2017 13:37:14\n";
-    struct Case {
-        std::vector<std::string> args;
-        int status;
-        std::string printed;
-    } cases[] = {
-        {{"-f", path127}, kContinue, ""},
-        {{"-f", path128}, -1, tooLarge},
-        {{"-l", path128}, -1, tooLarge},
-        {{"-q", "255", "-s", "0"}, kContinue, ""},
-        {{"-q", "256"}, -1, kUsage},
-        {{"-s", "-1"}, -1, kUsage},
+    const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
+        {{}, kContinue, ""},
+        {{"-f", "/a.ini", "-f", p127, "-l", "/l", "-q", "255", "-s", "0"}, kContinue, ""},
+        {{"-f", p128}, -1, tooLarge},
+        {{"-l", p128}, -1, tooLarge},
+        {{"-q", "256"}, -1, usage},
+        {{"-s", "-1"}, -1, usage},
         {{"-v", "-q", "256"}, 2, version},
-        {{"-q", "256", "-v"}, -1, kUsage},
-        {{"-x"}, 2, kUsage},
+        {{"-q", "256", "-v"}, -1, usage},
+        {{"-x"}, 2, usage},
     };
-    for (const Case& c : cases) {
-        Outcome o = parse(c.args);
-        EXPECT_EQ(o.status, c.status) << c.args[0];
-        EXPECT_EQ(o.printed.substr(0, c.printed.size()), c.printed) << c.args[0];
-        EXPECT_EQ(o.printed.empty(), c.printed.empty()) << c.args[0];
+    for (auto [args, status, printed] : cases) {
+        args.insert(args.begin(), "/usr/sbin/cfgd");
+        std::vector<char*> argv;
+        for (auto& a : args)
+            argv.push_back(a.data());
+        char* text = nullptr;
+        std::size_t size = 0;
+        std::FILE* out = open_memstream(&text, &size);
+        Options o{};
+        EXPECT_EQ(parseOptions(static_cast<int>(argv.size()), argv.data(), o, out), status);
+        std::fclose(out);
+        EXPECT_EQ(std::string(text, size).substr(0, printed.size()), printed) << args[1];
+        EXPECT_EQ(size == 0, printed.empty()) << args[1];
+        std::free(text);
+        if (args.size() == 1) {
+            EXPECT_STREQ(o.configPath, "/mnt/user/kiv_config.ini");
+            EXPECT_STREQ(o.lockPath, "/tmp/kiv_lock");
+            EXPECT_EQ(o.queueKey, kNoKey);
+            EXPECT_EQ(o.semaphoreKey, kNoKey);
+        } else if (status == kContinue) {
+            EXPECT_EQ(o.configPath, p127);  // the later -f replaces the earlier
+            EXPECT_STREQ(o.lockPath, "/l");
+            EXPECT_EQ(o.queueKey, 255);
+            EXPECT_EQ(o.semaphoreKey, 0);
+        }
     }
-}
-
-TEST(Options, LaterPathReplacesEarlierAndKeysAreTaken) {
-    Outcome o = parse({"-f", "/a.ini", "-l", "/l", "-f", "/b.ini", "-s", "5", "-q", "6"});
-    EXPECT_EQ(o.status, kContinue);
-    EXPECT_STREQ(o.options.configPath, "/b.ini");
-    EXPECT_STREQ(o.options.lockPath, "/l");
-    EXPECT_EQ(o.options.semaphoreKey, 5);
-    EXPECT_EQ(o.options.queueKey, 6);
 }
 
 class LockFile : public SeamTest {};

@@ -9,62 +9,42 @@
 
 namespace {
 
+constexpr const char* kMixedText =
+    "ERROR: Temporary and permanent requests mixed up during session!";
+
 class Session : public SeamTest {
   protected:
     AnswerMessage send(uint8_t mt, uint8_t f1 = 0, uint8_t f2 = 0, uint8_t f3 = 0,
                        const char* da = "") {
-        RequestMessage request{};
-        request.mt = mt;
-        request.f1 = f1;
-        request.f2 = f2;
-        request.f3 = f3;
+        RequestMessage request{0, mt, f1, f2, f3, {}};
         std::snprintf(request.da, sizeof request.da, "%s", da);
         AnswerMessage answer{};
         std::strcpy(answer.da, "stale text");
-        result = procMsg(request, answer, m());
+        (void)procMsg(request, answer, m());  // the answer's type tells
         return answer;
     }
-    AnswerMessage start(uint8_t writes) { return send(START_SESSION, kAddress, 0, writes); }
-    AnswerMessage writeGui(uint8_t mt, const char* value) {
-        return send(mt, 8, 1, 0, value);  // GUI "show device info"
-    }
+    void start(uint8_t writes) { ASSERT_EQ(send(START_SESSION, kAddress, 0, writes).mt, POS_ANSW); }
+    // GUI "show device info": a write whose effect is easy to see.
+    AnswerMessage writeGui(uint8_t mt, const char* value) { return send(mt, 8, 1, 0, value); }
 
     static constexpr uint8_t kAddress = 42;
-    int result = 0;
 };
 
-TEST_F(Session, StartAnswersWithFixedF1AndOpensASession) {
+TEST_F(Session, StartOpensAFreshSessionAndAnswersNeedNoAnswer) {
     m().changed.setAll();
     AnswerMessage a = send(START_SESSION, kAddress, 7, 3);
     EXPECT_EQ(a.type, kAddress);
-    EXPECT_EQ(a.mt, POS_ANSW);
     EXPECT_EQ(a.f1, 1);
-    EXPECT_EQ(a.f2, 7);
     EXPECT_EQ(a.f3, 3);
     EXPECT_STREQ(a.da, "");
     EXPECT_EQ(m().session.counter, 1u);
-    EXPECT_EQ(m().session.noSessionOpen, 0);
     for (unsigned place = 0; place < flag::Count; ++place)
         EXPECT_FALSE(m().changed.isSet(place));
     start(0);
     EXPECT_EQ(m().session.counter, 2u);
-}
-
-TEST_F(Session, ReadsOfUnknownGroupsSucceedEmptyAndAnswersAreNeverAnswered) {
-    start(0);
-    AnswerMessage a = send(READ_PARAM, 12, 3, 4);
-    EXPECT_EQ(a.type, kAddress);
-    EXPECT_EQ(a.mt, POS_ANSW);
-    EXPECT_EQ(a.f1, 12);
-    EXPECT_EQ(a.f2, 3);
-    EXPECT_EQ(a.f3, 4);
-    EXPECT_STREQ(a.da, "");
-    EXPECT_EQ(m().session.readCount, 1);
-    for (uint8_t mt : {uint8_t{POS_ANSW}, uint8_t{NEG_ANSW}, uint8_t{8}, uint8_t{255}}) {
-        AnswerMessage silent = send(mt, 1, 2, 3);
-        EXPECT_EQ(silent.type, 0) << int(mt);  // type 0 cannot be sent
-        EXPECT_STREQ(silent.da, "") << int(mt);
-    }
+    EXPECT_EQ(send(READ_PARAM, 12, 3, 4).type, kAddress);
+    for (uint8_t mt : {uint8_t{POS_ANSW}, uint8_t{NEG_ANSW}, uint8_t{8}, uint8_t{255}})
+        EXPECT_EQ(send(mt, 1, 2, 3).type, 0) << int(mt);  // type 0 cannot be sent
 }
 
 TEST_F(Session, AcceptsOneWriteMoreThanAnnounced) {
@@ -74,20 +54,17 @@ TEST_F(Session, AcceptsOneWriteMoreThanAnnounced) {
             EXPECT_EQ(send(SET_PARAM, 6).mt, POS_ANSW) << i;
         AnswerMessage refused = send(SET_PARAM, 6);
         EXPECT_EQ(refused.mt, NEG_ANSW);
-        EXPECT_EQ(refused.f1, 6);
         EXPECT_STREQ(refused.da, "ERROR: Exeeded number of write requests!");
-        EXPECT_EQ(m().session.writeCount, announced + 2);
         send(FINISH_SESSION);
     }
 }
 
 TEST_F(Session, TemporaryAfterPermanentIsDonePermanentAfterTemporaryIsNot) {
-    const char* mixed = "ERROR: Temporary and permanent requests mixed up during session!";
     start(5);
     EXPECT_EQ(writeGui(SET_PARAM, "0").mt, POS_ANSW);
     AnswerMessage temporary = writeGui(SET_TEMP_PARAM, "1");
     EXPECT_EQ(temporary.mt, POS_ANSW);
-    EXPECT_STREQ(temporary.da, mixed);
+    EXPECT_STREQ(temporary.da, kMixedText);
     EXPECT_EQ(m().gui.show[0], 1);
     send(ABORT_SESSION);
 
@@ -95,24 +72,18 @@ TEST_F(Session, TemporaryAfterPermanentIsDonePermanentAfterTemporaryIsNot) {
     EXPECT_EQ(writeGui(SET_TEMP_PARAM, "0").mt, POS_ANSW);
     AnswerMessage permanent = writeGui(SET_PARAM, "1");
     EXPECT_EQ(permanent.mt, NEG_ANSW);
-    EXPECT_STREQ(permanent.da, mixed);
+    EXPECT_STREQ(permanent.da, kMixedText);
     EXPECT_EQ(m().gui.show[0], 0);
-    // A temporary write that the group refuses carries the group's text.
-    AnswerMessage refused = send(SET_TEMP_PARAM, 8, 2, 0, "1");
-    EXPECT_EQ(refused.mt, NEG_ANSW);
-    EXPECT_STREQ(refused.da, "Unknown subidx I in f2 (f1:8, f2:2, f3:0)");
 }
 
 TEST_F(Session, FinishAppliesOnlyAnnouncedSessionsThatWrote) {
     start(0);
     send(READ_PARAM, 1, 0, 0);
     EXPECT_EQ(send(FINISH_SESSION).mt, POS_ANSW);
-
     start(0);  // announced nothing: the one write stays in memory
     send(SET_PARAM, 1, 0, 0, "quiet");
     EXPECT_EQ(send(FINISH_SESSION).mt, POS_ANSW);
     EXPECT_TRUE(fake.hostNamesSet.empty());
-    EXPECT_STREQ(m().general.hostName, "quiet");
 
     start(1);
     send(SET_TEMP_PARAM, 1, 0, 0, "loud");
@@ -121,7 +92,6 @@ TEST_F(Session, FinishAppliesOnlyAnnouncedSessionsThatWrote) {
     EXPECT_EQ(finished.mt, POS_ANSW);
     EXPECT_EQ(fake.hostNamesSet, std::vector<std::string>{"loud"});
     EXPECT_EQ(m().session.temporary, 0);
-    EXPECT_EQ(m().session.noSessionOpen, 1);
 }
 
 TEST_F(Session, FailedApplyKeepsTheWriteKindIntoTheNextSession) {
@@ -131,26 +101,20 @@ TEST_F(Session, FailedApplyKeepsTheWriteKindIntoTheNextSession) {
     AnswerMessage finished = send(FINISH_SESSION);
     EXPECT_EQ(finished.mt, NEG_ANSW);
     EXPECT_STREQ(finished.da, "sethostname failed (Operation not permitted)");
-    EXPECT_EQ(m().session.permanent, 1);
-
     start(1);
-    AnswerMessage next = writeGui(SET_TEMP_PARAM, "1");
-    EXPECT_EQ(next.mt, POS_ANSW);
-    EXPECT_STREQ(next.da, "ERROR: Temporary and permanent requests mixed up during session!");
+    EXPECT_STREQ(writeGui(SET_TEMP_PARAM, "1").da, kMixedText);
 }
 
 TEST_F(Session, AbandonedAndAbortedSessionsAreReloadedFromTheFile) {
     fake.writeFile(kDefaultConfigPath, "[General]\nDescription = from file\n");
     start(1);
     send(SET_PARAM, 0, 4, 0, "changed");
-    EXPECT_STREQ(m().general.Description, "changed");
     start(1);  // the first session was never finished
     EXPECT_STREQ(m().general.Description, "from file");
 
     send(SET_PARAM, 0, 4, 0, "changed again");
     AnswerMessage aborted = send(ABORT_SESSION, 3, 4, 5);
     EXPECT_EQ(aborted.mt, POS_ANSW);
-    EXPECT_EQ(aborted.f1, 3);
     EXPECT_EQ(aborted.f3, 5);
     EXPECT_STREQ(m().general.Description, "from file");
 
