@@ -1,87 +1,144 @@
 #pragma once
-// What the end-to-end tests need to drive the real daemon: starting programs, talking over its
-// message queue as a client does, and reading the sandbox's command log.
+// What the end-to-end tests need to drive the real programs: starting them, talking over the
+// daemon's message queue as a client does, and reading the sandbox's command log.
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <cstddef>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
+
+extern char** environ;
 
 namespace e2e {
 
-// The programs under test, as built (paths set by the build).
-const char* daemonPath();
-const char* clientPath();
+// Calls `done` every few milliseconds until it returns true; false once `timeoutMs` passed.
+inline bool poll(const std::function<bool()>& done, int timeoutMs) {
+    for (int waited = 0; !done(); waited += 2) {
+        if (waited >= timeoutMs) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
 
-// Whether this process runs inside sandbox/sandbox.sh; `why` says what is missing.
-bool insideSandbox(std::string& why);
+// The whole content of a file; empty when it cannot be read.
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
 
-// A started program whose standard output and error go to files of their own.
+// A started program; its standard output and error go to one file of its own.
 class Process {
   public:
-    Process(const std::string& program, const std::vector<std::string>& arguments);
-    ~Process();
+    Process(const std::string& program, std::vector<std::string> arguments) {
+        static int count = 0;
+        outputPath_ = "/tmp/e2e-" + std::to_string(getpid()) + "-" + std::to_string(++count);
+        arguments.insert(arguments.begin(), program);
+        std::vector<char*> argv;
+        for (std::string& argument : arguments)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, outputPath_.c_str(), O_WRONLY | O_CREAT,
+                                         0644);
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0)
+            ended_ = true;  // never started: nothing to wait for
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~Process() {
+        // Ended as the daemon is meant to end, so that it removes its lock file and IPC objects.
+        if (!ended_) (void)kill(pid_, SIGTERM);  // it may have just ended
+        if (wait(5000) < 0 && !ended_ && kill(pid_, SIGKILL) == 0) (void)waitpid(pid_, nullptr, 0);
+        (void)unlink(outputPath_.c_str());  // only this process's scratch
+    }
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    bool started() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
-    bool running();
-    // Waits for the end, at most `timeoutMs`; false when it is still running.
-    bool waitForExit(int timeoutMs);
-    void signal(int number);
-    // Exit status (0..255) once it has ended by exit; -1 otherwise.
-    int exitStatus() const;
-    std::string output() const;
-    std::string errors() const;
+    std::string output() const { return readFile(outputPath_); }
+    // Exit status (0..255) once it has exited, waiting at most `timeoutMs`; -1 otherwise.
+    int wait(int timeoutMs) {
+        (void)poll(  // the status below tells
+            [this] { return ended_ || (ended_ = waitpid(pid_, &waitStatus_, WNOHANG) == pid_); },
+            timeoutMs);
+        return ended_ && WIFEXITED(waitStatus_) ? WEXITSTATUS(waitStatus_) : -1;
+    }
 
   private:
     pid_t pid_ = -1;
-    int waitStatus_ = 0;
     bool ended_ = false;
+    int waitStatus_ = -1;  // not an exit status until reaped
     std::string outputPath_;
-    std::string errorPath_;
 };
 
-// The whole content of a file, or nothing when it cannot be read.
-std::optional<std::string> readFile(const std::string& path);
-// Polls `path` until it holds a complete line; nothing when `timeoutMs` passed first.
-std::optional<std::string> waitForLine(const std::string& path, int timeoutMs);
-void sleepMilliseconds(int milliseconds);
+// A message text as a client writes it: four elements, five with a value. Answers always carry
+// the value.
+inline std::string text(unsigned mt, unsigned f1, unsigned f2, unsigned f3,
+                        const char* da = nullptr) {
+    char head[128];
+    std::snprintf(head, sizeof head,
+                  "a:%d:{s:2:\"mt\";i:%u;s:2:\"f1\";i:%u;s:2:\"f2\";i:%u;s:2:\"f3\";i:%u;",
+                  da ? 5 : 4, mt, f1, f2, f3);
+    std::string text = head;
+    if (da) text += "s:2:\"da\";s:" + std::to_string(std::strlen(da)) + ":\"" + da + "\";";
+    return text + "}";
+}
 
-// Request texts as a client writes them: four elements without a value, five with one.
-std::string request(unsigned mt, unsigned f1, unsigned f2, unsigned f3);
-std::string request(unsigned mt, unsigned f1, unsigned f2, unsigned f3, const std::string& da);
-// The answer text the daemon is expected to send.
-std::string answer(unsigned mt, unsigned f1, unsigned f2, unsigned f3, const std::string& da);
-
-// A client's end of the daemon's queue.
-class Queue {
-  public:
-    explicit Queue(int id) : id_(id) {}
-    int id() const { return id_; }
-    bool send(const std::string& text, long type = 1);
-    // The next message of `type`, polled for at most `timeoutMs`.
-    std::optional<std::string> receive(long type, int timeoutMs);
-    std::size_t messageCount();
-
-  private:
-    int id_;
+// A System V queue message as msgsnd and msgrcv take it.
+struct QueueMessage {
+    long type;
+    char text[8192];
 };
+// Puts `text` on the daemon's queue `id` as a client does (requests go as type 1).
+inline bool send(int id, const std::string& text, long type = 1) {
+    QueueMessage message{type, {}};
+    std::memcpy(message.text, text.data(), std::min(text.size(), sizeof message.text));
+    return msgsnd(id, &message, text.size(), IPC_NOWAIT) == 0;
+}
+// The next message of `type` on queue `id`, polled for at most `timeoutMs`.
+inline std::optional<std::string> receive(int id, long type, int timeoutMs) {
+    QueueMessage message;
+    ssize_t length = -1;
+    (void)poll(  // the length below tells
+        [&] {
+            length = msgrcv(id, &message, sizeof message.text, type, IPC_NOWAIT);
+            return length >= 0 || errno != ENOMSG;
+        },
+        timeoutMs);
+    if (length < 0) return std::nullopt;
+    return std::string(message.text, static_cast<std::size_t>(length));
+}
 
-// The sandbox's command log, where the stubs record the commands the daemon runs.
-class CommandLog {
-  public:
-    CommandLog();
-    std::size_t size() const;
-    // The lines appended since `offset`, without those of programs the daemon leaves running
-    // in the background (their lines may land at any time).
-    std::vector<std::string> linesSince(std::size_t offset) const;
-
-  private:
-    std::string path_;
-};
+// The sandbox's command log (the stubs record there the commands the daemon runs) from line
+// `first` on, without the lines of programs the daemon leaves running in the background: those
+// may land at any time.
+inline std::vector<std::string> commandsSince(std::size_t first) {
+    const char* path = std::getenv("CFGD_SANDBOX_LOG");
+    std::istringstream in(path != nullptr ? readFile(path) : "");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+        if (!line.starts_with("canoipd ")) lines.push_back(line);  // started with "&"
+    lines.erase(lines.begin(), lines.begin() + std::min(first, lines.size()));
+    return lines;
+}
 
 }  // namespace e2e
