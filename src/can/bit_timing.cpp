@@ -1,8 +1,9 @@
 #include "can/bit_timing.h"
 
+#include "model/device_numbers.h"
+
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 
 namespace {
 
@@ -23,13 +24,6 @@ constexpr double kCanClockMHz = 24.0;
 
 }  // namespace
 
-long deviceStrtol(const char* text) {
-    const long value = std::strtol(text, nullptr, 10);
-    if (value > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
-    if (value < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
-    return value;
-}
-
 int parseBrRegs(const char* text, BitTiming& timing) {
     bool haveBrp = false;
     bool haveTq = false;
@@ -39,7 +33,7 @@ int parseBrRegs(const char* text, BitTiming& timing) {
             if (key.required) return -1;
             continue;
         }
-        const long value = deviceStrtol(found + std::strlen(key.keyword));
+        const long value = deviceStrtol(found + std::strlen(key.keyword), 10);
         timing.*key.field = value < 0 ? 0 : static_cast<uint32_t>(value);
         if (key.field == &BitTiming::brp) haveBrp = true;
         if (key.field == &BitTiming::tq) haveTq = true;

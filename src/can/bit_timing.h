@@ -11,7 +11,3 @@
 // stay stored) or when neither BRP nor TQ is given. Without TQ, tq follows from BRP for the
 // controller's 24 MHz clock.
 int parseBrRegs(const char* text, BitTiming& timing);
-
-// base-10 strtol as the device's 32-bit long gives it: out-of-range values saturate at the
-// 32-bit limits, so a host build reads absurd numbers the way the device does.
-long deviceStrtol(const char* text);

@@ -8,6 +8,7 @@
 #include "can/bit_timing.h"
 #include "can/link_info.h"
 #include "model/config_model.h"
+#include "model/device_numbers.h"
 #include "sys/system.h"
 
 namespace {
@@ -131,7 +132,7 @@ int writeIfName(const RequestMessage& request, AnswerMessage&, CanInterface& can
 }
 
 int writeBitrate(const RequestMessage& request, AnswerMessage& answer, CanInterface& can) {
-    const long rate = deviceStrtol(request.da);
+    const long rate = deviceStrtol(request.da, 10);
     if (rate > static_cast<long>(kMaxBaudrate)) {
         answerText(answer, kBaudrateTooHighFormat, static_cast<int>(kMaxBaudrate));
         return -1;

@@ -1,11 +1,12 @@
 #include "config/conversions.h"
 
+#include "model/device_numbers.h"
+
 #include <arpa/inet.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 
 namespace {
 
@@ -100,10 +101,7 @@ const char* formatProtocol(uint32_t protocol) {
 }
 
 int32_t parseInteger(const char* text) {
-    const long long value = std::strtoll(text, nullptr, 0);
-    constexpr long long low = std::numeric_limits<int32_t>::min();
-    constexpr long long high = std::numeric_limits<int32_t>::max();
-    return static_cast<int32_t>(value < low ? low : value > high ? high : value);
+    return deviceStrtol(text, 0);
 }
 
 int32_t clampInteger(int32_t value, int32_t low, int32_t high) {

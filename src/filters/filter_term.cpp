@@ -2,30 +2,14 @@
 
 #include <array>
 #include <bit>
-#include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "filters/filter_store.h"
+#include "model/device_numbers.h"
 
 namespace {
-
-// strtoul in base 0 as the device's 32-bit unsigned long does it: values beyond 32 bits
-// saturate instead of wrapping, so a term reads the same here as on the device.
-uint32_t toNumber(const char* text) {
-    errno = 0;
-    const unsigned long long value = std::strtoull(text, nullptr, 0);
-    const char* p = text;
-    while (std::isspace(static_cast<unsigned char>(*p)))
-        ++p;
-    const bool negative = *p == '-';
-    const unsigned long long magnitude = negative ? 0 - value : value;
-    if (errno == ERANGE || magnitude > UINT32_MAX) return UINT32_MAX;
-    const auto low = static_cast<uint32_t>(magnitude);
-    return negative ? 0 - low : low;
-}
 
 struct TermForm {
     const char* format;
@@ -45,13 +29,13 @@ constexpr std::array<TermForm, 5> kTermForms{{
 }  // namespace
 
 int parseRangeTerm(Filter& filter, const char* text, FilterTable& store) {
-    filter.FilterFrom = toNumber(text);
+    filter.FilterFrom = deviceStrtoul(text, 0);
     const char* hyphen = std::strchr(text, '-');
     if (hyphen == nullptr) {
         releaseFilter(store, filter);
         return -1;
     }
-    filter.FilterTo = toNumber(hyphen + 1);
+    filter.FilterTo = deviceStrtoul(hyphen + 1, 0);
     if (filter.filter_type != kRange29 && filter.FilterFrom < kStandardIdLimit &&
         filter.FilterTo < kStandardIdLimit)
         return 1;
@@ -61,10 +45,10 @@ int parseRangeTerm(Filter& filter, const char* text, FilterTable& store) {
 }
 
 int parseMaskTerm(Filter& filter, const char* text) {
-    filter.FilterFrom = toNumber(text);
+    filter.FilterFrom = deviceStrtoul(text, 0);
     const char* slash = std::strchr(text, '/');
     if (slash == nullptr) return -1;
-    filter.FilterTo = toNumber(slash + 1);
+    filter.FilterTo = deviceStrtoul(slash + 1, 0);
     if (filter.filter_type == kMask11 && filter.FilterFrom < kStandardIdLimit) {
         filter.FilterTo %= kStandardIdLimit;
     } else if (filter.filter_type == kMask29 || filter.filter_type == kMask11) {
