@@ -146,7 +146,7 @@ int writeLockFile(const char* path, int semaphoreKey, int queueKey, int pid) {
     if (fd < 0) return -1;
     char line[80];
     const int length =
-        std::snprintf(line, sizeof line, "%d, %d, %d\n", semaphoreKey, queueKey, pid);
+        std::snprintf(line, sizeof line, kLockLineFormat, semaphoreKey, queueKey, pid);
     int written = 0;
     int budget = 5000;
     for (;;) {

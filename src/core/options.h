@@ -6,6 +6,8 @@
 #include "config/config_path.h"
 
 inline constexpr const char* kDefaultLockPath = "/tmp/kiv_lock";
+// The lock file's one line: semaphore key, queue key, daemon pid.
+inline constexpr const char* kLockLineFormat = "%d, %d, %d\n";
 inline constexpr int kNoKey = -1;
 
 struct Options {
