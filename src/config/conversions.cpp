@@ -44,7 +44,7 @@ const TextValue<Value>* find(const TextValue<Value> (&table)[N], const char* tex
 
 int parseRouteType(const char* text, uint32_t& typeWord) {
     const auto* row = find(kRouteTypes, text);
-    if (row == nullptr || row->value) typeWord |= kRouteTypeCan2Lan;
+    if (row == nullptr || row->value) typeWord |= kDrvCan2Lan;
     return row != nullptr ? 0 : -1;
 }
 

@@ -8,9 +8,7 @@
 #include <cstdint>
 
 #include "can/can_interface.h"
-
-// Route type word: bit 31 set means CAN2LAN.
-inline constexpr uint32_t kRouteTypeCan2Lan = 1u << 31;
+#include "routing/route_record.h"
 
 // Transport protocol numbers of a route.
 inline constexpr uint32_t kProtocolTcp = 6;

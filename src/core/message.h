@@ -1,44 +1,14 @@
 #pragma once
-// Requests and answers on the message queue: the parsed records the daemon works on and the
-// serialised-array text form that travels between the web front end and the daemon.
+// Requests and answers on the message queue: the serialised-array text form that travels
+// between the web front end and the daemon, and its codec.
 
 #include <cstddef>
 #include <cstdint>
 
-enum MessageType : uint8_t {
-    START_SESSION = 0,
-    READ_PARAM = 1,
-    SET_PARAM = 2,
-    POS_ANSW = 3,
-    NEG_ANSW = 4,
-    FINISH_SESSION = 5,
-    ABORT_SESSION = 6,
-    SET_TEMP_PARAM = 7,
-};
+#include "model/message.h"
 
-inline constexpr std::size_t kDataSize = 504;       // the value text of a request or answer
 inline constexpr std::size_t kQueueTextSize = 508;  // the largest text a queue message carries
 inline constexpr long kRequestQueueType = 1;        // the daemon takes only requests of this type
-
-struct RequestMessage {
-    uint32_t reserved;
-    uint8_t mt;
-    uint8_t f1;
-    uint8_t f2;
-    uint8_t f3;
-    char da[kDataSize];
-};
-static_assert(sizeof(RequestMessage) == 512);
-
-struct AnswerMessage {
-    int32_t type;  // the queue message type the answer is sent with: the session's answer address
-    uint8_t mt;
-    uint8_t f1;
-    uint8_t f2;
-    uint8_t f3;
-    char da[kDataSize];
-};
-static_assert(sizeof(AnswerMessage) == 512);
 
 // A queue message as it is received.
 struct QueueMessage {

@@ -54,7 +54,7 @@ struct ConfigModel {
     WlanInterface wlan;
     std::array<CanInterface, kCanRecords> can;
     std::array<RouteRecord, kRouteRecords> routes;
-    alignas(4) uint8_t forwardDefaults[gw::kForwardDefaultsSize];
+    ForwardDefaults forwardDefaults;
     BtRecord bt;
     GuiRecord gui;
     PlatformConfig platform;

@@ -19,12 +19,6 @@ constexpr const char* kGatewayVersionFormat = "%u.%u.%u";
     return -1;
 }
 
-// The driver's forwarding defaults are a little-endian image.
-unsigned forwardDefaultsU16(const ConfigModel& model, unsigned index) {
-    return model.forwardDefaults[2 * index] |
-           static_cast<unsigned>(model.forwardDefaults[2 * index + 1]) << 8;
-}
-
 // A text of the General record, as it stands.
 template <auto Field>
 int readText(AnswerMessage& answer, const ConfigModel& model) {
@@ -38,8 +32,8 @@ int readKl15(AnswerMessage& answer, const ConfigModel& model) {
 }
 
 int readGatewayVersion(AnswerMessage& answer, const ConfigModel& model) {
-    answerText(answer, kGatewayVersionFormat, forwardDefaultsU16(model, 0),
-               forwardDefaultsU16(model, 1), forwardDefaultsU16(model, 2));
+    const uint16_t* version = model.forwardDefaults.version;
+    answerText(answer, kGatewayVersionFormat, version[0], version[1], version[2]);
     return 0;
 }
 

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "core/message.h"
+#include "model/message.h"
 
 struct ConfigModel;
 

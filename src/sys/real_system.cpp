@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -24,6 +26,16 @@ int RealSystem::ioctlNode(int fd, unsigned long request, void* argument) {
 
 int RealSystem::closeNode(int fd) {
     return ::close(fd);
+}
+
+int RealSystem::queryInterface(unsigned long request, void* interfaceRequest) {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) return -1;
+    const int result = ::ioctl(fd, request, interfaceRequest);
+    const int saved = errno;
+    (void)::close(fd);  // a socket only used for the query; nothing to lose
+    errno = saved;
+    return result;
 }
 
 int RealSystem::setHostName(const char* name, std::size_t length) {

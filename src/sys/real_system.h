@@ -10,6 +10,7 @@ class RealSystem final : public System {
     int openNode(const char* path, int flags) override;
     int ioctlNode(int fd, unsigned long request, void* argument) override;
     int closeNode(int fd) override;
+    int queryInterface(unsigned long request, void* interfaceRequest) override;
     int setHostName(const char* name, std::size_t length) override;
     int getHostName(char* name, std::size_t size) override;
     void sleepNanoseconds(long nanoseconds) override;

@@ -1,6 +1,7 @@
 #pragma once
 // The one seam between the daemon and the world outside its process: shell commands, the
-// gateway driver's nodes, the host name, sleeping and the files at the device's fixed paths.
+// gateway driver's nodes, interface queries, the host name, sleeping and the files at the
+// device's fixed paths.
 // The daemon installs the real implementation; tests install a recorder, so that no command,
 // driver request or host-name change of a test can reach the machine that runs it.
 
@@ -25,6 +26,10 @@ class System {
     virtual int openNode(const char* path, int flags) = 0;
     virtual int ioctlNode(int fd, unsigned long request, void* argument) = 0;
     virtual int closeNode(int fd) = 0;
+
+    // One query of a network interface (SIOCGIFHWADDR, SIOCGIFADDR) on a datagram socket that
+    // is closed again at once; `interfaceRequest` is a struct ifreq. Failures set errno.
+    virtual int queryInterface(unsigned long request, void* interfaceRequest) = 0;
 
     virtual int setHostName(const char* name, std::size_t length) = 0;
     virtual int getHostName(char* name, std::size_t size) = 0;

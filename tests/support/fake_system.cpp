@@ -3,6 +3,9 @@
 #include "config/config_path.h"
 #include "config/ini_layout.h"
 
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,6 +67,30 @@ int FakeSystem::ioctlNode(int fd, unsigned long request, void* argument) {
 
 int FakeSystem::closeNode(int fd) {
     return driver.close(fd);
+}
+
+int FakeSystem::queryInterface(unsigned long request, void* interfaceRequest) {
+    interfaceQueries.push_back(request);
+    auto* query = static_cast<ifreq*>(interfaceRequest);
+    const auto known =
+        interfaces.find(std::string(query->ifr_name, strnlen(query->ifr_name, IFNAMSIZ)));
+    if (known == interfaces.end()) {
+        errno = ENODEV;
+        return -1;
+    }
+    if (request == SIOCGIFHWADDR) {
+        std::memcpy(query->ifr_hwaddr.sa_data, known->second.mac.data(), 6);
+        return 0;
+    }
+    if (request == SIOCGIFADDR && !known->second.ipv4.empty()) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        inet_pton(AF_INET, known->second.ipv4.c_str(), &address.sin_addr);
+        std::memcpy(&query->ifr_addr, &address, sizeof address);
+        return 0;
+    }
+    errno = request == SIOCGIFADDR ? EADDRNOTAVAIL : EINVAL;
+    return -1;
 }
 
 int FakeSystem::setHostName(const char* name, std::size_t length) {

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,6 +31,13 @@ class FakeSystem final : public sys::System {
     std::vector<long> sleeps;
     int syncs = 0;
     SimDriver driver;
+    // Network interfaces the kernel queries see, by name; unknown names fail with ENODEV.
+    struct Interface {
+        std::array<uint8_t, 6> mac;
+        std::string ipv4;  // dotted; empty: the interface has no address (EADDRNOTAVAIL)
+    };
+    std::map<std::string, Interface> interfaces;
+    std::vector<unsigned long> interfaceQueries;
 
     // Files of the device, under the private root.
     std::string pathOf(const char* devicePath) const { return root_ + devicePath; }
@@ -41,6 +50,7 @@ class FakeSystem final : public sys::System {
     int openNode(const char* path, int flags) override;
     int ioctlNode(int fd, unsigned long request, void* argument) override;
     int closeNode(int fd) override;
+    int queryInterface(unsigned long request, void* interfaceRequest) override;
     int setHostName(const char* name, std::size_t length) override;
     int getHostName(char* name, std::size_t size) override;
     void sleepNanoseconds(long nanoseconds) override;

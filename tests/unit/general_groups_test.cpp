@@ -34,7 +34,7 @@ TEST_F(SmallGroups, AnswersAndMarks) {
     std::strcpy(g.bspVersion, "9.8.7");
     g.KL15pwdn = 1;
     const uint8_t version[] = {0x02, 0x01, 0x00, 0x03, 0x10, 0x00, 0xFF, 0xFF};  // little-endian
-    std::memcpy(m().forwardDefaults, version, sizeof version);
+    std::memcpy(&m().forwardDefaults, version, sizeof version);
     // handler, f1, f2, f3, value, reply, change flag; refused writes come before the reads.
     const std::tuple<ReadHandler, uint8_t, uint8_t, uint8_t, const char*, Reply, int> cases[] = {
         {setGeneral, 0, 3, 0, "x", {-1, "read only value!"}, kNone},
