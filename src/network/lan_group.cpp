@@ -11,8 +11,6 @@ namespace {
 
 constexpr const char* kFalseAddressFormat = "false address %d %d";
 constexpr const char* kFalseSubnetmaskFormat = "false subnetmask %d %d";
-// "intdex" is the text clients have always received.
-constexpr const char* kFalseInterfaceFormat = "false interface intdex %d";
 constexpr const char* kInterfaceNameFormat = "%s%u";
 constexpr std::size_t kInterfaceNameChars = 126;
 constexpr unsigned kGroupInstance = 0;
