@@ -1,7 +1,6 @@
 #include "can/can_group.h"
 
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
