@@ -69,4 +69,22 @@ FilePath RealSystem::placeFile(const char* devicePath) {
     return placed;
 }
 
+std::FILE* RealSystem::openStream(const char* path, const char* mode) {
+    return std::fopen(path, mode);
+}
+
+int RealSystem::syncStream(std::FILE* stream) {
+    // What is still in the stream's buffer has to reach the descriptor before it is synced.
+    if (std::fflush(stream) != 0) return -1;
+    return ::fsync(::fileno(stream));
+}
+
+int RealSystem::closeStream(std::FILE* stream) {
+    return std::fclose(stream);
+}
+
+int RealSystem::renameFile(const char* from, const char* to) {
+    return std::rename(from, to);
+}
+
 }  // namespace sys

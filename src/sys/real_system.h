@@ -16,6 +16,10 @@ class RealSystem final : public System {
     void sleepNanoseconds(long nanoseconds) override;
     void syncDisks() override;
     FilePath placeFile(const char* devicePath) override;
+    std::FILE* openStream(const char* path, const char* mode) override;
+    int syncStream(std::FILE* stream) override;
+    int closeStream(std::FILE* stream) override;
+    int renameFile(const char* from, const char* to) override;
 };
 
 }  // namespace sys

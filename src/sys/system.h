@@ -6,6 +6,7 @@
 // driver request or host-name change of a test can reach the machine that runs it.
 
 #include <cstddef>
+#include <cstdio>
 
 namespace sys {
 
@@ -39,6 +40,13 @@ class System {
 
     // Where a file of the device (a fixed path such as "/tmp/uboot_env") is to be opened.
     virtual FilePath placeFile(const char* devicePath) = 0;
+
+    // The file steps of replacing the configuration file, on placed paths: fopen(3); the
+    // stream flushed and its descriptor fsync(2)ed; fclose(3); rename(2). Failures set errno.
+    virtual std::FILE* openStream(const char* path, const char* mode) = 0;
+    virtual int syncStream(std::FILE* stream) = 0;
+    virtual int closeStream(std::FILE* stream) = 0;
+    virtual int renameFile(const char* from, const char* to) = 0;
 };
 
 // The seam in force. Calling it before install() is a programming error and aborts: the core

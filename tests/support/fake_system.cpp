@@ -4,10 +4,12 @@
 #include "config/ini_layout.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -54,7 +56,20 @@ void FakeSystem::removeFile(const char* devicePath) const {
 
 int FakeSystem::runCommand(const char* command) {
     commands.emplace_back(command);
+    if (moveFiles && commandResult == 0) moveFile(command);
     return commandResult;
+}
+
+void FakeSystem::moveFile(const char* command) const {
+    char from[256];
+    char to[256];
+    if (std::sscanf(command, "mv -f %255s %255s", from, to) != 2) return;
+    const auto underRoot = [this](const char* path) {
+        return std::strncmp(path, root_.c_str(), root_.size()) == 0;
+    };
+    if (!underRoot(from) || !underRoot(to)) return;  // never anything outside the root
+    std::error_code ignored;
+    fs::rename(from, to, ignored);
 }
 
 int FakeSystem::openNode(const char* path, int) {
@@ -128,6 +143,74 @@ sys::FilePath FakeSystem::placeFile(const char* devicePath) {
     std::error_code ignored;
     fs::create_directories(parent, ignored);
     return placed;
+}
+
+namespace {
+
+// A stream on a file that takes only so many bytes, as a full disk would.
+struct LimitedFile {
+    int fd;
+    long room;
+};
+
+ssize_t writeLimited(void* cookie, const char* data, size_t size) {
+    auto* file = static_cast<LimitedFile*>(cookie);
+    const size_t taken = std::min(size, static_cast<size_t>(std::max(file->room, 0L)));
+    if (taken == 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    const ssize_t written = ::write(file->fd, data, taken);
+    if (written > 0) file->room -= written;
+    return written;
+}
+
+int closeLimited(void* cookie) {
+    auto* file = static_cast<LimitedFile*>(cookie);
+    const int result = ::close(file->fd);
+    delete file;
+    return result;
+}
+
+}  // namespace
+
+std::FILE* FakeSystem::openStream(const char* path, const char* mode) {
+    if (openStreamErrno != 0) {
+        errno = openStreamErrno;
+        return nullptr;
+    }
+    if (writeLimit < 0) return std::fopen(path, mode);
+    const int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (fd < 0) return nullptr;
+    cookie_io_functions_t functions{};
+    functions.write = writeLimited;
+    functions.close = closeLimited;
+    return fopencookie(new LimitedFile{fd, writeLimit}, mode, functions);
+}
+
+int FakeSystem::syncStream(std::FILE* stream) {
+    ++streamSyncs;
+    if (std::fflush(stream) != 0) return -1;
+    if (syncErrno != 0) {
+        errno = syncErrno;
+        return -1;
+    }
+    return 0;
+}
+
+int FakeSystem::closeStream(std::FILE* stream) {
+    const int result = std::fclose(stream);
+    if (closeErrno == 0) return result;
+    errno = closeErrno;
+    return EOF;
+}
+
+int FakeSystem::renameFile(const char* from, const char* to) {
+    if (renameErrno != 0) {
+        errno = renameErrno;
+        return -1;
+    }
+    return std::rename(from, to);
 }
 
 SeamTest::SeamTest() : model(allocateModel()) {

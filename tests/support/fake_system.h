@@ -38,6 +38,16 @@ class FakeSystem final : public sys::System {
     };
     std::map<std::string, Interface> interfaces;
     std::vector<unsigned long> interfaceQueries;
+    // The file steps work on the real files under the root; each can be made to fail.
+    int openStreamErrno = 0;  // non-zero: openStream fails with it
+    long writeLimit = -1;     // from 0 on: a stream takes this many bytes, then fails (ENOSPC)
+    int syncErrno = 0;        // non-zero: syncStream fails with it
+    int closeErrno = 0;       // non-zero: closeStream closes the stream, then fails with it
+    int renameErrno = 0;      // non-zero: renameFile fails with it and renames nothing
+    int streamSyncs = 0;
+    // "mv -f FROM TO" commands under the root really move the file when this is set and
+    // commandResult is 0 (the shell ran and mv succeeded).
+    bool moveFiles = false;
 
     // Files of the device, under the private root.
     std::string pathOf(const char* devicePath) const { return root_ + devicePath; }
@@ -56,8 +66,14 @@ class FakeSystem final : public sys::System {
     void sleepNanoseconds(long nanoseconds) override;
     void syncDisks() override;
     sys::FilePath placeFile(const char* devicePath) override;
+    std::FILE* openStream(const char* path, const char* mode) override;
+    int syncStream(std::FILE* stream) override;
+    int closeStream(std::FILE* stream) override;
+    int renameFile(const char* from, const char* to) override;
 
   private:
+    void moveFile(const char* command) const;
+
     std::string root_;
 };
 
