@@ -48,14 +48,16 @@ TEST(CommandLine, EndsWithItsTextAndStatus) {
     }
 }
 
-// A daemon with keys, lock file and a fresh configuration file of its own.
+// A daemon with keys, lock file and a fresh configuration file of its own. The file lies in
+// /mnt/user, as on the device: a store renames it to the backup there, which works only within
+// one file system.
 struct Daemon {
     Daemon(int semaphoreKey, int queueKey)
         : key(queueKey),
           lock("/tmp/e2e-lock-" + std::to_string(key)),
-          process(CFGD_E2E_DAEMON,
-                  {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key), "-l", lock, "-f",
-                   "/tmp/e2e-" + std::to_string(++started) + ".ini"}) {}
+          configPath("/mnt/user/e2e-" + std::to_string(++started) + ".ini"),
+          process(CFGD_E2E_DAEMON, {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key),
+                                    "-l", lock, "-f", configPath}) {}
 
     // The lock file's line once the daemon is up; empty when it did not come up in time.
     std::string up() {
@@ -72,6 +74,7 @@ struct Daemon {
     static inline int started = 0;
     const int key;
     const std::string lock;
+    const std::string configPath;
     Process process;
     int queue = -1;
 };
@@ -133,6 +136,12 @@ TEST(Daemon, ServesTheClientAndReconfiguresCan) {
                   text(answer, kCanGroup, 1, kBitRate, reply));
     }
     ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 50), text(kPositive, 0, 0, 0, ""));
+    // Stored: the new file moved into place by the real mv, the old one kept as the backup.
+    const std::string stored = readFile(d.configPath);
+    EXPECT_NE(stored.find("\n[can_0]\n"), std::string::npos) << stored;
+    EXPECT_NE(stored.find("\nbaudrate                       = 250000\n"), std::string::npos);
+    EXPECT_EQ(access("/mnt/user/kiv_config.old", F_OK), 0);
+    EXPECT_NE(access("/tmp/kiv_config.tmp", F_OK), 0);
     // The stubs log what the program received: the shell's word splitting has taken the blank
     // at the end of the daemon's "... berr-reporting off " command.
     EXPECT_EQ(commandsSince(logged),

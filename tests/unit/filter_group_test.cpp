@@ -3,6 +3,7 @@
 #include <string>
 #include <tuple>
 
+#include "config/config_path.h"
 #include "core/session.h"
 #include "fake_system.h"
 #include "filters/filter_group.h"
@@ -28,6 +29,7 @@ class FilterGroup : public SeamTest {
 // One session through the daemon's dispatch: refusals, creation, reads, and at its end a
 // deletion reported inside its success.
 TEST_F(FilterGroup, SessionAnswers) {
+    fake.writeFile(kDefaultConfigPath, "");  // the daemon makes sure it exists; the end stores
     const std::tuple<uint8_t, unsigned, unsigned, std::string, int, std::string> steps[] = {
         {START_SESSION, 0, 30, "", 0, ""},
         {SET_PARAM, 32, 0, "0x3", 0, "filter does not exist anyway"},  // base 10

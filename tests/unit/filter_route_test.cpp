@@ -6,6 +6,7 @@
 #include <tuple>
 #include <vector>
 
+#include "config/config_path.h"
 #include "core/session.h"
 #include "fake_system.h"
 #include "filters/filter_store.h"
@@ -75,6 +76,7 @@ TEST_F(RouteFilters, ListsByRouteSettings) {
 
 // A filter made by requests reaches the route's node and file once the route applies it.
 TEST_F(RouteFilters, FilterCreatedInASessionReachesTheRoute) {
+    fake.writeFile(kDefaultConfigPath, "");  // the daemon makes sure it exists; the end stores
     const RequestMessage requests[] = {{0, START_SESSION, 2, 1, 2, ""},
                                        {0, SET_PARAM, 9, 1, 0, "1"},
                                        {0, SET_PARAM, 9, 1, 2, "0x100-0x1FF"},

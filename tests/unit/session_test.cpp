@@ -77,6 +77,7 @@ TEST_F(Session, TemporaryAfterPermanentIsDonePermanentAfterTemporaryIsNot) {
 }
 
 TEST_F(Session, FinishAppliesOnlyAnnouncedSessionsThatWrote) {
+    fake.writeFile(kDefaultConfigPath, "");  // the daemon makes sure it exists; the end stores
     start(0);
     send(READ_PARAM, 1, 0, 0);
     EXPECT_EQ(send(FINISH_SESSION).mt, POS_ANSW);
