@@ -513,16 +513,19 @@ int Store::replaceFile() {
     const sys::FilePath temporary = sys::placeFile(kTemporaryConfigPath);
     std::FILE* stream = system.openStream(temporary.c_str(), kTemporaryOpenMode);
     if (stream == nullptr) return failFileStep(kCreateFailedFormat);
+    errno = 0;
     ini::writeHeader(stream);
     iniparser_dump_ini(&file_, stream);
     // A failed sync still leaves a complete file once the stream is closed.
     (void)system.syncStream(stream);
-    // A write that failed on the way counts as a failed close: the configuration file must
-    // never be replaced by a part of the new one.
+    // A write that failed on the way counts as a failed close, with the write's error: the C
+    // library drops what it could not write, so the close itself may well succeed, and the
+    // configuration file must never be replaced by a part of the new one.
     const bool writeFailed = std::ferror(stream) != 0;
-    const int closed = system.closeStream(stream);
-    if (closed != 0 || writeFailed) {
-        if (closed == 0) errno = EIO;
+    const int writeError = errno != 0 ? errno : EIO;
+    if (system.closeStream(stream) != 0) return failFileStep(kCloseFailedFormat);
+    if (writeFailed) {
+        errno = writeError;
         return failFileStep(kCloseFailedFormat);
     }
 
