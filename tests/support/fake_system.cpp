@@ -57,6 +57,7 @@ void FakeSystem::removeFile(const char* devicePath) const {
 int FakeSystem::runCommand(const char* command) {
     commands.emplace_back(command);
     if (moveFiles && commandResult == 0) moveFile(command);
+    if (commandResult < 0) errno = EAGAIN;  // as system(3) does when no shell could start
     return commandResult;
 }
 
@@ -162,6 +163,9 @@ ssize_t writeLimited(void* cookie, const char* data, size_t size) {
     }
     const ssize_t written = ::write(file->fd, data, taken);
     if (written > 0) file->room -= written;
+    // The stream takes a short write as its end; the write that a file stream would retry
+    // with would fail so.
+    if (written >= 0 && static_cast<size_t>(written) < size) errno = ENOSPC;
     return written;
 }
 

@@ -1,0 +1,437 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <iniparser.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "config/config_path.h"
+#include "config/ini_layout.h"
+#include "config/loader.h"
+#include "config/store.h"
+#include "fake_system.h"
+#include "filters/filter_store.h"
+#include "filters/filter_term.h"
+#include "filters/route_filters.h"
+#include "model/handler.h"
+#include "network/dhcp_server.h"
+#include "routing/destination.h"
+
+namespace {
+
+const std::string kHeader131 =
+    "#########################################\n# KIV configuration file\n"
+    "# Format version 1.3.1\n######################################### ";
+
+std::string header(const char* version) {
+    return std::string(
+               "#########################################\n# KIV configuration file\n"
+               "# Format version ") +
+           version + "\n#########################################\n";
+}
+
+// The stored file as the library reads it back.
+class Parsed {
+  public:
+    explicit Parsed(const std::string& path) : file_(iniparser_load(path.c_str())) {}
+    ~Parsed() { iniparser_freedict(file_); }
+    Parsed(const Parsed&) = delete;
+    Parsed& operator=(const Parsed&) = delete;
+    bool loaded() const { return file_ != nullptr; }
+    std::string operator[](const char* entry) const {
+        if (!iniparser_find_entry(file_, entry)) return "(absent)";
+        const char* value = iniparser_getstring(file_, entry, nullptr);
+        return value != nullptr ? value : "(section)";
+    }
+
+  private:
+    dictionary* file_;
+};
+
+class Store : public SeamTest {
+  protected:
+    Store() { fake.moveFiles = true; }
+    int store(std::vector<unsigned> places = {}) {
+        for (unsigned place : places)
+            m().changed.place[place] = 1;
+        answer = AnswerMessage{};
+        return storeConfiguration(m(), answer);
+    }
+    std::string stored() const { return fake.readFile(kDefaultConfigPath); }
+    Parsed parsed() const { return Parsed(fake.pathOf(kDefaultConfigPath)); }
+    void reload() {
+        resetModel(m());
+        ASSERT_EQ(loadConfiguration(m()), 0);
+    }
+    Filter* define(uint32_t index, uint32_t kind, const char* term, bool inverted = false) {
+        Filter record{};
+        record.index = index;
+        record.filter_type = kind;
+        record.filter_mode = inverted ? 1 | kFilterInverted : 1;
+        const bool range = kind == kRange11 || kind == kRange29;
+        EXPECT_EQ(range ? parseRangeTerm(record, term, m().filters) : parseMaskTerm(record, term),
+                  1);
+        return insertFilter(m().filters, record);
+    }
+    RouteRecord& route(unsigned record, const char* info) {
+        RouteRecord& r = m().routes[record];
+        r.RouteFlags = kRouteActive;
+        copyText(r.RtInfo, info);
+        return r;
+    }
+
+    AnswerMessage answer{};
+};
+
+TEST_F(Store, WritesHeaderSectionsAndKeysInTheLibrarysForm) {
+    const std::string before =
+        header("1.3.1") + "[General]\nDescription = old\nLighttpdPort=8080\n";
+    fake.writeFile(kDefaultConfigPath, before);
+    m().general.KL15pwdn = 1;  // the description stays empty
+    copyText(m().general.hostName, "gw-1");
+    CanInterface& can = m().can[0];
+    copyText(can.IfName, "can0");
+    can.Active = can.Autoresume = can.ManBr = 1;
+    can.Baudrate = 250000;
+    can.Samplepoint = 875;
+    can.timing = {125, 0, 13, 2, 1, 3};
+    ASSERT_EQ(store({flag::General, flag::Host, flag::Can + 1}), 0) << answer.da;
+    EXPECT_EQ(stored(), kHeader131 +
+                            "\n[general]\n"
+                            "description                    = \n"
+                            "lighttpdport                   = 8080\n"
+                            "kl15pwdn                       = 1\n"
+                            "\n\n[host]\n"
+                            "devicename                     = gw-1\n"
+                            "\n\n[can_0]\n"
+                            "ifname                         = can0\n"
+                            "active                         = 1\n"
+                            "baudrate                       = 250000\n"
+                            "listenonly                     = 0\n"
+                            "autoresume                     = 1\n"
+                            "loopback                       = 0\n"
+                            "oneshot                        = 0\n"
+                            "triplesampling                 = 0\n"
+                            "manbr                          = 1\n"
+                            "br_register                    = BRP 3, RJW 1, TQ 125, PSEG1 13, "
+                            "PSEG2 2, PROPSEG 0\n"
+                            "samplepoint                    = 875\n"
+                            "\n\n");
+    EXPECT_EQ(fake.readFile(kBackupConfigPath), before);
+    EXPECT_FALSE(fake.fileExists(kTemporaryConfigPath));
+    EXPECT_EQ(fake.commands, std::vector<std::string>{"mv -f " + fake.pathOf(kTemporaryConfigPath) +
+                                                      " " + fake.pathOf(kDefaultConfigPath)});
+}
+
+TEST_F(Store, EveryGroupReadsBackAsItWasStored) {
+    fake.writeFile(kDefaultConfigPath, header("1.3.1"));
+    GeneralRecord& general = m().general;
+    copyText(general.Description, "lab; bench 2");  // nothing after the ';' comes back
+    copyText(general.hostName, "gw-9");
+    LanInterface& lan = m().lan[0];
+    copyText(lan.IfName, "eth0");
+    lan.UseDHCP = 1;
+    inet_pton(AF_INET, "10.0.0.2", &lan.IPv4);
+    inet_pton(AF_INET, "255.0.0.0", &lan.Subnetmask);
+    inet_pton(AF_INET6, "fe80::1", &lan.IPv6);
+    inet_pton(AF_INET6, "2001:db8::1", &lan.IPv6Gw);
+    RouteRecord& first = route(0, "first");
+    first.RouteFlags |= kRouteRunning | kRouteUnifyFilters;
+    first.image.info.flags = kDrvCan2Lan | kDrvTcpDelay | kDrvNoControl;
+    copyText(first.image.info.interface1, "can1");
+    first.image.info.protocol2 = 6;
+    parseDestination("192.168.5.5:6000", first.image.info.destination);
+    first.image.info.fpp = 20;
+    first.image.info.retryDelay = 301;
+    first.image.info.retryCount = 31;
+    first.image.info.cdm = 600;
+    first.DispIdx = 3;
+    route(2, "third").RouteFlags |= kRouteJoinFilters;  // stored as the second route
+    define(0, kRange11, "0x100-0x1FF");
+    Filter* masked = define(5, kMask29, "0x00012345/0x1FFFFFFF", true);
+    copyText(masked->Name, "masked");
+    copyText(masked->Comment, "a comment");
+    ASSERT_EQ(parseFilterList(m().filters, "0,5", 2, true), 0);
+    m().gui.show[3] = 1;
+    m().dhcp = {1, {}, {}, 9};
+    inet_pton(AF_INET, "10.0.0.50", &m().dhcp.start_addr);
+    inet_pton(AF_INET, "10.0.0.60", &m().dhcp.end_addr);
+    const ConfigModel before = m();
+
+    m().changed.setAll();
+    ASSERT_EQ(store(), 0) << answer.da;
+    EXPECT_EQ(fake.readFile(kDhcpdConfigPath),
+              "start 10.0.0.50\nstart 10.0.0.60\ninterface eth0\n");
+    reload();
+    EXPECT_STREQ(m().general.Description, "lab");
+    EXPECT_STREQ(m().general.hostName, "gw-9");
+    EXPECT_EQ(m().lan[0].UseDHCP, 1);
+    for (auto field : {&LanInterface::IPv4, &LanInterface::Subnetmask, &LanInterface::IPv4Gw})
+        EXPECT_EQ((m().lan[0].*field).s_addr, (before.lan[0].*field).s_addr);
+    for (auto field : {&LanInterface::IPv6, &LanInterface::IPv6Gw})
+        EXPECT_EQ(std::memcmp(&(m().lan[0].*field), &(before.lan[0].*field), sizeof(in6_addr)), 0);
+    EXPECT_EQ(m().general.Count, 2u);
+    const RouteInfo& info = m().routes[0].image.info;
+    EXPECT_STREQ(m().routes[0].RtInfo, "first");
+    EXPECT_EQ(m().routes[0].RouteFlags, kRouteActive | kRouteRunning | kRouteUnifyFilters);
+    EXPECT_EQ(info.flags & (kDrvCan2Lan | kDrvTcpDelay | kDrvNoControl),
+              kDrvCan2Lan | kDrvTcpDelay | kDrvNoControl);
+    EXPECT_STREQ(info.interface1, "can1");
+    EXPECT_EQ(info.protocol2, 6u);
+    EXPECT_EQ(std::memcmp(&info.destination, &before.routes[0].image.info.destination, 8), 0);
+    EXPECT_EQ(
+        std::tuple(info.fpp, info.retryDelay, info.retryCount, info.cdm, m().routes[0].DispIdx),
+        std::tuple(uint16_t{20}, 301u, 31u, 600u, uint8_t{3}));
+    EXPECT_STREQ(m().routes[1].RtInfo, "third");
+    EXPECT_EQ(m().routes[1].RouteFlags, kRouteActive | kRouteJoinFilters);
+    char list[200];
+    ASSERT_EQ(getRtFilters(m().filters, 1, list, sizeof list, true), 0);
+    EXPECT_STREQ(list, "0,5");
+    EXPECT_EQ(getRtFilters(m().filters, 0, list, sizeof list, true), -1);
+    for (uint32_t index : {0u, 5u}) {
+        const Filter* filter = findFilter(m().filters, index);
+        ASSERT_NE(filter, nullptr) << index;
+        const Filter& old = *findFilter(before.filters, index);
+        EXPECT_EQ(std::tuple(filter->filter_type, filter->filter_mode, filter->FilterFrom,
+                             filter->FilterTo, std::string(filter->Name)),
+                  std::tuple(old.filter_type, old.filter_mode, old.FilterFrom, old.FilterTo,
+                             std::string(old.Name)));
+    }
+    EXPECT_EQ(std::memcmp(m().gui.show, before.gui.show, sizeof before.gui.show), 0);
+    EXPECT_EQ(std::tuple(m().dhcp.active, m().dhcp.max_leases, m().dhcp.start_addr.s_addr),
+              std::tuple(uint8_t{1}, uint8_t{9}, before.dhcp.start_addr.s_addr));
+}
+
+// Only groups whose flags the writer consults make it rewrite the file; the rewrite keeps every
+// entry and only brings names and layout into the library's form.
+TEST_F(Store, GroupFlagsAloneRewriteTheFileUnchanged) {
+    const std::string before = header("1.3.1") +
+                               "; hand-made\n[General]\nDescription=Gate\n[can_0]\nBaudRate = 5 ; "
+                               "slow\n[Unknown]\nX=1\n";
+    const std::string rewritten = kHeader131 +
+                                  "\n[general]\n"
+                                  "description                    = Gate\n"
+                                  "\n\n[can_0]\n"
+                                  "baudrate                       = 5\n"
+                                  "\n\n[unknown]\n"
+                                  "x                              = 1\n"
+                                  "\n\n";
+    const struct {
+        unsigned flag;
+        bool rewrites;
+    } cases[] = {{flag::Lan, true},    {flag::Wlan, true},    {flag::Can, true},
+                 {flag::Route, false}, {flag::Filter, false}, {flag::Unused, false}};
+    for (const auto& c : cases) {
+        fake.writeFile(kDefaultConfigPath, before);
+        fake.commands.clear();
+        m().changed.clearAll();
+        EXPECT_EQ(store({c.flag}), 0) << c.flag;
+        EXPECT_EQ(stored(), c.rewrites ? rewritten : before) << c.flag;
+        EXPECT_EQ(fake.commands.size(), c.rewrites ? 1u : 0u) << c.flag;
+    }
+    ASSERT_EQ(store({flag::Lan}), 0);
+    ASSERT_EQ(store({flag::Lan}), 0);
+    EXPECT_EQ(stored(), rewritten);  // a rewrite of a rewritten file changes nothing
+}
+
+TEST_F(Store, RoutesAreRenumberedAndOneStaleSectionGoes) {
+    const struct {
+        unsigned inFile;
+        std::vector<unsigned> inUse;
+        std::vector<std::pair<const char*, const char*>> expected;
+    } cases[] = {
+        {3,
+         {0, 2},
+         {{"rt_0:rtinfo", "r0"},
+          {"rt_0:filters", "(absent)"},
+          {"rt_1:rtinfo", "r2"},
+          {"rt_1:filters", "0"},
+          {"rt_2", "(absent)"},
+          {"rt_2:rtinfo", "(absent)"},
+          {"fwd_gen:count", "2"}}},
+        {4,
+         {0, 3},
+         {{"rt_0:rtinfo", "r0"},
+          {"rt_1:rtinfo", "r3"},
+          {"rt_2", "(absent)"},
+          {"rt_3:rtinfo", "old3"},  // beyond Count: never read, left for a later store
+          {"fwd_gen:count", "2"}}},
+    };
+    for (const auto& c : cases) {
+        resetModel(m());
+        std::string file =
+            header("1.3.1") + "[FWD_GEN]\nCount = " + std::to_string(c.inFile) + "\n";
+        for (unsigned n = 0; n < c.inFile; ++n)
+            file += "[RT_" + std::to_string(n) + "]\nRtInfo = old" + std::to_string(n) +
+                    "\nFilters = 7\nInterface2 = eth0\n";
+        fake.writeFile(kDefaultConfigPath, file);
+        for (unsigned record : c.inUse)
+            route(record, ("r" + std::to_string(record)).c_str());
+        ASSERT_EQ(parseFilterList(m().filters, "0", 2, true), 0);
+        ASSERT_EQ(store({flag::Route + 2}), 0) << answer.da;
+        const Parsed result = parsed();
+        for (const auto& [entry, value] : c.expected)
+            EXPECT_EQ(result[entry], value) << c.inFile << " " << entry;
+    }
+}
+
+TEST_F(Store, FilterSectionsAreRemovedRewrittenAndCreated) {
+    fake.writeFile(kDefaultConfigPath,
+                   header("1.3.1") +
+                       "[FILTER_0]\nfilter_type = 1\nTerm = 0x100-0x1FF\n"
+                       "[FILTER_2]\nfilter_type = 1\nTerm = 0x1-0x2\nExtra = x\n");
+    define(2, kMask11, "0x123/0x7FF");
+    copyText(define(4, kMask11, "0x123/0x7FF", true)->Name, "n");
+    ASSERT_EQ(store({flag::Filter + 1, flag::Filter + 3, flag::Filter + 5}), 0) << answer.da;
+    const Parsed result = parsed();
+    EXPECT_EQ(result["filter_0"], "(absent)");
+    EXPECT_EQ(result["filter_0:filter_type"], "(absent)");
+    EXPECT_EQ(result["filter_2:filter_type"], "3");
+    EXPECT_EQ(result["filter_2:term"], "0x123/0x7FF");
+    EXPECT_EQ(result["filter_2:extra"], "x");
+    EXPECT_NE(stored().find("\n[filter_4]\n"
+                            "filter_type                    = 3\n"
+                            "filter_mode                    = 0\n"
+                            "comment                        = \n"
+                            "name                           = n\n"
+                            "term                           = 0x123/0x7FF\n\n"),
+              std::string::npos)
+        << stored();
+}
+
+TEST_F(Store, OlderFormatIsRewrittenWholeUnderCurrentNames) {
+    fake.writeFile(kDefaultConfigPath,
+                   header("1.2.0") + "[filter_3]\nKind = 3\nType = 0\nTerm = 0x123/0x7FF\n");
+    ASSERT_EQ(loadConfiguration(m()), 0);
+    m().changed.clearAll();
+    ASSERT_EQ(store(), 0) << answer.da;  // no flag set: the format alone makes it store all
+    EXPECT_EQ(stored().rfind(kHeader131, 0), 0u);
+    const Parsed result = parsed();
+    EXPECT_EQ(result["filter_3:kind"], "(absent)");
+    EXPECT_EQ(result["filter_3:type"], "(absent)");
+    EXPECT_EQ(result["filter_3:filter_type"], "3");
+    EXPECT_EQ(result["filter_3:filter_mode"], "0");
+    EXPECT_EQ(result["filter_3:term"], "0x123/0x000");  // 1.2.0 held the mask inverted
+    for (const char* section :
+         {"general", "host", "lan_0", "can_0", "can_1", "fwd_gen", "gui", "dhcp_server"})
+        EXPECT_EQ(result[section], "(section)") << section;
+    EXPECT_EQ(result["fwd_gen:count"], "0");
+}
+
+// Whichever file step fails, the configuration path or else the backup holds a whole file.
+TEST_F(Store, EachFileStepFailingLeavesAWholeFile) {
+    enum State { Missing, Old, New, Part, Other };
+    const std::string before = header("1.3.1") + "[GUI]\nshow_can_info = 1\n";
+    const struct {
+        const char* step;
+        std::function<void(FakeSystem&)> fault;
+        unsigned flag;
+        int result;
+        std::string text;
+        State config, backup, temporary;
+    } cases[] = {
+        {"none", [](FakeSystem&) {}, flag::Gui, 0, "", New, Old, Missing},
+        {"open", [](FakeSystem& f) { f.openStreamErrno = EACCES; }, flag::Gui, -1,
+         "ERROR@(2,330): new .ini file can't be created (Permission denied)", Old, Missing,
+         Missing},
+        {"open after routes", [](FakeSystem& f) { f.openStreamErrno = EACCES; }, flag::Route + 1,
+         -1, "ERROR@(2,80): new .ini file can't be created (Permission denied)", Old, Missing,
+         Missing},
+        {"write", [](FakeSystem& f) { f.writeLimit = 64; }, flag::Gui, -1,
+         "ERROR@(2,330): can't close new .ini file (No space left on device)", Old, Missing, Part},
+        {"sync", [](FakeSystem& f) { f.syncErrno = EIO; }, flag::Gui, 0, "", New, Old, Missing},
+        {"close", [](FakeSystem& f) { f.closeErrno = EIO; }, flag::Gui, -1,
+         "ERROR@(2,330): can't close new .ini file (Input/output error)", Old, Missing, New},
+        {"rename", [](FakeSystem& f) { f.renameErrno = EACCES; }, flag::Gui, -1,
+         "ERROR@(2,330): can't rename old .ini file (Permission denied)", Old, Missing, New},
+        {"shell", [](FakeSystem& f) { f.commandResult = -1; }, flag::Gui, -1,
+         "ERROR@(2,330): can't rename new .ini file (Resource temporarily unavailable)", Old,
+         Missing, New},
+        // mv's own exit status is not examined: the new file waits in /tmp, the old one is the
+        // backup.
+        {"mv", [](FakeSystem& f) { f.commandResult = 256; }, flag::Gui, 0, "", Missing, Old, New},
+    };
+    std::string fresh;
+    for (const auto& c : cases) {
+        FakeSystem& f = fake;
+        f.openStreamErrno = f.syncErrno = f.closeErrno = f.renameErrno = f.commandResult = 0;
+        f.writeLimit = -1;
+        for (const char* path : {kDefaultConfigPath, kBackupConfigPath, kTemporaryConfigPath})
+            f.removeFile(path);
+        f.writeFile(kDefaultConfigPath, before);
+        m().changed.clearAll();
+        c.fault(f);
+        EXPECT_EQ(store({c.flag}), c.result) << c.step;
+        EXPECT_STREQ(answer.da, c.text.c_str()) << c.step;
+        if (fresh.empty()) fresh = stored();
+        const auto state = [&](const char* path) {
+            if (!f.fileExists(path)) return Missing;
+            const std::string content = f.readFile(path);
+            if (content == before) return Old;
+            if (content == fresh) return New;
+            return fresh.rfind(content, 0) == 0 ? Part : Other;
+        };
+        EXPECT_EQ(state(kDefaultConfigPath), c.config) << c.step;
+        EXPECT_EQ(state(kBackupConfigPath), c.backup) << c.step;
+        EXPECT_EQ(state(kTemporaryConfigPath), c.temporary) << c.step;
+    }
+    EXPECT_NE(fresh.find("show_can_info                  = 0"), std::string::npos);
+    EXPECT_GT(fake.streamSyncs, 0);
+}
+
+TEST_F(Store, UnparsableFileStoresNothingAndSaysNothing) {
+    fake.writeFile(kDefaultConfigPath, "[General]\nno equals sign here\n");
+    EXPECT_EQ(store({flag::General}), -1);
+    EXPECT_STREQ(answer.da, "");
+    EXPECT_TRUE(fake.commands.empty());
+    EXPECT_FALSE(fake.fileExists(kTemporaryConfigPath));
+}
+
+// Values are written unquoted, so the next load reads them by the file's comment and line
+// rules: a ';' or '#' ends the value, outer blanks go, and a line break makes the whole file
+// unreadable (every default, and every later store fails until the file is mended).
+TEST_F(Store, CommentSignsAndLineBreaksInValuesChangeTheNextLoad) {
+    const struct {
+        const char* stored;
+        const char* loaded;
+    } cases[] = {{"a;b", "a"},
+                 {"a # b", "a"},
+                 {";all", ""},
+                 {"  blanks  ", "blanks"},
+                 {"two\nlines", "Module description"}};
+    for (const auto& c : cases) {
+        fake.writeFile(kDefaultConfigPath, header("1.3.1"));
+        copyText(m().general.Description, c.stored);
+        ASSERT_EQ(store({flag::General}), 0) << c.stored;
+        reload();
+        EXPECT_STREQ(m().general.Description, c.loaded) << c.stored;
+    }
+    EXPECT_EQ(store({flag::General}), -1);  // the file with the line break
+}
+
+TEST_F(Store, ErrorTexts) {
+    char text[kDataSize];
+    EXPECT_EQ(formatIniError(text, sizeof text, 5, 1, 0), 51);
+    EXPECT_STREQ(text, "ERROR@(5,1,0): key pair doesn't exist in .ini file!");
+    formatIniError(text, sizeof text, 2, 0, kSectionErrorKey);
+    EXPECT_STREQ(text, "ERROR@(2,0,4294967295): section doesn't exist in .ini file!");
+}
+
+TEST_F(Store, DhcpServerFile) {
+    DhcpServerConfig dhcp{0, {}, {}, 7};
+    inet_pton(AF_INET, "192.168.1.10", &dhcp.start_addr);
+    inet_pton(AF_INET, "192.168.1.17", &dhcp.end_addr);
+    ASSERT_EQ(nw_write_dhcpd_config(dhcp, m().platform), 0);
+    EXPECT_EQ(fake.readFile(kDhcpdConfigPath),
+              "start 192.168.1.10\nstart 192.168.1.17\ninterface eth0\n");
+    fake.removeFile(kDhcpdConfigPath);
+    std::filesystem::create_directories(fake.pathOf(kDhcpdConfigPath));  // cannot be opened
+    EXPECT_EQ(nw_write_dhcpd_config(dhcp, m().platform), -1);
+}
+
+}  // namespace
