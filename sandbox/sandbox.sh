@@ -70,7 +70,9 @@ Inside the sandbox:
   /proc            tmpfs with the device's devices, modules and boardinfo; all other entries
                    are links into $IN_PROC, the sandbox's real procfs; process directories
                    only for PIDs 1 to $PROC_PID_LINKS (all of them in $IN_PROC)
-  /tmp/uboot_env, /mnt/user/platform.config   sample device files from sandbox/device/
+  /tmp/uboot_env, /mnt/user/platform.config, /mnt/user/kiv_config.ini
+                   sample device files from sandbox/device/; the last is the daemon's default
+                   configuration file (static LAN address, one route)
   /dev             null, zero, full, random and urandom only
   gateway driver   simulated: <build>/$GWSIM_LIBRARY, preloaded into every program
                    (LD_PRELOAD), answers open, ioctl and close of /dev/tarn-gw and
@@ -83,7 +85,7 @@ Inside the sandbox:
   $IN_BIN        logging stubs for ${STUBBED_PROGRAMS[*]},
                    first in PATH, followed by the build's tools directory and the build
                    directory; the real ip, ifconfig, route, killall, reboot... are covered by
-                   the stub as well. After logging, ${REAL_NET_TOOLS[*]} run the real
+                   the stub as well. After logging, ifconfig and route run the real
                    net-tools on the sandbox's network (only there); modprobe $MODULE_DEVICE and
                    rmmod $MODULE_DEVICE add and remove the module's lines in /proc/modules and
                    /proc/devices; ip and all others only log
@@ -461,6 +463,7 @@ build_device() {
     install_proc_files
     install -m 0644 "$IN_FILES/device/uboot_env" /tmp/uboot_env
     install -m 0644 "$IN_FILES/device/platform.config" /mnt/user/platform.config
+    install -m 0644 "$IN_FILES/device/kiv_config.ini" /mnt/user/kiv_config.ini
     rm -f /etc/resolv.conf
     install -m 0644 "$IN_FILES/device/resolv.conf" /etc/resolv.conf
     printf '%s\n' "$token" >"$MARKER"
