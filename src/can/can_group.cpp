@@ -15,7 +15,6 @@ namespace {
 
 constexpr const char* kBaudrateTooHighFormat = "baud rate not changed! max. baud rate is %d!";
 constexpr const char* kBaudrateTooLowFormat = "baud rate not changed! min. baud rate is %d!";
-constexpr const char* kFalseInterfaceFormat = "false interface intdex %d";
 // The blank before the semicolon after PSEG2 is what clients have always received.
 constexpr const char* kRegisterTextFormat =
     "BRP %d; RJW %d; TQ %d; PSEG1 %d; PSEG2 %d ; PROPSEG %d; SP %0.1f%%";

@@ -61,20 +61,7 @@ int parseAddrType(const char* text, uint8_t& kind) {
 }
 
 int parseEndpoint(const char* text, uint8_t kind, sockaddr_in& endpoint) {
-    if (kind != kAddrTypeIPv4) return 0;
-    char address[kEndpointAddressMax + 1] = "";
-    long port = kDefaultEndpointPort;
-    if (const char* colon = std::strrchr(text, ':'); colon != nullptr) {
-        port = std::strtol(colon + 1, nullptr, 10);
-        port = port < 0 ? 0 : port > 65535 ? 65535 : port;
-        const std::size_t length = static_cast<std::size_t>(colon - text);
-        const std::size_t kept = length < kEndpointAddressMax ? length : kEndpointAddressMax;
-        std::memcpy(address, text, kept);
-        address[kept] = '\0';
-    }
-    endpoint.sin_family = AF_INET;
-    endpoint.sin_addr.s_addr = inet_addr(address);
-    endpoint.sin_port = htons(static_cast<uint16_t>(port));
+    if (kind == kAddrTypeIPv4) parseDestination(text, endpoint);
     return 0;
 }
 

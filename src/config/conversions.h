@@ -8,11 +8,8 @@
 #include <cstdint>
 
 #include "can/can_interface.h"
+#include "routing/destination.h"
 #include "routing/route_record.h"
-
-// Transport protocol numbers of a route.
-inline constexpr uint32_t kProtocolTcp = 6;
-inline constexpr uint32_t kProtocolUdp = 17;
 
 // Address kinds of a route's destinations.
 inline constexpr uint8_t kAddrTypeNone = 0;
@@ -20,8 +17,6 @@ inline constexpr uint8_t kAddrTypeIPv4 = 1;
 inline constexpr uint8_t kAddrTypeIPv6 = 2;
 
 inline constexpr const char* kEndpointFormat = "%s:%u";
-inline constexpr uint16_t kDefaultEndpointPort = 5000;
-inline constexpr std::size_t kEndpointAddressMax = 64;  // characters of the address part
 
 inline constexpr const char* kBrRegsFormat =
     "BRP %d, RJW %d, TQ %d, PSEG1 %d, PSEG2 %d, PROPSEG %d";
@@ -38,9 +33,8 @@ int parseRouteType(const char* text, uint32_t& typeWord);
 int parseProtocol(const char* text, uint32_t& protocol);
 // "none"/"NONE": 0, "IPv4"/"ipv4": 1, "IPv6"/"ipv6": 2 (0); anything else: 1 (-1).
 int parseAddrType(const char* text, uint8_t& kind);
-// "address:port" for address kind 1 only; other kinds leave the end point untouched. The port
-// follows the last ':' (base 10, clamped to 0..65535); without a ':' the port is 5000 and the
-// address text is empty. Always 0.
+// "address:port" (parseDestination) for address kind 1 only; other kinds leave the end point
+// untouched. Always 0.
 int parseEndpoint(const char* text, uint8_t kind, sockaddr_in& endpoint);
 
 // Each returns what snprintf returns.

@@ -1,5 +1,6 @@
 #include "config/loader.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <iniparser.h>
 #include <unistd.h>
@@ -10,11 +11,14 @@
 
 #include "can/bit_timing.h"
 #include "config/config_path.h"
+#include "config/conversions.h"
 #include "config/ini_layout.h"
 #include "filters/filter_store.h"
 #include "filters/filter_term.h"
+#include "filters/route_filters.h"
 #include "model/config_model.h"
 #include "model/handler.h"
+#include "routing/gateway.h"
 #include "sys/system.h"
 
 using ini::Section;
@@ -56,6 +60,28 @@ void loadGeneralAndHost(const dictionary* file, ConfigModel& model) {
     loadText(general.hostName, file, Section::Host, 0, ini::host_key::Devicename);
     (void)sys::current().setHostName(general.hostName,  // the Host apply reports failures
                                      std::strlen(general.hostName));
+}
+
+// An address that does not convert leaves the field as it was.
+template <typename Address>
+void loadAddress(Address& field, int family, const dictionary* file, Section section, int n,
+                 unsigned place) {
+    ini::KeyAddress fallback;
+    Address converted;
+    if (inet_pton(family, ini::readText(file, section, n, place, fallback), &converted) == 1)
+        field = converted;
+}
+
+void loadLan(const dictionary* file, int n, LanInterface& lan) {
+    using namespace ini::lan_key;
+    loadText(lan.IfName, file, Section::Lan, n, IfName);
+    lan.UseDHCP = loadFlag(file, Section::Lan, n, UseDHCP);
+    loadAddress(lan.IPv4, AF_INET, file, Section::Lan, n, IPv4);
+    loadAddress(lan.Subnetmask, AF_INET, file, Section::Lan, n, Subnetmask);
+    loadAddress(lan.IPv6, AF_INET6, file, Section::Lan, n, IPv6);
+    loadAddress(lan.IPv4Gw, AF_INET, file, Section::Lan, n, IPv4Gw);
+    loadAddress(lan.IPv6Gw, AF_INET6, file, Section::Lan, n, IPv6Gw);
+    lan.Netbitsv6 = ini::readInteger(file, Section::Lan, n, Netbitsv6);
 }
 
 void loadCan(const dictionary* file, int n, CanInterface& can) {
@@ -111,9 +137,58 @@ void loadForwarding(const dictionary* file, GeneralRecord& general) {
         static_cast<uint32_t>(ini::readInteger(file, Section::FwdGen, 0, CANoIPdPort));
 }
 
+void setFlag(uint32_t& word, uint32_t bit, bool on) {
+    word = on ? word | bit : word & ~bit;
+}
+
+// Route n. The type word's direction and "no control" bits are only ever set here, never
+// cleared: a file cannot take them back from a route the model already holds.
+void loadRoute(const dictionary* file, int n, RouteRecord& route, FilterTable& filters) {
+    using namespace ini::route_key;
+    ini::KeyAddress fallback;
+    RouteInfo& info = route.image.info;
+    route.RouteFlags = kRouteActive;
+    loadText(route.RtInfo, file, Section::Route, n, RtInfo);
+    if (loadFlag(file, Section::Route, n, Active)) route.RouteFlags |= kRouteRunning;
+    (void)parseRouteType(ini::readText(file, Section::Route, n, Type, fallback), info.flags);
+    loadText(info.interface1, file, Section::Route, n, Interface1);
+    (void)ini::readText(file, Section::Route, n, Interface2, fallback);  // not used
+    (void)ini::readText(file, Section::Route, n, Protocol1, fallback);   // not used
+    (void)parseProtocol(ini::readText(file, Section::Route, n, Protocol2, fallback),
+                        info.protocol2);
+    (void)ini::readText(file, Section::Route, n, Destination1, fallback);  // not used
+    uint8_t destinationKind = kAddrTypeIPv4;
+    // The kind decides how the destination text is read, so it is looked up first.
+    (void)parseAddrType(ini::readText(file, Section::Route, n, Dest2Type, fallback),
+                        destinationKind);
+    (void)parseEndpoint(ini::readText(file, Section::Route, n, Destination2, fallback),
+                        destinationKind, info.destination);
+    info.fpp = static_cast<uint16_t>(ini::readInteger(file, Section::Route, n, FPP));
+    setFlag(info.flags, kDrvTcpDelay, loadFlag(file, Section::Route, n, TCPDelay));
+    route.DispIdx = static_cast<uint8_t>(ini::readInteger(file, Section::Route, n, DispIdx));
+    info.retryDelay = static_cast<uint32_t>(ini::readInteger(file, Section::Route, n, SndUdelay));
+    info.retryCount = static_cast<uint32_t>(ini::readInteger(file, Section::Route, n, SndMax));
+    if (loadFlag(file, Section::Route, n, NoCtrl)) info.flags |= kDrvNoControl;
+    // The file numbers filters from 0. A full relation table keeps what fitted.
+    (void)parseFilterList(filters, ini::readText(file, Section::Route, n, Filters, fallback), n,
+                          true);
+    if (loadFlag(file, Section::Route, n, UnifyFilters)) route.RouteFlags |= kRouteUnifyFilters;
+    if (loadFlag(file, Section::Route, n, JoinFilters)) route.RouteFlags |= kRouteJoinFilters;
+    info.cdm = static_cast<uint32_t>(ini::readInteger(file, Section::Route, n, Cdm));
+}
+
 void loadGui(const dictionary* file, GuiRecord& gui) {
     for (unsigned place = 0; place < ini::gui_key::Places; ++place)
         gui.show[place] = loadFlag(file, Section::Gui, 0, place);
+}
+
+void loadDhcpServer(const dictionary* file, DhcpServerConfig& dhcp) {
+    using namespace ini::dhcp_key;
+    dhcp.active = loadFlag(file, Section::DhcpServer, 0, Active);
+    dhcp.max_leases =
+        static_cast<uint8_t>(ini::readInteger(file, Section::DhcpServer, 0, MaxLeases));
+    loadAddress(dhcp.start_addr, AF_INET, file, Section::DhcpServer, 0, StartAddr);
+    loadAddress(dhcp.end_addr, AF_INET, file, Section::DhcpServer, 0, EndAddr);
 }
 
 // A base-10 number with leading blanks; false when no digit was converted.
@@ -181,13 +256,22 @@ int loadConfiguration(ConfigModel& model) {
     if (file == nullptr) std::fprintf(stderr, "can't parse file %s\n", configPath());
 
     loadGeneralAndHost(file, model);
+    for (unsigned n = 0; n < ini::sectionSpec(Section::Lan).countRead; ++n)
+        loadLan(file, static_cast<int>(n), model.lan[n]);
     for (unsigned n = 0; n < ini::sectionSpec(Section::Can).countRead; ++n)
         loadCan(file, static_cast<int>(n), model.can[n]);
     (void)ini::readInteger(file, Section::FilterGen, 0, ini::filter_gen_key::Count);  // unused
     for (unsigned n = 0; n < ini::sectionSpec(Section::Filter).countRead; ++n)
         loadFilter(file, static_cast<int>(n), model.filters);
     loadForwarding(file, model.general);
+    // The driver takes over or clears the routes it holds before the sections say what they
+    // should be; a driver that is missing leaves every route without a node.
+    (void)startGatewayDriver(model);
+    const unsigned routes = model.general.Count;
+    for (unsigned n = 0; n < routes && n < ini::sectionSpec(Section::Route).countRead; ++n)
+        loadRoute(file, static_cast<int>(n), model.routes[n], model.filters);
     loadGui(file, model.gui);
+    loadDhcpServer(file, model.dhcp);
 
     if (legacy) ini::restoreKeyNames(saved);
     iniparser_freedict(file);

@@ -13,6 +13,9 @@
 #include "model/gui.h"
 #include "model/host.h"
 #include "model/status.h"
+#include "network/lan_group.h"
+#include "routing/gateway.h"
+#include "routing/route_group.h"
 
 namespace {
 
@@ -22,14 +25,14 @@ struct GroupHandlers {
 };
 
 // Indexed by f1; groups beyond the table answer like a group without handlers.
-// LAN (2), WLAN (3) and Route (5) get their handlers with their subsystems.
+// WLAN (3) gets its handlers with its subsystem.
 constexpr std::array<GroupHandlers, 10> kGroupHandlers{{
     {readGeneral, setGeneral},
     {readHost, setHost},
-    {nullptr, nullptr},
+    {readLan, setLan},
     {nullptr, nullptr},
     {readCan, setCan},
-    {nullptr, nullptr},
+    {readRoute, setRoute},
     {readStatus, setStatus},
     {readBt, nullptr},
     {readGui, setGui},
@@ -42,13 +45,13 @@ struct ApplyStep {
     unsigned instances;  // instance i is at place base + i
 };
 
-// The order in which a finished session reaches the system. LAN, WLAN and routes join with
-// their subsystems (places 2-3, 4 and 8-16).
+// The order in which a finished session reaches the system: the network before the CAN
+// interfaces, and the routes last, when their filters and interfaces are in place. WLAN (place
+// 4) joins with its subsystem.
 constexpr ApplyStep kApplyOrder[] = {
-    {applyGeneral, flag::General, 1},
-    {applyHost, flag::Host, 1},
-    {applyCanInterface, flag::Can, 3},
-    {applyFilter, flag::Filter, 33},
+    {applyGeneral, flag::General, 1}, {applyHost, flag::Host, 1},
+    {applyLan, flag::Lan, 2},         {applyCanInterface, flag::Can, 3},
+    {applyFilter, flag::Filter, 33},  {applyRoute, flag::Route, 9},
 };
 
 constexpr const char* kTooManyWritesText = "ERROR: Exeeded number of write requests!";

@@ -23,6 +23,9 @@ inline constexpr const char* kUnknownSubidxIIFormat =
     "Unknown subidx II in f3 (f1:%d, f2:%d, f3:%d)";
 inline constexpr const char* kUnknownSubidxIIShort = "Unknown subidx II in f3";
 inline constexpr const char* kUnknownParameterFormat = "unknown parameter %d %d";
+// An apply handler called for an interface it does not have; "intdex" is the text clients
+// have always received.
+inline constexpr const char* kFalseInterfaceFormat = "false interface intdex %d";
 
 // Writes a formatted text into the answer's `da` (bounded, always terminated).
 void answerText(AnswerMessage& answer, const char* format, ...)

@@ -26,7 +26,11 @@ constexpr std::string_view kGeneralNames[] = {
     kPlaceholder,         "SW version",      "HW version",      "Order number", "Serial number",
     "Device description", "KL15 power down", "Gateway version", "Lighttpd port"};
 constexpr std::string_view kHostNames[] = {kPlaceholder, "Host name", "User name"};
-constexpr std::string_view kLanNames[] = {kPlaceholder};
+// The interface's parameters (f2 = 1); the group's own two, "IF cnt" and "Prefix", share their
+// sub-indices with the first two.
+constexpr std::string_view kLanNames[] = {
+    kPlaceholder, "IF name",     "DHCP usage",  "IPv4",          "Subnetmask",
+    "IPv6",       "IPv4Gateway", "IPv6Gateway", "IPv6 net bits", "MAC Address"};
 constexpr std::string_view kWlanNames[] = {kPlaceholder};
 constexpr std::string_view kCanNames[] = {
     kPlaceholder,   "IF name",          "active",   "bitrate",           "listen only",

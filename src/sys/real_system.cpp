@@ -25,7 +25,15 @@ int RealSystem::ioctlNode(int fd, unsigned long request, void* argument) {
 }
 
 int RealSystem::closeNode(int fd) {
-    return ::close(fd);
+    const int result = ::close(fd);
+    // The route apply's common exit closes descriptor 0 as it always has. /dev/null takes its
+    // place at once, so that no node or file opened later is handed descriptor 0, which the
+    // configuration header check has always refused.
+    if (fd == 0 && result == 0) {
+        const int placeholder = ::open("/dev/null", O_RDWR);
+        if (placeholder > 0) (void)::close(placeholder);  // 0 was taken meanwhile: nothing to hold
+    }
+    return result;
 }
 
 int RealSystem::queryInterface(unsigned long request, void* interfaceRequest) {

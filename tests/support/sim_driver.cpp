@@ -33,6 +33,7 @@ int SimDriver::open(const std::string& path) {
     if (auto it = openErrors_.find(path); it != openErrors_.end()) return fail(it->second);
     const int node = nodeOf(path);
     if (node == -2) return fail(ENOENT);
+    if (!moduleLoaded_) return fail(ENODEV);
     const int fd = nextDescriptor_++;
     descriptors_[fd] = node;
     return fd;
@@ -57,7 +58,19 @@ int SimDriver::ioctl(int fd, unsigned long request, void* argument) {
                             : routeRequest(node, request, argument);
 }
 
+std::vector<unsigned long> SimDriver::requestsOn(int node) const {
+    std::vector<unsigned long> made;
+    for (const Request& r : requests) {
+        if (r.node == node) made.push_back(r.request);
+    }
+    return made;
+}
+
 int SimDriver::controlRequest(unsigned long request, void* argument) {
+    if (request == gw::kGetForwardDefaults) {
+        std::memcpy(argument, &forwardDefaults_, sizeof forwardDefaults_);
+        return 0;
+    }
     if (request == gw::kGetCanLinkInfo) {
         auto* info = static_cast<gw::CanLinkInfo*>(argument);
         auto known =
@@ -70,10 +83,48 @@ int SimDriver::controlRequest(unsigned long request, void* argument) {
 }
 
 int SimDriver::routeRequest(int node, unsigned long request, void* argument) {
+    RouteNode& slot = routeNodes_[node];
     switch (request) {
         case gw::kSetFilters:
         case gw::kSetJoinedFilters:
             return setFilters(node, request, argument);
+        case gw::kAddRoute:
+            if (slot.route) return fail(EEXIST);
+            slot.route.emplace();
+            std::memcpy(&*slot.route, argument, sizeof(DriverRoute));
+            return 0;
+        case gw::kDeleteRoute:
+            ++slot.deletes;
+            break;
+        default:
+            break;
+    }
+    // Every other request concerns the route the node holds.
+    if (!slot.route) return fail(ENODATA);
+    DriverRoute& route = *slot.route;
+    switch (request) {
+        case gw::kDeleteRoute:
+            if (--slot.deletesNeeded <= 0) {
+                slot.route.reset();
+                slot.deletesNeeded = 1;
+            }
+            return 0;
+        case gw::kRunRoute:
+            route.info.flags |= kDrvRunRequest;
+            return 0;
+        case gw::kHaltRoute:
+            route.info.flags &= ~kDrvRunRequest;
+            return 0;
+        case gw::kGetRoute:
+            std::memcpy(argument, &route.info, sizeof route.info);
+            return 0;
+        case gw::kGetRouteStats:
+            std::memcpy(argument, route.stats, sizeof route.stats);
+            return 0;
+        case gw::kResetRouteStats:
+            std::memset(route.stats, 0, sizeof route.stats);
+            std::memset(route.fppStats, 0, sizeof route.fppStats);
+            return 0;
         default:
             return fail(ENOTTY);
     }
@@ -86,7 +137,8 @@ int SimDriver::setFilters(int node, unsigned long request, const void* argument)
     if (count > kMaxFilterPairs) return fail(EINVAL);
     FilterCall call{node, request, std::vector<gw::MaskEntry>(count)};
     std::memcpy(call.entries.data(), list + sizeof count, count * sizeof(gw::MaskEntry));
-    routeNodes_[node] = {call.entries, request};
+    routeNodes_[node].filters = call.entries;
+    routeNodes_[node].filterRequest = request;
     filterCalls.push_back(std::move(call));
     return 0;
 }

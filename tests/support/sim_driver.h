@@ -5,10 +5,12 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "routing/route_record.h"
 #include "sys/gateway_driver.h"
 
 // Filter pairs compare and print by value in test expectations.
@@ -35,14 +37,22 @@ class SimDriver {
         unsigned long request;
         std::vector<gw::MaskEntry> entries;  // as many as the list's count says
     };
-    // What one route node holds.
+    // What one route node holds. Tests may also put a route into it before the daemon runs.
     struct RouteNode {
         std::vector<gw::MaskEntry> filters;  // the list in force; empty: none was set
         unsigned long filterRequest = 0;     // the request that set it (joined or not)
+        std::optional<DriverRoute> route;    // the route added, as the driver keeps it
+        int deletesNeeded = 1;  // deletes until the route is gone (a driver slow to let go)
+        int deletes = 0;        // delete requests seen
     };
 
     // Test controls.
     void setLinkInfo(const gw::CanLinkInfo& info) { linkInfo_[info.name] = info; }
+    void setForwardDefaults(const ForwardDefaults& defaults) { forwardDefaults_ = defaults; }
+    // Missing module: every open of a driver node fails with ENODEV.
+    void setModuleLoaded(bool loaded) { moduleLoaded_ = loaded; }
+    // The next open hands out `fd` (0: as the kernel does once standard input is closed).
+    void setNextDescriptor(int fd) { nextDescriptor_ = fd; }
     void failOpen(const std::string& path, int error) { openErrors_[path] = error; }
     void failRequest(unsigned long request, int error) { requestErrors_[request] = error; }
     void clearFailures() {
@@ -57,6 +67,8 @@ class SimDriver {
     int badCloses = 0;                // closes of a descriptor that was not open
     int openDescriptors() const { return static_cast<int>(descriptors_.size()); }
     const RouteNode& routeNode(int node) const { return routeNodes_.at(node); }
+    RouteNode& routeNode(int node) { return routeNodes_.at(node); }
+    std::vector<unsigned long> requestsOn(int node) const;
 
     // The seam's calls.
     int open(const std::string& path);
@@ -70,6 +82,8 @@ class SimDriver {
     int setFilters(int node, unsigned long request, const void* argument);
 
     std::map<std::string, gw::CanLinkInfo> linkInfo_;
+    ForwardDefaults forwardDefaults_{};
+    bool moduleLoaded_ = true;
     std::map<std::string, int> openErrors_;
     std::map<unsigned long, int> requestErrors_;
     std::map<int, int> descriptors_;  // descriptor -> node

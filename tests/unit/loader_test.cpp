@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,6 +8,7 @@
 #include "config/loader.h"
 #include "fake_system.h"
 #include "filters/filter_store.h"
+#include "filters/route_filters.h"
 
 namespace {
 
@@ -154,6 +156,71 @@ TEST_F(Loader, HeaderVersion) {
     fake.removeFile(kDefaultConfigPath);
     int major = 0, minor = 0, patch = 0;
     EXPECT_EQ(checkHeader(kDefaultConfigPath, major, minor, patch), -1);
+}
+
+}  // namespace
+
+namespace {
+
+std::string dotted(in_addr address) {
+    char text[INET_ADDRSTRLEN] = "";
+    return inet_ntop(AF_INET, &address, text, sizeof text) != nullptr ? text : "?";
+}
+
+TEST_F(Loader, LanRoutesAndDhcpServerSections) {
+    // The driver is missing: routes keep no node, and the sections still load.
+    load(header("1.3.1") +
+         "[LAN_0]\nIfName = uplink\nUseDHCP = 1\nIPv4 = 192.0.2.5\nSubnetmask = bad\n"
+         "IPv4Gw = 192.0.2.1\nIPv6 = 2001:db8::5\nNetbitsv6 = 200\n"
+         "[FILTER_2]\nfilter_type = 3\nTerm = 0x100/0x700\n"
+         "[FWD_GEN]\nCount = 2\n"
+         "[RT_0]\nRtInfo = to the office\nActive = Yes\nType = Lan2Can\nInterface1 = can1\n"
+         "Protocol2 = tcp\nDestination2 = 198.51.100.9:7000\nFPP = 70000\nTCPDelay = 0\n"
+         "NoCtrl = 1\nFilters = 2\nUnifyFilters = 1\nCdm = -3\nSndUdelay = 12\nSndMax = 4\n"
+         "[RT_1]\nDest2Type = none\nDestination2 = 198.51.100.9:7000\n"
+         "[RT_2]\nRtInfo = beyond the count\n"
+         "[DHCP_SERVER]\nactive = 1\nmax_leases = 300\nstart_addr = 192.0.2.100\n");
+    const LanInterface& lan = m().lan[0];
+    EXPECT_STREQ(lan.IfName, "uplink");
+    EXPECT_EQ(lan.UseDHCP, 1);
+    EXPECT_EQ(dotted(lan.IPv4) + " " + dotted(lan.Subnetmask) + " " + dotted(lan.IPv4Gw),
+              "192.0.2.5 255.255.255.0 192.0.2.1");  // a bad mask keeps the default
+    EXPECT_EQ(lan.Netbitsv6, 128);
+
+    const RouteRecord& r0 = m().routes[0];
+    const RouteInfo& info = r0.image.info;
+    EXPECT_STREQ(r0.RtInfo, "to the office");
+    EXPECT_EQ(r0.RouteFlags, kRouteActive | kRouteRunning | kRouteUnifyFilters);
+    EXPECT_EQ(info.flags & (kDrvCan2Lan | kDrvTcpDelay | kDrvNoControl),
+              kDrvCan2Lan | kDrvNoControl);  // "Lan2Can" is no known spelling: CAN2LAN
+    EXPECT_STREQ(info.interface1, "can1");
+    EXPECT_EQ(info.protocol2, 6u);
+    EXPECT_EQ(dotted(info.destination.sin_addr), "198.51.100.9");
+    EXPECT_EQ(ntohs(info.destination.sin_port), 7000);
+    EXPECT_EQ(info.fpp, 65535);
+    EXPECT_EQ(info.cdm, 10u);
+    EXPECT_EQ(info.retryDelay, 12u);
+    EXPECT_EQ(info.retryCount, 4u);
+    char filters[16] = "";
+    ASSERT_EQ(getRtFilters(m().filters, 0, filters, sizeof filters, false), 0);
+    EXPECT_STREQ(filters, "3");  // the file counts filters from 0
+
+    const RouteRecord& r1 = m().routes[1];
+    EXPECT_STREQ(r1.RtInfo, "Route n");
+    EXPECT_EQ(r1.RouteFlags, kRouteActive);
+    EXPECT_EQ(r1.image.info.protocol2, 17u);
+    EXPECT_EQ(r1.image.info.fpp, 15);
+    EXPECT_EQ(r1.image.info.cdm, 500u);
+    EXPECT_EQ(r1.image.info.destination.sin_port, 0);  // not an IPv4 destination: untouched
+    EXPECT_TRUE(r1.image.info.flags & kDrvTcpDelay);
+    EXPECT_STREQ(m().routes[2].RtInfo, "");  // beyond FWD_GEN's count
+    for (const RouteRecord& r : m().routes)
+        EXPECT_EQ(r.DrvIndex, kNoDriverNode);
+
+    EXPECT_EQ(m().dhcp.active, 1);
+    EXPECT_EQ(m().dhcp.max_leases, 255);
+    EXPECT_EQ(dotted(m().dhcp.start_addr) + " " + dotted(m().dhcp.end_addr),
+              "192.0.2.100 192.168.1.17");
 }
 
 }  // namespace

@@ -1,0 +1,320 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fake_system.h"
+#include "routing/canoipd.h"
+#include "routing/gateway.h"
+#include "routing/shell_command.h"
+
+namespace {
+
+using Requests = std::vector<unsigned long>;
+using Commands = std::vector<std::string>;
+// The driver's request numbers, written out so that a wrong number in the daemon shows.
+constexpr unsigned long kAdd = 0x400450C8, kDelete = 0x50C9, kRun = 0x50CA, kHalt = 0x50CB,
+                        kGet = 0x800450CC, kStats = 0x800450CD, kFilters = 0x40045A58;
+const std::string kModprobe =
+    "modprobe tarn-gw routesmax=8 defamax=8 defsmax=6 defsdu=50 defcdm=500 deffpp=8 deftcpdly=0 "
+    "deftcpkeepcnt=3 deftcpkeepidle=5 deftcpkeepintvl=5 ";
+const std::string kCanoipdStart =
+    "/home/tarn/canoip/canoipd -P canoip -p 45321 -N VORL-Gateway -I eth0 & ";
+const std::string kCanoipdStop = "killall /home/tarn/canoip/canoipd";
+constexpr ForwardDefaults kDefaults{{1, 2, 3}, {}, 40, {}, 46, 48, 50, {}, 64, 68, 72};
+
+class Gateway : public SeamTest {
+  public:
+    using SeamTest::fake;
+    using SeamTest::m;
+
+    Gateway() {
+        fake.writeFile("/proc/devices", "Character devices:\n  1 mem\n 10 misc\n250 tarn-gw\n");
+        fake.writeFile("/proc/modules", "can_raw 20480 0 - Live 0x0\ntarn_gw 98304 8 - Live 0x0\n");
+        fake.driver.setForwardDefaults(kDefaults);
+        m().forwardDefaults = kDefaults;
+        m().general.CANoIPdPort = 45321;
+        std::strcpy(m().general.hostName, "VORL-Gateway");
+    }
+    void TearDown() override { EXPECT_EQ(fake.driver.openDescriptors(), 0); }
+
+    // Route `i` configured on, with its node and the defaults, to the peer 10.0.0.9:`port`.
+    RouteRecord& route(unsigned i, uint16_t port = 5000) {
+        RouteRecord& r = m().routes[i];
+        r.RouteFlags = kRouteActive;
+        r.DrvIndex = static_cast<uint8_t>(i);
+        std::strcpy(r.image.info.interface1, "can0");
+        r.image.info.protocol2 = 6;
+        r.image.info.destination.sin_family = AF_INET;
+        r.image.info.destination.sin_port = htons(port);
+        r.image.info.destination.sin_addr.s_addr = htonl(0x0A000009);
+        applyForwardDefaults(r, m());
+        return r;
+    }
+    // Node `node` holds what route `i` describes now.
+    void hold(unsigned i, bool running, int node = -1) {
+        DriverRoute held = m().routes[i].image;
+        held.info.flags =
+            running ? held.info.flags | kDrvRunRequest : held.info.flags & ~kDrvRunRequest;
+        fake.driver.routeNode(node < 0 ? static_cast<int>(i) : node).route = held;
+    }
+    std::pair<int, std::string> apply(unsigned n) {
+        AnswerMessage answer{};
+        const int result = applyRoute(n, m(), answer);
+        return {result, answer.da};
+    }
+};
+
+TEST_F(Gateway, ProcFilesAndModuleCommands) {
+    const std::pair<std::string, int> devices[] = {
+        {"Character devices:\n  1 mem\n250 tarn-gw\n", 250},
+        {"x\r254 tarn-gw", 254},
+        {"300 tarn-gw\n", 255},
+        {"-4 tarn-gw\n", 0},
+        {"tarn-gw\n", 0},
+        {"250 tarn_gw\n", -1},
+        {std::string(4090, 'x') + "\n250 tarn-gw\n", -1},  // beyond what is read
+    };
+    for (const auto& [text, major] : devices) {
+        fake.writeFile("/proc/devices", text);
+        EXPECT_EQ(findDriverMajor(), major) << text;
+    }
+    fake.writeFile("/proc/modules", "tarn-gw 1 0\n");
+    EXPECT_EQ(isModuleLoaded(), -1);
+    fake.writeFile("/proc/modules", "tarn_gw 1 0\n");
+    EXPECT_EQ(isModuleLoaded(), 0);
+    fake.removeFile("/proc/devices");
+    fake.removeFile("/proc/modules");
+    EXPECT_EQ(std::pair(findDriverMajor(), isModuleLoaded()), std::pair(-1, -1));
+
+    EXPECT_EQ(std::vector<int>({controlModule(0), controlModule(1), controlModule(2),
+                                controlModule(3), controlModule(-1)}),
+              std::vector<int>({0, 0, 0, -1, -1}));
+    EXPECT_EQ(fake.commands, (Commands{kModprobe, "rmmod tarn-gw", "rmmod tarn-gw; " + kModprobe}));
+}
+
+TEST_F(Gateway, StartWithoutTheDriverLeavesEveryRouteWithoutNode) {
+    fake.writeFile("/proc/devices", "Character devices:\n  1 mem\n");
+    fake.writeFile("/proc/modules", "can_raw 20480 0 - Live 0x0\n");
+    route(0).DrvIndex = 3;
+    EXPECT_EQ(startGatewayDriver(m()), -2);
+    EXPECT_EQ(fake.commands, Commands{kModprobe});  // no helper restart either
+    for (unsigned i = 0; i < kMaxRoutes; ++i)
+        EXPECT_EQ(m().routes[i].DrvIndex, kNoDriverNode) << i;
+
+    // Active without a node needs the driver; inactive without one is nobody's business.
+    EXPECT_EQ(apply(1).first, -2);
+    EXPECT_EQ(apply(2), std::pair(0, std::string()));
+    EXPECT_TRUE(fake.driver.opened.empty());
+    EXPECT_TRUE(fake.driver.requests.empty());
+}
+
+TEST_F(Gateway, StartTakesOverMatchingRoutesAndAddsTheRest) {
+    route(0);
+    route(1, 6000).RouteFlags = 0;
+    route(2, 5002);
+    route(4, 5004);
+    hold(0, true);
+    hold(1, false);
+    fake.driver.routeNode(1).route->info.destination.sin_port = htons(7000);  // no record's
+    hold(2, false, 5);  // record 2's route, on another node
+    fake.driver.failOpen("/dev/canoip3", ENODEV);
+    fake.driver.failOpen("/dev/canoip4", ENOENT);
+    for (RouteRecord& r : m().routes)
+        r.DrvIndex = 0;
+    m().forwardDefaults = {};  // the driver's own come back
+
+    EXPECT_EQ(startGatewayDriver(m()), -1);  // route 4's node would not open
+    EXPECT_EQ(fake.commands, (Commands{kModprobe, kCanoipdStop, kCanoipdStart}));
+    EXPECT_EQ(
+        std::vector<uint32_t>({m().routes[0].RouteFlags, m().routes[1].RouteFlags,
+                               m().routes[2].RouteFlags, m().routes[4].RouteFlags}),
+        std::vector<uint32_t>({kRouteActive | kRouteInDriver | kRouteRunning, 0,
+                               kRouteActive | kRouteInDriver, kRouteActive | kRouteInDriver}));
+    EXPECT_EQ(fake.driver.requestsOn(0), Requests{kGet});
+    EXPECT_EQ(fake.driver.requestsOn(1), (Requests{kGet, kDelete}));
+    EXPECT_FALSE(fake.driver.routeNode(1).route.has_value());
+    EXPECT_EQ(fake.driver.requestsOn(2), Requests{kGet});  // taken over from node 5: not added
+    EXPECT_EQ(m().forwardDefaults.version[2], 3);
+    for (unsigned i = 0; i < kMaxRoutes; ++i) {
+        const RouteInfo& info = m().routes[i].image.info;
+        EXPECT_EQ(m().routes[i].DrvIndex, i);
+        EXPECT_EQ(
+            std::vector<uint32_t>({info.default80, info.default84, info.default100, info.cdm,
+                                   info.default116, info.default120, info.default124,
+                                   info.flags & (kDrvTcpDelay | kDrvDefaultBit27)}),
+            std::vector<uint32_t>({46, 48, 40, 50, 64, 68, 72, kDrvTcpDelay | kDrvDefaultBit27}));
+    }
+
+    // Added at start, named after its index; a refused add switches the route off.
+    route(6);
+    fake.driver.clearFailures();
+    fake.driver.failRequest(kAdd, ENOMEM);
+    EXPECT_EQ(startGatewayDriver(m()), -1);
+    EXPECT_EQ(m().routes[6].RouteFlags, kRouteInDriver);
+    fake.driver.clearFailures();
+    m().routes[6].RouteFlags = kRouteActive;
+    EXPECT_EQ(startGatewayDriver(m()), 0);
+    EXPECT_STREQ(fake.driver.routeNode(6).route->info.name, "rt6");
+}
+
+constexpr uint32_t kOn = kRouteActive, kOnRunning = kRouteActive | kRouteRunning;
+
+template <typename... Numbers>
+Requests seq(Numbers... numbers) {
+    return Requests{numbers...};
+}
+// The requests of a replacement with `attempts` rounds of halt, delete and asking again.
+Requests replaced(int attempts, const Requests& tail) {
+    Requests made{kGet, kGet};
+    for (int i = 0; i < attempts; ++i)
+        made.insert(made.end(), {kHalt, kDelete, kGet});
+    made.insert(made.end(), tail.begin(), tail.end());
+    return made;
+}
+
+// One apply of route 2 (index 1): what the driver holds, how the record differs from it, the
+// driver's faults, and what must come of it.
+struct ApplyCase {
+    const char* name;
+    int held;            // the node before: -1 empty, else the run bit of the record's route
+    uint32_t flags;      // RouteFlags configured (kRouteRunning also sets the image's run bit)
+    uint16_t port;       // configured after the driver got the route on 5000
+    uint32_t imageBits;  // set in the image's flags after the driver got it
+    int deletesNeeded, openError, addError;
+    int result;
+    const char* text;
+    Requests requests;  // on node 1
+    std::size_t sleeps;
+    uint32_t flagsAfter;
+    int heldAfter;  // the node afterwards, as `held`
+};
+void PrintTo(const ApplyCase& c, std::ostream* out) {
+    *out << c.name;
+}
+class ApplyRoute : public Gateway, public ::testing::WithParamInterface<ApplyCase> {};
+
+const ApplyCase kApplyCases[] = {
+    {"NewRouteIsAddedHalted", -1, kOn, 5000, 0, 1, 0, 0, 0, "",
+     seq(kGet, kGet, kAdd, kHalt, kFilters), 0, kOn, 0},
+    {"UnchangedRouteOnlyGetsItsFilters", 0, kOn, 5000, 0, 1, 0, 0, 0, "", seq(kGet, kFilters), 0,
+     kOn, 0},
+    {"RunRequestStartsIt", 0, kOnRunning, 5000, 0, 1, 0, 0, 0, "", seq(kGet, kRun, kFilters), 0,
+     kOnRunning, 1},
+    {"NewPortReplacesAndKeepsRunning", 1, kOnRunning, 6000, 0, 1, 0, 0, 0, "",
+     replaced(1, seq(kAdd, kRun, kFilters)), 1, kOnRunning, 1},
+    {"NoControlBitReplaces", 0, kOn, 5000, kDrvNoControl, 1, 0, 0, 0, "",
+     replaced(1, seq(kAdd, kHalt, kFilters)), 1, kOn, 0},
+    {"SwitchedOffIsHaltedDeletedAndReset", 1, 0, 5000, 0, 1, 0, 0, 0, "", seq(kHalt, kDelete), 0, 0,
+     -1},
+    {"RefusedAddSwitchesTheRouteOff", -1, kOn, 5000, 0, 1, 0, ENOSPC, -1,
+     "failed to add route (No space left on device)", seq(kGet, kGet, kAdd), 0, 0, -1},
+    {"NineDeletesAreEnough", 1, kOnRunning, 6000, 0, 9, 0, 0, 0, "",
+     replaced(9, seq(kAdd, kRun, kFilters)), 9, kOnRunning, 1},
+    {"TenAreNotEvenWhenTheTenthRemovesIt", 1, kOnRunning, 6000, 0, 10, 0, 0, -1,
+     "failed to delete old route", replaced(10, seq()), 10, kOnRunning, -1},
+    {"NodeThatWillNotOpen", -1, kOn, 5000, 0, 1, ENOENT, 0, -1,
+     "unable to open route (No such file or directory)", seq(), 0, kOn, -1},
+    {"MissingModuleIsLoaded", -1, kOn, 5000, 0, 1, ENODEV, 0, -1,
+     "unable to open route (No such device)", seq(), 0, kOn, -1},
+};
+
+TEST_P(ApplyRoute, BringsTheDriverInLine) {
+    const ApplyCase& c = GetParam();
+    m().routes[5].RouteFlags = kRouteActive;
+    RouteRecord& r = route(1);
+    r.RouteFlags = c.flags;
+    if (c.flags & kRouteRunning) r.image.info.flags |= kDrvRunRequest;
+    if (c.held >= 0) hold(1, c.held == 1);
+    r.image.info.destination.sin_port = htons(c.port);
+    r.image.info.flags |= c.imageBits;
+    if (c.flags == 0) r.image.info.default80 = 99;  // a switch-off puts the default back
+    fake.driver.routeNode(1).deletesNeeded = c.deletesNeeded;
+    if (c.openError == ENODEV) fake.driver.setModuleLoaded(false);
+    if (c.openError == ENOENT) fake.driver.failOpen("/dev/canoip1", ENOENT);
+    if (c.addError != 0) fake.driver.failRequest(kAdd, c.addError);
+
+    EXPECT_EQ(apply(2), std::pair(c.result, std::string(c.text)));
+    EXPECT_EQ(fake.driver.requestsOn(1), c.requests);
+    EXPECT_EQ(fake.sleeps, std::vector<long>(c.sleeps, 100000000L));
+    EXPECT_EQ(r.RouteFlags, c.flagsAfter);
+    const auto& held = fake.driver.routeNode(1).route;
+    EXPECT_EQ(held ? static_cast<int>(held->info.flags & kDrvRunRequest) / 2 : -1, c.heldAfter);
+    if (c.result == 0 && c.heldAfter >= 0) {  // the driver's route is the one configured
+        EXPECT_EQ(held->info.destination.sin_port, r.image.info.destination.sin_port);
+        EXPECT_EQ(held->info.name, std::string(c.held < 0 || c.sleeps > 0 ? "rt1" : ""));
+    }
+    EXPECT_EQ(r.image.info.default80, 46u);
+    EXPECT_EQ(m().general.Count, c.result == 0 && c.flags != 0 ? 2u : 0u);  // recounted
+    EXPECT_EQ(fake.commands, c.openError == ENODEV ? Commands{kModprobe} : Commands());
+}
+INSTANTIATE_TEST_SUITE_P(Gateway, ApplyRoute, ::testing::ValuesIn(kApplyCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(Gateway, IndexZeroAndBadIndexOnlyRecount) {
+    route(0);
+    route(3);
+    m().general.Count = 7;
+    EXPECT_EQ(apply(0), std::pair(0, std::string()));
+    EXPECT_EQ(apply(9), std::pair(-1, std::string("false route index (9)")));
+    EXPECT_EQ(m().general.Count, 2u);
+    EXPECT_TRUE(fake.driver.opened.empty());
+    EXPECT_EQ(fake.driver.badCloses, 2);  // descriptor 0, never opened here
+    EXPECT_EQ(m().stamps.routesChanged, 0);
+
+    // With standard input closed the next node is descriptor 0, a node like any other.
+    fake.driver.setNextDescriptor(0);
+    EXPECT_EQ(apply(1), std::pair(0, std::string()));
+    EXPECT_TRUE(fake.driver.routeNode(0).route.has_value());
+    EXPECT_EQ(fake.driver.badCloses, 2);
+}
+
+TEST_F(Gateway, RefreshReadsStateAndStatistics) {
+    // Driver running?, running afterwards.
+    for (const auto& [driverRunning, running] :
+         {std::pair(false, 0u), std::pair(true, kRouteRunning)}) {
+        route(3).RouteFlags = kOnRunning;
+        hold(3, driverRunning);
+        for (uint32_t k = 0; k < route_stat::Count; ++k)
+            fake.driver.routeNode(3).route->stats[k] = 100 + k;
+        EXPECT_EQ(refreshRoute(m(), 3), 0);
+        EXPECT_EQ(m().routes[3].RouteFlags & kRouteRunning, running);
+        EXPECT_EQ(m().routes[3].image.stats[route_stat::LanDiscarded], 109u);
+    }
+    EXPECT_EQ(fake.driver.requestsOn(3), (Requests{kGet, kStats, kGet, kStats}));
+    m().routes[3].DrvIndex = kNoDriverNode;
+    EXPECT_EQ(refreshRoute(m(), 3), -1);
+}
+
+TEST_F(Gateway, CanoipdCommandLines) {
+    const std::pair<int, Commands> modes[] = {
+        {0, {kCanoipdStart}}, {1, {kCanoipdStop}}, {2, {kCanoipdStop, kCanoipdStart}}, {3, {}}};
+    for (const auto& [mode, commands] : modes) {
+        fake.commands.clear();
+        EXPECT_EQ(controlCanoipd(mode, m()), mode < 3 ? 0 : -1);
+        EXPECT_EQ(fake.commands, commands) << mode;
+    }
+    // Blanks stay unquoted; the LAN interface number follows "eth".
+    std::strcpy(m().general.hostName, "Hall 3 gateway");
+    m().lan[0].Index = 1;
+    m().general.CANoIPdPort = 1;
+    fake.commands.clear();
+    EXPECT_EQ(controlCanoipd(0, m()), 0);
+    EXPECT_EQ(fake.commands,
+              Commands{"/home/tarn/canoip/canoipd -P canoip -p 1 -N Hall 3 gateway -I eth1 & "});
+
+    // A command is cut at 255 characters, and nothing is appended after the cut.
+    fake.commands.clear();
+    ShellCommand command;
+    command.append("%s", std::string(300, 'n').c_str());
+    command.append("& ");
+    command.run();
+    EXPECT_EQ(fake.commands, Commands{std::string(255, 'n')});
+}
+
+}  // namespace
