@@ -85,6 +85,23 @@ void addCanLinks(SimDriver& driver) {
     }
 }
 
+// The driver's version and the forwarding defaults it was loaded with (modprobe's "defsdu=50",
+// "defamax=8", "defsmax=6", "defcdm=500" and the TCP keep-alive count, idle time and interval).
+void addForwardDefaults(SimDriver& driver) {
+    ForwardDefaults defaults{};
+    defaults.version[0] = 2;
+    defaults.version[1] = 4;
+    defaults.version[2] = 1;
+    defaults.at40 = 50;
+    defaults.at46 = 8;
+    defaults.at48 = 6;
+    defaults.at50 = 500;
+    defaults.at64 = 3;
+    defaults.at68 = 5;
+    defaults.at72 = 5;
+    driver.setForwardDefaults(defaults);
+}
+
 // Whether `path` names one of the driver's nodes.
 bool isNode(const char* path) {
     if (path == nullptr) return false;
@@ -124,11 +141,13 @@ struct Driver {
     bool owns(int fd) const { return fd >= 0 && fd < kMaxDescriptor && node[fd] != 0; }
     int simulatedOf(int fd) const { return node[fd] - 1; }
 
-    // A driver as the module brings it when it is loaded: no routes, the CAN links.
+    // A driver as the module brings it when it is loaded: no routes, its defaults, the CAN
+    // links.
     void fresh() {
         delete simulated;
         simulated = new SimDriver;
         addCanLinks(*simulated);
+        addForwardDefaults(*simulated);
     }
 
     int open(const char* path, int flags) {
