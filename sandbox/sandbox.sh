@@ -252,7 +252,9 @@ cmd_run() {
     if [ -s "$dir/sandbox.pid" ]; then
         ((stopping == 0)) || stop_sandbox "$dir"
         echo "sandbox: cfgd runs on host '$SANDBOX_HOSTNAME'; command log $dir/commands.log"
-        echo "sandbox: try '$0 exec cfgctl get 0 2 0'; Ctrl-C stops it"
+        echo "sandbox: try '$0 exec cfgctl get 0 2 0' (order number), '... get 2 1 2 2 1 8'" \
+            "(LAN address and MAC), '... get 5 1 1 5 1 8' (route 1 state and peer);" \
+            "Ctrl-C stops it"
         tail -n +1 -f --pid="$sandbox_pid" "$dir/commands.log" &
     fi
     wait_for "$sandbox_pid"
