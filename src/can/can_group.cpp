@@ -1,7 +1,6 @@
 #include "can/can_group.h"
 
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -9,6 +8,7 @@
 #include "can/link_info.h"
 #include "model/config_model.h"
 #include "model/device_numbers.h"
+#include "sys/shell_command.h"
 #include "sys/system.h"
 
 namespace {
@@ -31,30 +31,13 @@ constexpr const char* kTripleSamplingFormat = "triple-sampling %s ";
 constexpr const char* kOneShotFormat = "one-shot %s ";
 constexpr const char* kBerrReportingFormat = "berr-reporting %s ";
 constexpr const char* kRestartText = "restart-ms 1";
-constexpr std::size_t kCommandSize = 250;
+constexpr std::size_t kCommandChars = 249;
 
 const char* onOff(uint8_t value) {
     return value ? "on" : "off";
 }
 
-// A shell command composed piece by piece; a piece that does not fit is cut, never overrun.
-class CommandLine {
-  public:
-    void append(const char* format, ...) __attribute__((format(printf, 2, 3))) {
-        if (length_ >= text_.size() - 1) return;
-        va_list arguments;
-        va_start(arguments, format);
-        std::vsnprintf(text_.data() + length_, text_.size() - length_, format, arguments);
-        va_end(arguments);
-        length_ = std::strlen(text_.data());
-    }
-    // Exit statuses are not examined: a failed command shows in the link state that clients read.
-    void run() const { (void)sys::current().runCommand(text_.data()); }
-
-  private:
-    std::array<char, kCommandSize> text_{};
-    std::size_t length_ = 0;
-};
+using CommandLine = ShellCommand<kCommandChars>;
 
 // --- reads of one interface, indexed by f3 ---
 

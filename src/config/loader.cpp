@@ -205,7 +205,9 @@ bool readVersionNumber(const char*& at, int& number) {
 
 int checkHeader(const char* path, int& major, int& minor, int& patch) {
     const int fd = open(sys::placeFile(path).c_str(), O_RDONLY);
-    // Descriptor 0 counts as a failure too: the daemon never runs without its standard input.
+    // Descriptor 0 counts as a failure, as it always has. The daemon keeps descriptor 0 taken
+    // (/dev/null replaces standard input once the route apply has closed it), so a file opened
+    // here does not get it.
     if (fd < 1) {
         if (fd == 0) (void)close(fd);
         return -1;

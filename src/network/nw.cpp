@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "model/handler.h"
+#include "sys/shell_command.h"
 #include "sys/system.h"
 
 namespace {
@@ -38,13 +39,12 @@ using DottedText = char[INET_ADDRSTRLEN];
 // Formats one shell command into the bounded buffer (a longer line is cut) and runs it.
 void runShellLine(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void runShellLine(const char* format, ...) {
-    char command[kNwCommandChars + 1];
+    ShellCommand<kNwCommandChars> command;
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(command, sizeof command, format, arguments);
+    command.appendList(format, arguments);
     va_end(arguments);
-    // Exit statuses are not examined: the result shows in the state that clients read back.
-    (void)sys::current().runCommand(command);
+    command.run();
 }
 
 // The format of a service operation: 0 start, 2 restart, any other value stop.

@@ -1,7 +1,7 @@
 #include "routing/canoipd.h"
 
 #include "model/config_model.h"
-#include "routing/shell_command.h"
+#include "routing/routing_command.h"
 #include "sys/gateway_driver.h"
 
 namespace {
@@ -12,7 +12,7 @@ constexpr const char* kBackground = "& ";  // the shell returns at once, the hel
 constexpr const char* kStopFormat = "killall %s";
 
 void start(const ConfigModel& model) {
-    ShellCommand command;
+    RoutingCommand command;
     // Device names with blanks go unquoted: the helper has always been started this way.
     command.append(kStartFormat, kCanoipdPath, gw::kRouteNodePrefix, model.general.CANoIPdPort,
                    model.general.hostName);
@@ -22,7 +22,7 @@ void start(const ConfigModel& model) {
 }
 
 void stop() {
-    ShellCommand command;
+    RoutingCommand command;
     command.append(kStopFormat, kCanoipdPath);
     command.run();
 }

@@ -16,7 +16,7 @@
 #include "model/config_model.h"
 #include "routing/canoipd.h"
 #include "routing/route_record.h"
-#include "routing/shell_command.h"
+#include "routing/routing_command.h"
 #include "sys/gateway_driver.h"
 #include "sys/system.h"
 
@@ -150,7 +150,7 @@ void nameRoute(RouteRecord& route, unsigned index) {
                   static_cast<int>(index));
 }
 
-void appendLoad(ShellCommand& command) {
+void appendLoad(RoutingCommand& command) {
     command.append(kLoadFormat, gw::kDeviceName);
     for (const ModuleParameter& parameter : kModuleParameters) {
         command.append(parameter.format, parameter.value);
@@ -245,7 +245,7 @@ int isModuleLoaded() {
 }
 
 int controlModule(int mode) {
-    ShellCommand command;
+    RoutingCommand command;
     switch (static_cast<ModuleMode>(mode)) {
         case ModuleMode::Load:
             appendLoad(command);

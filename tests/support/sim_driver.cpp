@@ -1,6 +1,7 @@
 #include "sim_driver.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -119,7 +120,9 @@ int SimDriver::routeRequest(int node, unsigned long request, void* argument) {
             std::memcpy(argument, &route.info, sizeof route.info);
             return 0;
         case gw::kGetRouteStats:
-            std::memcpy(argument, route.stats, sizeof route.stats);
+            // The counters and the per-size counters after them, as one block.
+            std::memcpy(argument, route.stats,
+                        offsetof(DriverRoute, reserved444) - offsetof(DriverRoute, stats));
             return 0;
         case gw::kResetRouteStats:
             std::memset(route.stats, 0, sizeof route.stats);

@@ -11,7 +11,7 @@
 #include "fake_system.h"
 #include "routing/canoipd.h"
 #include "routing/gateway.h"
-#include "routing/shell_command.h"
+#include "routing/routing_command.h"
 
 namespace {
 
@@ -310,7 +310,7 @@ TEST_F(Gateway, CanoipdCommandLines) {
 
     // A command is cut at 255 characters, and nothing is appended after the cut.
     fake.commands.clear();
-    ShellCommand command;
+    RoutingCommand command;
     command.append("%s", std::string(300, 'n').c_str());
     command.append("& ");
     command.run();

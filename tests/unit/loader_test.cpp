@@ -184,7 +184,7 @@ TEST_F(Loader, LanRoutesAndDhcpServerSections) {
     EXPECT_STREQ(lan.IfName, "uplink");
     EXPECT_EQ(lan.UseDHCP, 1);
     EXPECT_EQ(dotted(lan.IPv4) + " " + dotted(lan.Subnetmask) + " " + dotted(lan.IPv4Gw),
-              "192.0.2.5 255.255.255.0 192.0.2.1");  // a bad mask keeps the default
+              "192.0.2.5 0.0.0.0 192.0.2.1");  // a bad mask leaves the field as it was
     EXPECT_EQ(lan.Netbitsv6, 128);
 
     const RouteRecord& r0 = m().routes[0];
@@ -214,8 +214,8 @@ TEST_F(Loader, LanRoutesAndDhcpServerSections) {
     EXPECT_EQ(r1.image.info.destination.sin_port, 0);  // not an IPv4 destination: untouched
     EXPECT_TRUE(r1.image.info.flags & kDrvTcpDelay);
     EXPECT_STREQ(m().routes[2].RtInfo, "");  // beyond FWD_GEN's count
-    for (const RouteRecord& r : m().routes)
-        EXPECT_EQ(r.DrvIndex, kNoDriverNode);
+    for (unsigned i = 0; i < 8; ++i)
+        EXPECT_EQ(m().routes[i].DrvIndex, kNoDriverNode) << i;
 
     EXPECT_EQ(m().dhcp.active, 1);
     EXPECT_EQ(m().dhcp.max_leases, 255);

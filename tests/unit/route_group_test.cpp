@@ -197,8 +197,8 @@ TEST_F(RouteGroupTest, FilterWritesReachTheDriverAtOnce) {
     EXPECT_EQ(call(true, 2, 35, "1"), Reply(0, ""));
     EXPECT_EQ(read(2, 35), "1");
     EXPECT_EQ(fake.driver.filterCalls.size(), 2u);
-    EXPECT_EQ(call(true, 2, 15, ""), Reply(0, ""));
-    EXPECT_EQ(fake.driver.openDescriptors(), 0);  // every node closed again
+    EXPECT_EQ(call(true, 2, 15, ""), Reply(-1, ""));  // the node holds no route to reset
+    EXPECT_EQ(fake.driver.openDescriptors(), 0);      // every node closed again
 
     fake.driver.failOpen("/dev/canoip1", EACCES);
     EXPECT_EQ(call(true, 2, 34, "0"), Reply(-1, "unable to open route (Permission denied)"));
@@ -206,16 +206,29 @@ TEST_F(RouteGroupTest, FilterWritesReachTheDriverAtOnce) {
     EXPECT_FALSE(route(1).RouteFlags & kRouteUnifyFilters);
 }
 
-TEST_F(RouteGroupTest, LiveStateIsFetchedOncePerSession) {
+TEST_F(RouteGroupTest, LiveStateIsFetchedOncePerSessionAndReset) {
     route(0).DrvIndex = 0;
+    route(0).RouteFlags = kRouteActive | kRouteRunning;
+    DriverRoute held{};
+    held.info.flags = kDrvCan2Lan;  // the driver has halted it
+    held.info.fpp = 2;
+    held.stats[route_stat::LanMsgs] = 42;
+    held.fppStats[1] = 9;
+    fake.driver.routeNode(0).route = held;
+
     ++m().session.counter;
-    read(1, 0);
-    read(2, 0);
+    EXPECT_EQ(read(1, 22), "42");
+    EXPECT_EQ(read(1, 28), "0; 9; ");
+    EXPECT_EQ(read(1, 1), "1");  // no longer running
     const auto opened = fake.driver.opened.size();
-    EXPECT_GE(opened, 1u);
     EXPECT_EQ(m().stamps.routes, m().session.counter);
-    read(3, 16);
-    EXPECT_EQ(fake.driver.opened.size(), opened);
+
+    EXPECT_EQ(call(true, 1, 15, ""), Reply(0, ""));
+    EXPECT_EQ(fake.driver.routeNode(0).route->stats[route_stat::LanMsgs], 0u);
+    EXPECT_EQ(read(1, 22), "42");  // still this session's figures
+    EXPECT_EQ(fake.driver.opened.size(), opened + 1);
+    ++m().session.counter;
+    EXPECT_EQ(read(1, 22), "0");
     EXPECT_EQ(fake.driver.openDescriptors(), 0);
 }
 
