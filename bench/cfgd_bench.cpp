@@ -2,6 +2,10 @@
 // the same run: the same request text, an answer of the same length, the same CPU for client
 // and server in both measurements, a warm-up first. It also follows the daemon's resident
 // memory over the run, which must not grow with the number of requests.
+//
+// Its soak mode (--soak N) runs N whole sessions of the web front end's kind instead (see
+// soak_session.h) and reports the daemon's open descriptors and resident memory after the
+// first 100 sessions and at the end: both must stay level.
 
 #include <sched.h>
 #include <signal.h>
@@ -10,6 +14,8 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <getopt.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -25,6 +31,7 @@
 #include <vector>
 
 #include "client.h"
+#include "soak_session.h"
 
 namespace {
 
@@ -48,6 +55,7 @@ constexpr long kDefaultWarmUp = 10000;
 constexpr int kDefaultRounds = 3;
 constexpr long kRequestsPerDeadline = 1000;
 constexpr double kTargetRatio = 1.25;
+constexpr long kSoakWarmUpSessions = 100;
 
 struct Settings {
     const char* daemon = nullptr;      // the cfgd of the benchmark's own build
@@ -58,20 +66,26 @@ struct Settings {
     int cpu = 0;
     unsigned f1 = 0, f2 = 2, f3 = 0;
     bool echoOnly = false;  // no daemon: the bare loop alone, with a stand-in answer
+    long soakSessions = 0;  // > 0: the soak instead of the round-trip measurement
 };
 
 constexpr const char* kUsage =
     "Usage: cfgd_bench [-d CFGD] [-f INIFILE] [-n REQUESTS] [-w WARMUP] [-r ROUNDS] [-c CPU]\n"
     "                  [-p F1,F2,F3] [-e]\n"
+    "       cfgd_bench [-d CFGD] [-f INIFILE] [-c CPU] --soak SESSIONS\n"
     "Runs inside the sandbox (sandbox/sandbox.sh test cfgd_bench). Starts CFGD (default: the\n"
     "%s of the build this program belongs to) and an echo server, pins both and itself to\n"
     "CPU (default 0) and measures READ_PARAM F1 F2 F3 (default 0 2 0): WARMUP requests\n"
     "(default %ld), then ROUNDS (default %d) rounds of REQUESTS (default %ld) on each server.\n"
     "-e measures the echo server alone with an empty answer; it starts no daemon and may run\n"
-    "outside the sandbox.\n";
+    "outside the sandbox.\n"
+    "--soak runs SESSIONS sessions that read CAN, LAN and route parameters, every tenth also\n"
+    "writing route 1's frames per packet, and reports cfgd's open descriptors and VmRSS after\n"
+    "the first %ld sessions and at the end.\n";
 
 [[noreturn]] void usage() {
-    std::fprintf(stderr, kUsage, kDaemonName, kDefaultWarmUp, kDefaultRounds, kDefaultRequests);
+    std::fprintf(stderr, kUsage, kDaemonName, kDefaultWarmUp, kDefaultRounds, kDefaultRequests,
+                 kSoakWarmUpSessions);
     std::exit(2);
 }
 
@@ -98,8 +112,11 @@ bool readAddress(const char* text, Settings& s) {
 
 Settings parseSettings(int argc, char** argv) {
     Settings s;
+    constexpr int kSoakOption = 256;  // a long option only
+    static const struct option kLongOptions[] = {{"soak", required_argument, nullptr, kSoakOption},
+                                                 {nullptr, 0, nullptr, 0}};
     int option;
-    while ((option = getopt(argc, argv, "d:f:n:w:r:c:p:e")) != -1) {
+    while ((option = getopt_long(argc, argv, "d:f:n:w:r:c:p:e", kLongOptions, nullptr)) != -1) {
         bool good = true;
         switch (option) {
             case 'd':
@@ -126,12 +143,15 @@ Settings parseSettings(int argc, char** argv) {
             case 'e':
                 s.echoOnly = true;
                 break;
+            case kSoakOption:
+                good = readNumber(std::string_view(optarg), s.soakSessions, 1L);
+                break;
             default:
                 good = false;
         }
         if (!good) usage();
     }
-    if (optind != argc) usage();
+    if (optind != argc || (s.echoOnly && s.soakSessions > 0)) usage();
     return s;
 }
 
@@ -464,6 +484,33 @@ int runAgainstDaemon(const Settings& s) {
     return 0;
 }
 
+// The daemon's open descriptors and resident memory, as one report line.
+void printDaemonUse(const char* when, long sessions) {
+    std::printf("%s %ld sessions: cfgd holds %d descriptors, VmRSS %ld kB\n", when, sessions,
+                soak::openDescriptors(procfs(), daemonPid), residentKilobytes(daemonPid));
+}
+
+int runSoak(const Settings& s) {
+    startDaemon(s);
+    client::Connection cfgd;
+    connectToDaemon(cfgd);
+    std::printf(
+        "soak: %ld sessions of %zu reads (CAN, LAN, routes); every %uth session also writes "
+        "route 1's FPP and applies it\n",
+        s.soakSessions, std::size(soak::kReads), soak::kWriteEvery);
+    std::fflush(stdout);
+    const double start = secondsNow();
+    for (long n = 1; n <= s.soakSessions; ++n) {
+        if (!soak::session(cfgd, n)) fail("session %ld failed", n);
+        if (n == std::min(kSoakWarmUpSessions, s.soakSessions)) printDaemonUse("after", n);
+    }
+    const double seconds = secondsNow() - start;
+    printDaemonUse("at the end, after", s.soakSessions);
+    std::printf("%.1f s, %.2f ms per session\n", seconds,
+                seconds * 1e3 / static_cast<double>(s.soakSessions));
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -477,5 +524,6 @@ int main(int argc, char** argv) {
     pinToCpu(s.cpu);
     (void)signal(SIGPIPE, SIG_IGN);  // output to a closed pipe must not skip the clean-up
     std::atexit(cleanUp);
+    if (s.soakSessions > 0) return runSoak(s);                 // cleanUp stops the daemon
     return s.echoOnly ? runEchoOnly(s) : runAgainstDaemon(s);  // cleanUp stops the servers
 }

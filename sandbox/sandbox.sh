@@ -17,12 +17,25 @@ readonly IN_PROC=/mnt/.proc        # the real procfs of the sandbox's PID namesp
 readonly IN_REPO=/mnt/.repo        # the repository
 readonly IN_STATE=/mnt/.sandbox    # this sandbox's state directory on the host (command log)
 readonly IN_BIN=/mnt/.bin          # the logging stubs, first in PATH
+readonly IN_SIM=/mnt/.sim          # the device simulation's files (fixed in sandbox/stub too)
 readonly IN_LOG=$IN_STATE/commands.log
 readonly MARKER=/etc/cfgd-sandbox  # holds the sandbox's token; tests look for it
 readonly PROC_PID_LINKS=8192       # /proc/1 .. /proc/8192 lead into $IN_PROC
 
 # Programs the daemon runs through the shell; each is replaced by the logging stub.
 readonly STUBBED_PROGRAMS=(ip ifconfig route ntpd killall modprobe rmmod reboot sync sleep)
+# Of these, the stub runs the real net-tools after logging, inside the sandbox's network
+# namespace only (the set-up saves them in $IN_SIM before covering them).
+readonly REAL_NET_TOOLS=(ifconfig route)
+# The Ethernet port: one end of a veth pair in the sandbox's network namespace; the other end
+# stays there too, so that the port has a carrier.
+readonly ETHERNET=eth0
+readonly ETHERNET_PEER=eth0-peer
+# The gateway driver's simulation (sandbox/gwsim), preloaded into everything run inside.
+readonly GWSIM_LIBRARY=libcfgd_gwsim.so
+# The gateway module as the sample /proc/modules and /proc/devices list it.
+readonly MODULE_NAME=tarn_gw
+readonly MODULE_DEVICE=tarn-gw
 # The real ones of these are covered by the stub too, so that even a call by absolute path
 # cannot reconfigure the machine (sleep and sync are harmless and the sandbox's own scripts
 # may need them).
@@ -57,13 +70,25 @@ Inside the sandbox:
   /proc            tmpfs with the device's devices, modules and boardinfo; all other entries
                    are links into $IN_PROC, the sandbox's real procfs; process directories
                    only for PIDs 1 to $PROC_PID_LINKS (all of them in $IN_PROC)
-  /tmp/uboot_env, /mnt/user/platform.config   sample device files from sandbox/device/
-  /dev             null, zero, full, random and urandom only; there is no gateway driver, so
-                   /dev/tarn-gw and /dev/canoip0..7 do not exist
+  /tmp/uboot_env, /mnt/user/platform.config, /mnt/user/kiv_config.ini
+                   sample device files from sandbox/device/; the last is the daemon's default
+                   configuration file (static LAN address, one route)
+  /dev             null, zero, full, random and urandom only
+  gateway driver   simulated: <build>/$GWSIM_LIBRARY, preloaded into every program
+                   (LD_PRELOAD), answers open, ioctl and close of /dev/tarn-gw and
+                   /dev/canoip0..7 (which are not files) while /proc/modules names
+                   $MODULE_NAME, else open fails with ENODEV; each process has a driver of its
+                   own, and a module loaded anew starts without routes
+  network          a private network namespace: lo and $ETHERNET, one end of a veth pair
+                   (the other end, $ETHERNET_PEER, stays inside too); /sys is a sysfs of its own
+                   (/sys/class/net lists these)
   $IN_BIN        logging stubs for ${STUBBED_PROGRAMS[*]},
                    first in PATH, followed by the build's tools directory and the build
                    directory; the real ip, ifconfig, route, killall, reboot... are covered by
-                   the stub as well
+                   the stub as well. After logging, ifconfig and route run the real
+                   net-tools on the sandbox's network (only there); modprobe $MODULE_DEVICE and
+                   rmmod $MODULE_DEVICE add and remove the module's lines in /proc/modules and
+                   /proc/devices; ip and all others only log
   $IN_REPO       the repository; it (and the build directory) is also at its own path
   everything else of this machine is read-only.
 
@@ -77,11 +102,15 @@ CFGD_SANDBOX_KEEP=1).
 A benchmark reads /proc/<pid>/status of the processes it starts at $IN_PROC/<pid>/status.
 
 Environment inside: PATH, CFGD_SANDBOX (the sandbox's token, also in $MARKER),
-CFGD_SANDBOX_LOG, CFGD_SANDBOX_PROC=$IN_PROC, CFGD_SANDBOX_REPO=$IN_REPO, CFGD_BUILD_DIR.
+CFGD_SANDBOX_LOG, CFGD_SANDBOX_PROC=$IN_PROC, CFGD_SANDBOX_REPO=$IN_REPO,
+CFGD_SANDBOX_BIN=$IN_BIN, CFGD_BUILD_DIR, LD_PRELOAD (the driver simulation) and
+ASAN_OPTIONS with verify_asan_link_order=0 added (the simulation is loaded before the
+sanitizer runtime of a sanitizer build).
 
 Settings (environment): CFGD_BUILD_DIR (default <repo>/build), CFGD_BIN (the daemon for
 'run', default \$CFGD_BUILD_DIR/cfgd), CFGD_SANDBOX_STATE (default <repo>/.sandbox),
-CFGD_SANDBOX_KEEP=1 (keep the state directory of 'test').
+CFGD_SANDBOX_KEEP=1 (keep the state directory of 'test'), CFGD_SANDBOX_MODULE=0 (the
+device starts without the gateway module loaded; the daemon's modprobe loads it).
 EOF
 }
 
@@ -101,6 +130,14 @@ check_host() {
         command -v "$tool" >/dev/null ||
             die "'$tool' is missing: install util-linux (scripts/setup.sh does)"
     done
+    for tool in ip "${REAL_NET_TOOLS[@]}"; do
+        command -v "$tool" >/dev/null ||
+            die "'$tool' is missing: install iproute2 and net-tools (scripts/setup.sh does)"
+    done
+    case "${CFGD_SANDBOX_MODULE:-1}" in
+        0 | 1) ;;
+        *) die "CFGD_SANDBOX_MODULE must be 0 or 1" ;;
+    esac
     local dir
     for dir in "$REPO" "$BUILD_DIR" "$STATE_ROOT"; do
         case "$(readlink -m "$dir")/" in
@@ -128,6 +165,7 @@ start_sandbox() {
     local mode=$1 state=$2
     shift 2
     SB_MODE=$mode SB_STATE=$state SB_REPO=$REPO SB_BUILD=$BUILD_DIR SB_CWD=$PWD \
+        SB_HOST_NET=$(readlink /proc/self/ns/net) SB_MODULE=${CFGD_SANDBOX_MODULE:-1} \
         setpriv --pdeathsig KILL -- \
         unshare --mount --uts --ipc --net --pid --fork --kill-child --propagation private -- \
         /bin/bash "$SELF" __inside "$@" 0<&0 &
@@ -214,7 +252,9 @@ cmd_run() {
     if [ -s "$dir/sandbox.pid" ]; then
         ((stopping == 0)) || stop_sandbox "$dir"
         echo "sandbox: cfgd runs on host '$SANDBOX_HOSTNAME'; command log $dir/commands.log"
-        echo "sandbox: try '$0 exec cfgctl get 0 2 0'; Ctrl-C stops it"
+        echo "sandbox: try '$0 exec cfgctl get 0 2 0' (order number), '... get 2 1 2 2 1 8'" \
+            "(LAN address and MAC), '... get 5 1 1 5 1 8' (route 1 state and peer);" \
+            "Ctrl-C stops it"
         tail -n +1 -f --pid="$sandbox_pid" "$dir/commands.log" &
     fi
     wait_for "$sandbox_pid"
@@ -311,6 +351,45 @@ install_stub() {
     install -D -m 0755 "$IN_FILES/stub" "$1"
 }
 
+# The device's Ethernet port, made with the real ip before the stub covers it; only in a network
+# namespace other than this machine's.
+make_network() {
+    local own
+    own=$(readlink /proc/self/ns/net)
+    if [ -z "$own" ] || [ "$own" = "$SB_HOST_NET" ]; then
+        die "not in a network namespace of its own; the network is left alone"
+    fi
+    ip link set lo up
+    ip link add "$ETHERNET" type veth peer name "$ETHERNET_PEER"
+    ip link set "$ETHERNET_PEER" up
+    ip link set "$ETHERNET" up
+}
+
+# Copies of the real net-tools for the stub, taken before the stub covers them, and the network
+# namespace they may act on (the stub checks it before running them).
+save_net_tools() {
+    local tool
+    for tool in "${REAL_NET_TOOLS[@]}"; do
+        install -m 0755 "$(readlink -f "$(command -v "$tool")")" "$IN_SIM/$tool"
+    done
+    readlink /proc/self/ns/net >"$IN_SIM/netns"
+}
+
+# The device's /proc files, without the gateway module's lines when the sandbox is to start
+# without it. The modprobe stub adds the lines kept in $IN_SIM.
+install_proc_files() {
+    grep "^$MODULE_NAME " "$IN_FILES/device/modules" >"$IN_SIM/module.line"
+    grep -E "^ *[0-9]+ $MODULE_DEVICE\$" "$IN_FILES/device/devices" >"$IN_SIM/device.line"
+    install -m 0444 "$IN_FILES/device/boardinfo" /proc/
+    if [ "$SB_MODULE" = 1 ]; then
+        install -m 0444 "$IN_FILES/device/devices" "$IN_FILES/device/modules" /proc/
+    else
+        grep -vxF -f "$IN_SIM/module.line" "$IN_FILES/device/modules" >/proc/modules
+        grep -vxF -f "$IN_SIM/device.line" "$IN_FILES/device/devices" >/proc/devices
+        chmod 0444 /proc/modules /proc/devices
+    fi
+}
+
 build_device() {
     local token=$1 repo_fd state_fd build_fd='' dev name
     exec {repo_fd}<"$SB_REPO" {state_fd}<"$SB_STATE"
@@ -325,6 +404,7 @@ build_device() {
         dev_fd[$dev]=$fd
     done
 
+    make_network
     # Both set the name of the new UTS namespace only.
     hostname "$SANDBOX_HOSTNAME" 2>/dev/null ||
         printf '%s\n' "$SANDBOX_HOSTNAME" >/proc/sys/kernel/hostname
@@ -351,7 +431,7 @@ build_device() {
     mkdir /dev/shm
     cover_with_tmpfs /dev/shm 1777
 
-    mkdir -p "$IN_PROC" /mnt/user "$IN_BIN"
+    mkdir -p "$IN_PROC" /mnt/user "$IN_BIN" "$IN_SIM"
     mount -t proc -o nosuid,nodev,noexec sandbox-proc "$IN_PROC"
     cover_with_tmpfs /proc 0555 1m
     for name in "$IN_PROC"/*; do
@@ -367,6 +447,8 @@ build_device() {
     seq 1 "$PROC_PID_LINKS" | sed "s|^|$IN_PROC/|" | xargs ln -s -t /proc
 
     protect_host_mounts
+    # A sysfs of the sandbox's network namespace: /sys/class/net lists its interfaces.
+    mount -t sysfs -o ro,nosuid,nodev,noexec sandbox-sys /sys
     bind_descriptor "$repo_fd" "$IN_REPO"
     bind_descriptor "$state_fd" "$IN_STATE"
     exec {repo_fd}<&- {state_fd}<&-
@@ -380,13 +462,14 @@ build_device() {
         exec {build_fd}<&-
     fi
 
-    install -m 0444 "$IN_FILES/device/devices" "$IN_FILES/device/modules" \
-        "$IN_FILES/device/boardinfo" /proc/
+    install_proc_files
     install -m 0644 "$IN_FILES/device/uboot_env" /tmp/uboot_env
     install -m 0644 "$IN_FILES/device/platform.config" /mnt/user/platform.config
+    install -m 0644 "$IN_FILES/device/kiv_config.ini" /mnt/user/kiv_config.ini
     rm -f /etc/resolv.conf
     install -m 0644 "$IN_FILES/device/resolv.conf" /etc/resolv.conf
     printf '%s\n' "$token" >"$MARKER"
+    save_net_tools
     for name in "${STUBBED_PROGRAMS[@]}"; do
         install_stub "$IN_BIN/$name"
     done
@@ -411,13 +494,21 @@ build_device() {
 
 # The environment of everything run inside, one NAME=value per line.
 inside_environment() {
-    local token=$1
+    local token=$1 gwsim=$SB_BUILD/$GWSIM_LIBRARY
+    if [ -f "$gwsim" ]; then
+        printf '%s\n' "LD_PRELOAD=${LD_PRELOAD:+$LD_PRELOAD:}$gwsim" \
+            "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0"
+    else
+        echo "sandbox: no $gwsim (target cfgd_gwsim): the gateway driver's nodes" \
+            "cannot be opened" >&2
+    fi
     printf '%s\n' \
         "PATH=$IN_BIN:$SB_BUILD/tools:$SB_BUILD:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" \
         "CFGD_SANDBOX=$token" \
         "CFGD_SANDBOX_LOG=$IN_LOG" \
         "CFGD_SANDBOX_PROC=$IN_PROC" \
         "CFGD_SANDBOX_REPO=$IN_REPO" \
+        "CFGD_SANDBOX_BIN=$IN_BIN" \
         "CFGD_BUILD_DIR=$SB_BUILD" \
         "HOME=/tmp" \
         "TMPDIR=/tmp"
@@ -438,7 +529,7 @@ stop_child() {
 
 inside() {
     local stat host_pid start token
-    export -n SB_MODE SB_STATE SB_REPO SB_BUILD SB_CWD  # only for this script
+    export -n SB_MODE SB_STATE SB_REPO SB_BUILD SB_CWD SB_HOST_NET SB_MODULE  # only for this script
     # Read through this machine's procfs while it is still mounted: the PID as seen outside,
     # which 'exec' needs for nsenter, and the start time that guards against a reused PID.
     read -r stat </proc/self/stat

@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmock-dev
-          clang-format util-linux procps)
+          clang-format util-linux procps iproute2 net-tools)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||

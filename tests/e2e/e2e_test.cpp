@@ -11,10 +11,6 @@
 namespace e2e {
 namespace {
 
-constexpr int kStartMs = 20000;  // start-up runs every apply; sanitizer builds are slow
-constexpr int kAnswerMs = 5000;  // an answer that is due
-
-enum : unsigned { kStart = 0, kRead = 1, kSet = 2, kPositive = 3, kNegative = 4, kFinish = 5 };
 constexpr unsigned kCanGroup = 4;
 constexpr unsigned kBitRate = 2;
 
@@ -47,37 +43,6 @@ TEST(CommandLine, EndsWithItsTextAndStatus) {
         EXPECT_EQ(daemon.output(), output) << call;
     }
 }
-
-// A daemon with keys, lock file and a fresh configuration file of its own. The file lies in
-// /mnt/user, as on the device: a store renames it to the backup there, which works only within
-// one file system.
-struct Daemon {
-    Daemon(int semaphoreKey, int queueKey)
-        : key(queueKey),
-          lock("/tmp/e2e-lock-" + std::to_string(key)),
-          configPath("/mnt/user/e2e-" + std::to_string(++started) + ".ini"),
-          process(CFGD_E2E_DAEMON, {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key),
-                                    "-l", lock, "-f", configPath}) {}
-
-    // The lock file's line once the daemon is up; empty when it did not come up in time.
-    std::string up() {
-        std::string line;
-        (void)poll([&] { return (line = readFile(lock)).ends_with('\n'); }, kStartMs);
-        queue = msgget(key, 0);  // made before the lock file is written
-        return line;
-    }
-    std::string ask(const std::string& request, long session) {
-        EXPECT_TRUE(send(queue, request)) << request;
-        return receive(queue, session, kAnswerMs).value_or("(no answer)");
-    }
-
-    static inline int started = 0;
-    const int key;
-    const std::string lock;
-    const std::string configPath;
-    Process process;
-    int queue = -1;
-};
 
 TEST(Daemon, ServesRequestsInOrderAndCleansUpOnTerm) {
     // Left on the queue before start: the daemon must not serve any of them.
@@ -137,7 +102,7 @@ TEST(Daemon, ServesTheClientAndReconfiguresCan) {
     }
     ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 50), text(kPositive, 0, 0, 0, ""));
     // Stored: the new file moved into place by the real mv, the old one kept as the backup.
-    const std::string stored = readFile(d.configPath);
+    const std::string stored = readFile(d.file);
     EXPECT_NE(stored.find("\n[can_0]\n"), std::string::npos) << stored;
     EXPECT_NE(stored.find("\nbaudrate                       = 250000\n"), std::string::npos);
     EXPECT_EQ(access("/mnt/user/kiv_config.old", F_OK), 0);

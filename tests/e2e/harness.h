@@ -3,6 +3,7 @@
 // daemon's message queue as a client does, and reading the sandbox's command log.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/msg.h>
@@ -25,6 +26,11 @@
 extern char** environ;
 
 namespace e2e {
+
+constexpr int kStartMs = 20000;  // start-up runs every apply; sanitizer builds are slow
+constexpr int kAnswerMs = 5000;  // an answer that is due
+
+enum : unsigned { kStart = 0, kRead = 1, kSet = 2, kPositive = 3, kNegative = 4, kFinish = 5 };
 
 // Calls `done` every few milliseconds until it returns true; false once `timeoutMs` passed.
 inline bool poll(const std::function<bool()>& done, int timeoutMs) {
@@ -128,17 +134,75 @@ inline std::optional<std::string> receive(int id, long type, int timeoutMs) {
     return std::string(message.text, static_cast<std::size_t>(length));
 }
 
-// The sandbox's command log (the stubs record there the commands the daemon runs) from line
-// `first` on, without the lines of programs the daemon leaves running in the background: those
-// may land at any time.
-inline std::vector<std::string> commandsSince(std::size_t first) {
+// The programs the daemon leaves running in the background (started with "&"): their lines
+// may land in the command log at any time.
+inline bool runsInBackground(const std::string& line) {
+    return line.starts_with("canoipd ");
+}
+
+// The sandbox's command log (the stubs record there the commands the daemon runs), all of it.
+inline std::vector<std::string> commandLog() {
     const char* path = std::getenv("CFGD_SANDBOX_LOG");
     std::istringstream in(path != nullptr ? readFile(path) : "");
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
-        if (!line.starts_with("canoipd ")) lines.push_back(line);  // started with "&"
+        lines.push_back(line);
+    return lines;
+}
+
+// The command log from line `first` on, without the lines of programs left in the background.
+inline std::vector<std::string> commandsSince(std::size_t first) {
+    std::vector<std::string> lines = commandLog();
+    std::erase_if(lines, runsInBackground);
     lines.erase(lines.begin(), lines.begin() + std::min(first, lines.size()));
     return lines;
 }
+
+// Runs one of the sandbox's stubs (such as rmmod, which unloads the simulated gateway module)
+// by its path inside the sandbox; its exit status, or -1.
+inline int runStub(const std::string& name, const std::vector<std::string>& arguments) {
+    const char* directory = std::getenv("CFGD_SANDBOX_BIN");
+    if (directory == nullptr) return -1;
+    Process stub(std::string(directory) + "/" + name, arguments);
+    return stub.wait(kAnswerMs);
+}
+
+// A daemon with keys, lock file and a configuration file of its own: `configuration` written
+// to a fresh path, or no file at all (so the defaults) when it is empty.
+struct Daemon {
+    Daemon(int semaphoreKey, int queueKey, const std::string& configuration = "")
+        : key(queueKey),
+          lock("/tmp/e2e-lock-" + std::to_string(key)),
+          file(freshFile(configuration)),
+          process(CFGD_E2E_DAEMON, {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key),
+                                    "-l", lock, "-f", file}) {}
+
+    // The lock file's line once the daemon is up; empty when it did not come up in time.
+    std::string up() {
+        std::string line;
+        (void)poll([&] { return (line = readFile(lock)).ends_with('\n'); }, kStartMs);
+        queue = msgget(key, 0);  // made before the lock file is written
+        return line;
+    }
+    std::string ask(const std::string& request, long session) {
+        EXPECT_TRUE(send(queue, request)) << request;
+        return receive(queue, session, kAnswerMs).value_or("(no answer)");
+    }
+
+    static std::string freshFile(const std::string& content) {
+        // In /mnt/user, as on the device: a store renames the file to the backup there, which
+        // works only within one file system.
+        const std::string path = "/mnt/user/e2e-" + std::to_string(++started) + ".ini";
+        if (!content.empty()) std::ofstream(path) << content;
+        return path;
+    }
+
+    static inline int started = 0;
+    const int key;
+    const std::string lock;
+    const std::string file;
+    Process process;
+    int queue = -1;
+};
 
 }  // namespace e2e

@@ -1,0 +1,204 @@
+// The daemon on the simulated device's network and gateway driver: LAN addressing reaches the
+// sandbox's own eth0 through the real ifconfig and route, the start-up loads the gateway
+// module and starts the routes, and many sessions leave the daemon's descriptors level.
+// Addresses are from the documentation ranges and exist only in the sandbox's namespace.
+
+#include <arpa/inet.h>
+
+#include <cctype>
+
+#include "harness.h"
+#include "soak_session.h"
+
+namespace e2e {
+namespace {
+
+constexpr unsigned kLan = 2, kRoute = 5;
+constexpr unsigned kIpv4 = 2, kMask = 3, kGateway = 5, kMac = 8;
+constexpr const char* kNoNtp = "killall ntpd";  // the NTP step that ends every LAN apply
+constexpr const char* kModprobe =
+    "modprobe tarn-gw routesmax=8 defamax=8 defsmax=6 defsdu=50 defcdm=500 deffpp=8 deftcpdly=0 "
+    "deftcpkeepcnt=3 deftcpkeepidle=5 deftcpkeepintvl=5";
+
+// A device with static addressing and two routes, as the daemon writes its file.
+constexpr const char* kTwoRoutes = R"(#########################################
+# KIV configuration file
+# Format version 1.3.1
+#########################################
+[host]
+devicename                     = e2e-gw
+
+[lan_0]
+usedhcp                        = 0
+ipv4                           = 198.51.100.20
+subnetmask                     = 255.255.255.0
+ipv4gw                         = 198.51.100.1
+
+[fwd_gen]
+count                          = 2
+
+[rt_0]
+rtinfo                         = to the test bench
+active                         = TRUE
+type                           = CAN2LAN
+interface1                     = can0
+protocol2                      = UDP
+destination2                   = 198.51.100.30:5000
+fpp                            = 8
+
+[rt_1]
+rtinfo                         = from the test bench
+active                         = TRUE
+type                           = LAN2CAN
+interface1                     = can1
+protocol2                      = TCP
+destination2                   = 198.51.100.31:5001
+
+)";
+
+std::vector<std::string> canStartUp() {
+    std::vector<std::string> lines;
+    for (const char* name : {"can0", "can1"}) {
+        const std::string link = std::string("ip link set ") + name;
+        lines.insert(lines.end(), {link + " down",
+                                   link + " type can bitrate 500000 sample-point 0.800 "
+                                          "listen-only on loopback off triple-sampling off "
+                                          "one-shot off berr-reporting off",
+                                   link + " up"});
+    }
+    return lines;
+}
+
+// The kernel's default route of the sandbox's network goes through `gateway`.
+bool routesDefaultThrough(const char* gateway) {
+    in_addr address{};
+    if (inet_pton(AF_INET, gateway, &address) != 1) return false;
+    char hex[16];  // /proc/net/route prints the address as the host reads its bytes
+    std::snprintf(hex, sizeof hex, "%08X", address.s_addr);
+    std::istringstream routes(readFile("/proc/net/route"));
+    for (std::string line; std::getline(routes, line);) {
+        std::istringstream fields(line);
+        std::string interface, destination, via;
+        fields >> interface >> destination >> via;
+        if (interface == "eth0" && destination == "00000000" && via == hex) return true;
+    }
+    return false;
+}
+
+std::string kernelMac() {
+    std::string mac = readFile("/sys/class/net/eth0/address");
+    mac.erase(mac.find_last_not_of('\n') + 1);
+    for (char& c : mac)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return mac;
+}
+
+TEST(Lan, StaticAddressingReachesTheInterface) {
+    Daemon d(21, 22);
+    ASSERT_NE(d.up(), "") << d.process.output();
+    ASSERT_EQ(kernelMac().size(), 17u) << "the sandbox has no eth0";
+    const std::tuple<const char*, const char*, const char*, bool> cases[] = {
+        {"198.51.100.7", "255.255.255.0", "198.51.100.1", true},
+        // A gateway of 0.0.0.0 means none: no route command, yet it is the name server.
+        {"198.51.100.130", "255.255.255.128", "0.0.0.0", false},
+    };
+    for (const auto& [address, mask, gateway, routed] : cases) {
+        const std::size_t logged = commandsSince(0).size();
+        ASSERT_EQ(d.ask(text(kStart, 60, 1, 3), 60), text(kPositive, 1, 1, 3, ""));
+        // The session's first read of the interface puts the kernel's address into the record,
+        // so it comes before the writes. Each write is read back; the read, a request without
+        // value, also keeps a value from being taken with the tail of a longer one before it.
+        EXPECT_EQ(d.ask(text(kRead, kLan, 1, kMac), 60),
+                  text(kPositive, kLan, 1, kMac, kernelMac().c_str()));
+        for (const auto& [f3, value] :
+             {std::pair{kIpv4, address}, {kMask, mask}, {kGateway, gateway}}) {
+            EXPECT_EQ(d.ask(text(kSet, kLan, 1, f3, value), 60), text(kPositive, kLan, 1, f3, ""));
+            EXPECT_EQ(d.ask(text(kRead, kLan, 1, f3), 60), text(kPositive, kLan, 1, f3, value));
+        }
+        ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 60), text(kPositive, 0, 0, 0, ""));
+        std::vector<std::string> expected = {std::string("ifconfig eth0 ") + address + " netmask " +
+                                             mask + " up"};
+        if (routed) {
+            expected.push_back("route del default gw 0.0.0.0 dev eth0");
+            expected.push_back(std::string("route add default gw ") + gateway + " dev eth0");
+        }
+        expected.push_back(kNoNtp);
+        EXPECT_EQ(commandsSince(logged), expected) << address;
+        EXPECT_EQ(readFile("/etc/resolv.conf"), std::string("nameserver ") + gateway + "\n");
+        if (routed) {
+            EXPECT_TRUE(routesDefaultThrough(gateway)) << readFile("/proc/net/route");
+        }
+
+        // The next session reads what the kernel reports for the interface.
+        ASSERT_EQ(d.ask(text(kStart, 61, 2, 0), 61), text(kPositive, 1, 2, 0, ""));
+        EXPECT_EQ(d.ask(text(kRead, kLan, 1, kMac), 61),
+                  text(kPositive, kLan, 1, kMac, kernelMac().c_str()));
+        EXPECT_EQ(d.ask(text(kRead, kLan, 1, kIpv4), 61), text(kPositive, kLan, 1, kIpv4, address));
+        ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 61), text(kPositive, 0, 0, 0, ""));
+    }
+}
+
+TEST(StartUp, LoadsTheModuleStartsTheRoutesAndAppliesLanBeforeCan) {
+    ASSERT_EQ(runStub("rmmod", {"tarn-gw"}), 0);
+    ASSERT_EQ(readFile("/proc/modules").find("tarn_gw "), std::string::npos);
+    const std::vector<std::string> before = commandLog();
+    Daemon d(23, 24, kTwoRoutes);
+    ASSERT_NE(d.up(), "") << d.process.output();
+
+    std::vector<std::string> expected = {
+        kModprobe,
+        "killall /home/tarn/canoip/canoipd",  // the helper's restart: stop, then start
+        kNoNtp,                               // LAN as a whole
+        "ifconfig eth0 198.51.100.20 netmask 255.255.255.0 up",
+        "route del default gw 0.0.0.0 dev eth0",
+        "route add default gw 198.51.100.1 dev eth0",
+        kNoNtp,
+    };
+    for (const std::string& line : canStartUp())
+        expected.push_back(line);
+    EXPECT_EQ(commandsSince(before.size() - std::ranges::count_if(before, runsInBackground)),
+              expected);
+    const std::string helper = "canoipd -P canoip -p 45321 -N e2e-gw -I eth0";
+    EXPECT_TRUE(poll(
+        [&] {
+            return std::ranges::count(commandLog(), helper) ==
+                   std::ranges::count(before, helper) + 1;
+        },
+        kAnswerMs));
+    EXPECT_NE(readFile("/proc/modules").find("tarn_gw "), std::string::npos);
+    EXPECT_NE(readFile("/proc/devices").find(" tarn-gw\n"), std::string::npos);
+
+    // Both routes run in the driver: a read of a route fetches its state back from there.
+    ASSERT_EQ(d.ask(text(kStart, 62, 3, 0), 62), text(kPositive, 1, 3, 0, ""));
+    const std::tuple<unsigned, unsigned, const char*> reads[] = {
+        {0, 1, "2"},  {1, 0, "to the test bench"},
+        {1, 1, "2"},  {1, 8, "198.51.100.30:5000"},
+        {1, 11, "8"}, {2, 1, "2"},
+        {2, 6, "6"},  {2, 8, "198.51.100.31:5001"},
+        {3, 1, "0"},
+    };
+    for (const auto& [route, f3, answer] : reads)
+        EXPECT_EQ(d.ask(text(kRead, kRoute, route, f3), 62),
+                  text(kPositive, kRoute, route, f3, answer));
+    ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 62), text(kPositive, 0, 0, 0, ""));
+}
+
+TEST(Daemon, HoldsNoMoreDescriptorsAfterManySessions) {
+    ASSERT_EQ(runStub("modprobe", {"tarn-gw"}), 0);  // whatever the tests before left
+    Daemon d(25, 26, kTwoRoutes);
+    ASSERT_NE(d.up(), "") << d.process.output();
+    client::Connection cfgd;
+    ASSERT_EQ(cfgd.open(d.lock.c_str()), client::Status::Ok);
+    const char* procfs = std::getenv("CFGD_SANDBOX_PROC");
+    ASSERT_NE(procfs, nullptr);
+    int warm = -1;
+    for (long n = 1; n <= 500; ++n) {
+        ASSERT_TRUE(soak::session(cfgd, n)) << d.process.output();
+        if (n == 100) warm = soak::openDescriptors(procfs, d.process.pid());
+    }
+    EXPECT_GT(warm, 0);
+    EXPECT_EQ(soak::openDescriptors(procfs, d.process.pid()), warm);
+}
+
+}  // namespace
+}  // namespace e2e
