@@ -6,6 +6,7 @@
 #include "config/conversions.h"
 #include "filters/filter.h"
 #include "model/config_model.h"
+#include "network/wlan_count.h"
 
 namespace ini {
 
@@ -223,7 +224,7 @@ constexpr SectionSpec kSections[kSectionCount] = {
     {"General", false, 1, 1, 0, kGeneralKeys, kGeneralOrder},
     {"HOST", false, 1, 1, 1, kHostKeys, kHostOrder},
     {"LAN", true, kLanServed, kLanServed, 2, kLanKeys, kLanOrder},
-    {"WLAN", true, kWlanServed, kWlanServed, 3, kWlanKeys, kWlanOrder},
+    {"WLAN", true, WLAN_IF_COUNT, WLAN_IF_COUNT, 3, kWlanKeys, kWlanOrder},
     {"CAN", true, kCanServed, kCanServed, 4, kCanKeys, kCanOrder},
     {"FWD_GEN", false, 1, 1, 5, kFwdGenKeys, kFwdGenOrder},
     {"RT", true, kRoutesServed, kRoutesServed, 5, kRouteKeys, kRouteOrder},

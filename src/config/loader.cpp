@@ -84,6 +84,25 @@ void loadLan(const dictionary* file, int n, LanInterface& lan) {
     lan.Netbitsv6 = ini::readInteger(file, Section::Lan, n, Netbitsv6);
 }
 
+void loadWlan(const dictionary* file, int n, WlanInterface& wlan) {
+    using namespace ini::wlan_key;
+    loadText(wlan.IfName, file, Section::Wlan, n, IfName);
+    loadText(wlan.SSID, file, Section::Wlan, n, SSID);
+    wlan.Encryption = loadFlag(file, Section::Wlan, n, Encryption);
+    wlan.EncryptionType =
+        static_cast<uint8_t>(ini::readInteger(file, Section::Wlan, n, EncryptionType));
+    wlan.KeyType = static_cast<uint8_t>(ini::readInteger(file, Section::Wlan, n, KeyType));
+    loadText(wlan.Key, file, Section::Wlan, n, Key);
+    wlan.Mode = static_cast<uint8_t>(ini::readInteger(file, Section::Wlan, n, Mode));
+    wlan.UseDHCP = loadFlag(file, Section::Wlan, n, UseDHCP);
+    loadAddress(wlan.IPv4, AF_INET, file, Section::Wlan, n, IPv4);
+    loadAddress(wlan.Subnetmask, AF_INET, file, Section::Wlan, n, Subnetmask);
+    loadAddress(wlan.IPv6, AF_INET6, file, Section::Wlan, n, IPv6);
+    loadAddress(wlan.IPv4Gw, AF_INET, file, Section::Wlan, n, IPv4Gw);
+    loadAddress(wlan.IPv6Gw, AF_INET6, file, Section::Wlan, n, IPv6Gw);
+    wlan.Netbitsv6 = static_cast<uint8_t>(ini::readInteger(file, Section::Wlan, n, Netbitsv6));
+}
+
 void loadCan(const dictionary* file, int n, CanInterface& can) {
     using namespace ini::can_key;
     loadText(can.IfName, file, Section::Can, n, IfName);
@@ -260,6 +279,9 @@ int loadConfiguration(ConfigModel& model) {
     loadGeneralAndHost(file, model);
     for (unsigned n = 0; n < ini::sectionSpec(Section::Lan).countRead; ++n)
         loadLan(file, static_cast<int>(n), model.lan[n]);
+    // None on this device: the count of WLAN sections is the number of WLAN interfaces served.
+    for (unsigned n = 0; n < ini::sectionSpec(Section::Wlan).countRead && n < kWlanRecords; ++n)
+        loadWlan(file, static_cast<int>(n), model.wlan);
     for (unsigned n = 0; n < ini::sectionSpec(Section::Can).countRead; ++n)
         loadCan(file, static_cast<int>(n), model.can[n]);
     (void)ini::readInteger(file, Section::FilterGen, 0, ini::filter_gen_key::Count);  // unused

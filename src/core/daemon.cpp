@@ -21,6 +21,8 @@
 #include "core/session.h"
 #include "model/config_model.h"
 #include "model/handler.h"
+#include "network/platform_config.h"
+#include "network/wlan_group.h"
 #include "sys/system.h"
 
 namespace {
@@ -176,6 +178,9 @@ int runDaemon(int argc, char** argv) {
     if (model == nullptr) return kExitAllocation;
     ConfigModel& m = *model;
 
+    // A missing platform file leaves station mode, no AP address and no DHCP server file.
+    (void)readPlatformConfig(m.platform);
+    startWlanInterfaces(m);
     copyText(m.lan[0].BaseName, kLanBaseName, kBaseNameChars);
     copyText(m.can[0].BaseName, kCanBaseName, kBaseNameChars);
     copyText(m.can[1].BaseName, kCanBaseName, kBaseNameChars);

@@ -14,6 +14,8 @@
 #include "model/host.h"
 #include "model/status.h"
 #include "network/lan_group.h"
+#include "network/wlan_count.h"
+#include "network/wlan_group.h"
 #include "routing/gateway.h"
 #include "routing/route_group.h"
 
@@ -25,12 +27,11 @@ struct GroupHandlers {
 };
 
 // Indexed by f1; groups beyond the table answer like a group without handlers.
-// WLAN (3) gets its handlers with its subsystem.
 constexpr std::array<GroupHandlers, 10> kGroupHandlers{{
     {readGeneral, setGeneral},
     {readHost, setHost},
     {readLan, setLan},
-    {nullptr, nullptr},
+    {readWlan, storeWlanInformation},
     {readCan, setCan},
     {readRoute, setRoute},
     {readStatus, setStatus},
@@ -46,12 +47,13 @@ struct ApplyStep {
 };
 
 // The order in which a finished session reaches the system: the network before the CAN
-// interfaces, and the routes last, when their filters and interfaces are in place. WLAN (place
-// 4) joins with its subsystem.
+// interfaces, and the routes last, when their filters and interfaces are in place. The WLAN
+// step is the group as a whole only, unless the build serves WLAN interfaces.
 constexpr ApplyStep kApplyOrder[] = {
-    {applyGeneral, flag::General, 1}, {applyHost, flag::Host, 1},
-    {applyLan, flag::Lan, 2},         {applyCanInterface, flag::Can, 3},
-    {applyFilter, flag::Filter, 33},  {applyRoute, flag::Route, 9},
+    {applyGeneral, flag::General, 1},  {applyHost, flag::Host, 1},
+    {applyLan, flag::Lan, 2},          {setWlanConfig, flag::Wlan, kWlanApplyInstances},
+    {applyCanInterface, flag::Can, 3}, {applyFilter, flag::Filter, 33},
+    {applyRoute, flag::Route, 9},
 };
 
 constexpr const char* kTooManyWritesText = "ERROR: Exeeded number of write requests!";

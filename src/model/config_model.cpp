@@ -6,6 +6,7 @@
 void resetModel(ConfigModel& model) {
     std::memset(&model, 0, sizeof model);
     model.session.noSessionOpen = 1;
+    model.previousWlanMode = kNoWlanMode;
     model.stamps = {kNeverRefreshed, kNeverRefreshed, kNeverRefreshed,
                     kNeverRefreshed, kNeverRefreshed, 0};
 }

@@ -14,13 +14,13 @@
 #include "routing/route_record.h"
 #include "sys/gateway_driver.h"
 
-// Records the model stores, and how many of them the handlers, loader and writer serve.
+// Records the model stores, and how many of them the handlers, loader and writer serve (the
+// WLAN interfaces served are a build setting of their own: network/wlan_count.h).
 inline constexpr unsigned kLanRecords = 2;
 inline constexpr unsigned kWlanRecords = 1;
 inline constexpr unsigned kCanRecords = 3;
 inline constexpr unsigned kRouteRecords = 9;
 inline constexpr unsigned kLanServed = 1;
-inline constexpr unsigned kWlanServed = 0;
 inline constexpr unsigned kCanServed = 2;
 inline constexpr unsigned kRoutesServed = 8;
 
@@ -47,6 +47,7 @@ struct RefreshStamps {
 };
 
 inline constexpr uint32_t kNeverRefreshed = 0xFFFFFFFF;
+inline constexpr uint8_t kNoWlanMode = 0xFF;  // the previous WLAN mode before start-up sets it
 
 struct ConfigModel {
     GeneralRecord general;
@@ -65,7 +66,8 @@ struct ConfigModel {
     SessionState session;
     RefreshStamps stamps;
     uint8_t rebootRequested;
-    uint8_t previousWlanMode;
+    uint8_t previousWlanMode;   // the WLAN mode at start, then before each accepted mode write
+    uint32_t wlanChangeIpOnly;  // 1: the session's WLAN writes changed the static address only
 };
 static_assert(std::is_trivially_copyable_v<ConfigModel> &&
               std::is_trivially_default_constructible_v<ConfigModel>);

@@ -31,7 +31,24 @@ constexpr std::string_view kHostNames[] = {kPlaceholder, "Host name", "User name
 constexpr std::string_view kLanNames[] = {
     kPlaceholder, "IF name",     "DHCP usage",  "IPv4",          "Subnetmask",
     "IPv6",       "IPv4Gateway", "IPv6Gateway", "IPv6 net bits", "MAC Address"};
-constexpr std::string_view kWlanNames[] = {kPlaceholder};
+// Likewise the interface's parameters.
+constexpr std::string_view kWlanNames[] = {kPlaceholder,
+                                           "IF name",
+                                           "SSID",
+                                           "Encryption usage",
+                                           "Encryption type",
+                                           "Key type",
+                                           "Key",
+                                           "Supported modes",
+                                           "mode",
+                                           "DHCP usage",
+                                           "IPv4",
+                                           "Subnetmask",
+                                           "IPv6",
+                                           "IPv4Gateway",
+                                           "IPv6Gateway",
+                                           "IPv6 net bits",
+                                           "MAC Address"};
 constexpr std::string_view kCanNames[] = {
     kPlaceholder,   "IF name",          "active",   "bitrate",           "listen only",
     "auto resume",  "BR reg set",       "loopback", "oneshot",           "triple sampling",

@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr const char* kFalseAddressFormat = "false address %d %d";
-constexpr const char* kFalseSubnetmaskFormat = "false subnetmask %d %d";
 constexpr const char* kInterfaceNameFormat = "%s%u";
 constexpr std::size_t kInterfaceNameChars = 126;
 constexpr unsigned kGroupInstance = 0;

@@ -4,6 +4,11 @@
 #include <cstdint>
 
 inline constexpr const char* kLanBaseName = "eth";
+// The WLAN interface's kernel base name: the driver names a station "eth", a micro AP "uap".
+inline constexpr const char* kWlanStationBaseName = "eth";
+inline constexpr const char* kWlanApBaseName = "uap";
+
+enum WlanMode : uint8_t { WLAN_MODE_STATION = 0, WLAN_MODE_ADHOC = 1, WLAN_MODE_UAP = 2 };
 
 // One wired Ethernet interface.
 struct LanInterface {
@@ -44,7 +49,7 @@ struct WlanInterface {
 
 // The platform file shared with the device's start-up scripts.
 struct PlatformConfig {
-    uint8_t wlan_mode;  // 2 micro AP, 0 station
+    uint8_t wlan_mode;  // WLAN_MODE_UAP, else a station
     uint8_t regcode;
     in_addr ip_address;
     char udhcpd_conf[127];

@@ -13,6 +13,10 @@ inline constexpr const char* kResolvConfPath = "/etc/resolv.conf";
 inline constexpr const char* kDhcpClientScript = "/etc/init.d/udhcpc.sh";
 inline constexpr const char* kDhcpServerScript = "/etc/init.d/S41udhcpd.sh";
 
+// Answers of the network groups to an address text that does not convert (with f1 and f2).
+inline constexpr const char* kFalseAddressFormat = "false address %d %d";
+inline constexpr const char* kFalseSubnetmaskFormat = "false subnetmask %d %d";
+
 // Commands of the service operations: 0 start, 2 restart, any other value stop.
 enum NwCommand : int { NW_START = 0, NW_STOP = 1, NW_RESTART = 2 };
 
