@@ -9,6 +9,7 @@
 
 #include "model/config_model.h"
 #include "model/device_numbers.h"
+#include "network/dhcp_server.h"
 #include "sys/system.h"
 
 namespace {
@@ -28,7 +29,6 @@ constexpr char kCommentMark = '#';
 constexpr char kQuote = '"';
 
 // The DHCP server's configuration file, named here when the server is active.
-constexpr const char* kDhcpServerFilePath = "/mnt/user/udhcpd.conf";
 
 // A UDHCPDCNF line shorter than this cannot hold the key, '=' and two quotes.
 constexpr std::size_t kShortestServerFileLine = 12;
@@ -216,7 +216,7 @@ int updatePlatformConfig(ConfigModel& model) {
     const WlanInterface& wlan = model.wlan;
     std::memset(platform.udhcpd_conf, 0, sizeof platform.udhcpd_conf);
     if (model.dhcp.active == 1)
-        std::memcpy(platform.udhcpd_conf, kDhcpServerFilePath, std::strlen(kDhcpServerFilePath));
+        std::memcpy(platform.udhcpd_conf, kDhcpdConfigPath, std::strlen(kDhcpdConfigPath));
     platform.ip_address = wlan.UseDHCP ? in_addr{} : wlan.IPv4;
     platform.wlan_mode = wlan.Mode;
     return 0;
