@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <iniparser.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -222,6 +223,14 @@ bool readVersionNumber(const char*& at, int& number) {
 
 }  // namespace
 
+dictionary* parseConfigFile(const char* placedPath) {
+    // A directory in the file's place would load as the defaults without a word, and the next
+    // store would rename it to the backup and put a file in its place.
+    struct stat status {};
+    if (stat(placedPath, &status) == 0 && !S_ISREG(status.st_mode)) return nullptr;
+    return iniparser_load(placedPath);
+}
+
 int checkHeader(const char* path, int& major, int& minor, int& patch) {
     const int fd = open(sys::placeFile(path).c_str(), O_RDONLY);
     // Descriptor 0 counts as a failure, as it always has. The daemon keeps descriptor 0 taken
@@ -273,7 +282,7 @@ int loadConfiguration(ConfigModel& model) {
         ini::setLegacyFormat();
     }
 
-    dictionary* file = iniparser_load(sys::placeFile(configPath()).c_str());
+    dictionary* file = parseConfigFile(sys::placeFile(configPath()).c_str());
     if (file == nullptr) std::fprintf(stderr, "can't parse file %s\n", configPath());
 
     loadGeneralAndHost(file, model);

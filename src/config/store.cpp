@@ -561,7 +561,7 @@ int storeConfiguration(ConfigModel& model, AnswerMessage& answer) {
     // is rewritten under the current names and header.
     if (ini::legacyFormat()) model.changed.setAll();
     const std::unique_ptr<dictionary, DictionaryRelease> file(
-        iniparser_load(sys::placeFile(configPath()).c_str()));
+        parseConfigFile(sys::placeFile(configPath()).c_str()));
     if (file == nullptr) return -1;
 
     Store store(*file, model, answer);

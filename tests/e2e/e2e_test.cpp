@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 
 #include <tuple>
 
@@ -100,23 +101,90 @@ TEST(Daemon, ServesTheClientAndReconfiguresCan) {
         EXPECT_EQ(d.ask(text(request, kCanGroup, 1, kBitRate, value), 50),
                   text(answer, kCanGroup, 1, kBitRate, reply));
     }
+    const std::string before = readFile(d.file);
     ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 50), text(kPositive, 0, 0, 0, ""));
     // Stored: the new file moved into place by the real mv, the old one kept as the backup.
     const std::string stored = readFile(d.file);
+    EXPECT_EQ(stored.rfind("#########################################\n# KIV configuration file\n"
+                           "# Format version 1.3.1\n",
+                           0),
+              0u)
+        << stored;
     EXPECT_NE(stored.find("\n[can_0]\n"), std::string::npos) << stored;
     EXPECT_NE(stored.find("\nbaudrate                       = 250000\n"), std::string::npos);
-    EXPECT_EQ(access("/mnt/user/kiv_config.old", F_OK), 0);
+    EXPECT_EQ(readFile("/mnt/user/kiv_config.old"), before);
     EXPECT_NE(access("/tmp/kiv_config.tmp", F_OK), 0);
     // The stubs log what the program received: the shell's word splitting has taken the blank
     // at the end of the daemon's "... berr-reporting off " command.
-    EXPECT_EQ(commandsSince(logged),
-              (std::vector<std::string>{
-                  "ip link set can0 down",
-                  "ip link set can0 type can bitrate 250000 sample-point 0.800 "
-                  "listen-only on loopback off triple-sampling off one-shot off "
-                  "berr-reporting off",
-                  "ip link set can0 up",
-              }));
+    const auto reconfigured = [](const char* rate) {
+        return std::vector<std::string>{
+            "ip link set can0 down",
+            std::string("ip link set can0 type can bitrate ") + rate +
+                " sample-point 0.800 listen-only on loopback off triple-sampling off one-shot off "
+                "berr-reporting off",
+            "ip link set can0 up"};
+    };
+    EXPECT_EQ(commandsSince(logged), reconfigured("250000"));
+
+    // A temporary write is applied and leaves the file alone; an abort reloads the file.
+    const std::size_t applied = commandsSince(0).size();
+    ASSERT_EQ(d.ask(text(kStart, 51, 0, 1), 51), text(kPositive, 1, 0, 1, ""));
+    EXPECT_EQ(d.ask(text(kSetTemporary, kCanGroup, 1, kBitRate, "125000"), 51),
+              text(kPositive, kCanGroup, 1, kBitRate, ""));
+    ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 51), text(kPositive, 0, 0, 0, ""));
+    EXPECT_EQ(commandsSince(applied), reconfigured("125000"));
+    EXPECT_EQ(readFile(d.file), stored);
+    const auto bitRate = [](Daemon& daemon, long session) {
+        (void)daemon.ask(text(kStart, session, 0, 0), session);
+        const std::string answer = daemon.ask(text(kRead, kCanGroup, 1, kBitRate), session);
+        (void)daemon.ask(text(kFinish, 0, 0, 0), session);
+        return answer;
+    };
+    EXPECT_EQ(bitRate(d, 52), text(kPositive, kCanGroup, 1, kBitRate, "125000"));
+    ASSERT_EQ(d.ask(text(kStart, 53, 0, 1), 53), text(kPositive, 1, 0, 1, ""));
+    EXPECT_EQ(d.ask(text(kSet, kCanGroup, 1, kBitRate, "100000"), 53),
+              text(kPositive, kCanGroup, 1, kBitRate, ""));
+    EXPECT_EQ(d.ask(text(kAbort, 0, 0, 0), 53), text(kPositive, 0, 0, 0, ""));
+    EXPECT_EQ(bitRate(d, 54), text(kPositive, kCanGroup, 1, kBitRate, "250000"));
+    EXPECT_EQ(readFile(d.file), stored);
+
+    // A restart comes up with the stored values.
+    ASSERT_EQ(kill(d.process.pid(), SIGTERM), 0);
+    ASSERT_EQ(d.process.wait(kStartMs), 255);
+    Daemon again(7, 8, OnFile{d.file});
+    ASSERT_NE(again.up(), "") << again.process.output();
+    EXPECT_EQ(bitRate(again, 55), text(kPositive, kCanGroup, 1, kBitRate, "250000"));
+}
+
+TEST(Daemon, StartsOnTheDefaultsBesideAFileItCannotParse) {
+    const std::string unparsable =
+        "#########################################\n"
+        "# KIV configuration file\n# Format version 1.3.1\n"
+        "[can_0]\nbaudrate = 125000\ndescription = " +
+        std::string(1030, 'x') + "\n";
+    Daemon d(9, 10, unparsable);
+    ASSERT_NE(d.up(), "") << d.process.output();
+    const std::string atStart = readFile(d.file);  // the start-up's line feed over its first byte
+    EXPECT_EQ(atStart.substr(1), unparsable.substr(1));
+    ASSERT_EQ(d.ask(text(kStart, 56, 0, 1), 56), text(kPositive, 1, 0, 1, ""));
+    EXPECT_EQ(d.ask(text(kRead, kCanGroup, 1, kBitRate), 56),
+              text(kPositive, kCanGroup, 1, kBitRate, "500000"));
+    EXPECT_EQ(d.ask(text(kSet, kCanGroup, 1, kBitRate, "250000"), 56),
+              text(kPositive, kCanGroup, 1, kBitRate, ""));
+    // Applied, but the store refuses to write over the file, without a text.
+    EXPECT_EQ(d.ask(text(kFinish, 0, 0, 0), 56), text(kNegative, 0, 0, 0, ""));
+    EXPECT_EQ(readFile(d.file), atStart);
+    const std::string output = d.process.output();
+    const std::string line = "can't parse file " + d.file + "\n";
+    EXPECT_TRUE(output.find(line) != std::string::npos && output.find(line) == output.rfind(line))
+        << output;
+
+    // A directory in the file's place cannot be opened: the start ends with its status (-4).
+    const std::string directory = Daemon::freshFile("");
+    ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
+    Process refused(CFGD_E2E_DAEMON,
+                    {"-s", "9", "-q", "10", "-l", "/tmp/e2e-refused", "-f", directory});
+    EXPECT_EQ(refused.wait(kStartMs), 252) << refused.output();
 }
 
 }  // namespace

@@ -30,7 +30,16 @@ namespace e2e {
 constexpr int kStartMs = 20000;  // start-up runs every apply; sanitizer builds are slow
 constexpr int kAnswerMs = 5000;  // an answer that is due
 
-enum : unsigned { kStart = 0, kRead = 1, kSet = 2, kPositive = 3, kNegative = 4, kFinish = 5 };
+enum : unsigned {
+    kStart = 0,
+    kRead = 1,
+    kSet = 2,
+    kPositive = 3,
+    kNegative = 4,
+    kFinish = 5,
+    kAbort = 6,
+    kSetTemporary = 7
+};
 
 // Calls `done` every few milliseconds until it returns true; false once `timeoutMs` passed.
 inline bool poll(const std::function<bool()>& done, int timeoutMs) {
@@ -49,7 +58,8 @@ inline std::string readFile(const std::string& path) {
     return content.str();
 }
 
-// A started program; its standard output and error go to one file of its own.
+// A started program; its standard output and error go to one file of its own. It leads a
+// process group of its own, so that a test can end it together with the programs it runs.
 class Process {
   public:
     Process(const std::string& program, std::vector<std::string> arguments) {
@@ -66,8 +76,12 @@ class Process {
         posix_spawn_file_actions_addopen(&actions, 1, outputPath_.c_str(), O_WRONLY | O_CREAT,
                                          0644);
         posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0)
+        posix_spawnattr_t attributes;
+        posix_spawnattr_init(&attributes);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);  // group 0: its own
+        if (posix_spawn(&pid_, program.c_str(), &actions, &attributes, argv.data(), environ) != 0)
             ended_ = true;  // never started: nothing to wait for
+        posix_spawnattr_destroy(&attributes);
         posix_spawn_file_actions_destroy(&actions);
     }
     ~Process() {
@@ -167,13 +181,20 @@ inline int runStub(const std::string& name, const std::vector<std::string>& argu
     return stub.wait(kAnswerMs);
 }
 
+// A configuration file that is there already (a daemon's before), for a daemon to start on.
+struct OnFile {
+    std::string path;
+};
+
 // A daemon with keys, lock file and a configuration file of its own: `configuration` written
 // to a fresh path, or no file at all (so the defaults) when it is empty.
 struct Daemon {
     Daemon(int semaphoreKey, int queueKey, const std::string& configuration = "")
+        : Daemon(semaphoreKey, queueKey, OnFile{freshFile(configuration)}) {}
+    Daemon(int semaphoreKey, int queueKey, OnFile configuration)
         : key(queueKey),
-          lock("/tmp/e2e-lock-" + std::to_string(key)),
-          file(freshFile(configuration)),
+          lock(freshLock(key)),
+          file(configuration.path),
           process(CFGD_E2E_DAEMON, {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key),
                                     "-l", lock, "-f", file}) {}
 
@@ -189,6 +210,12 @@ struct Daemon {
         return receive(queue, session, kAnswerMs).value_or("(no answer)");
     }
 
+    // The lock file's path, without the file a killed daemon of the same key left there.
+    static std::string freshLock(int key) {
+        const std::string path = "/tmp/e2e-lock-" + std::to_string(key);
+        (void)unlink(path.c_str());  // mostly not there
+        return path;
+    }
     static std::string freshFile(const std::string& content) {
         // In /mnt/user, as on the device: a store renames the file to the backup there, which
         // works only within one file system.
