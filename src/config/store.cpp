@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <iniparser.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -576,4 +577,18 @@ int storeConfiguration(ConfigModel& model, AnswerMessage& answer) {
     store.gui();
     store.dhcpServer();
     return store.replaceFile();
+}
+
+int restoreInterruptedStore() {
+    const sys::FilePath file = sys::placeFile(configPath());
+    const sys::FilePath backup = sys::placeFile(kBackupConfigPath);
+    struct stat status {};
+    const bool fileMissing = ::stat(file.c_str(), &status) != 0 && errno == ENOENT;
+    const bool fileEmpty = !fileMissing && S_ISREG(status.st_mode) && status.st_size == 0;
+    if (!fileMissing && !fileEmpty) return 0;
+    if (::stat(backup.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0)
+        return 0;
+    if (sys::current().renameFile(backup.c_str(), file.c_str()) != 0) return -1;
+    std::printf("%s: %s put back from %s\n", __func__, configPath(), kBackupConfigPath);
+    return 1;
 }

@@ -21,3 +21,10 @@ int formatIniError(char* buffer, std::size_t size, unsigned group, unsigned inde
 // loaded). 0, or -1 with the error text in the answer's data; a file that cannot be parsed
 // gives -1 without text. A failed key does not stop the file from being written.
 [[nodiscard]] int storeConfiguration(ConfigModel& model, AnswerMessage& answer);
+
+// Start-up: a store cut short between moving the configuration file to the backup and moving
+// the new file into place leaves no configuration file, or an empty one, while the backup holds
+// the last stored configuration. The backup is then put back, before the start-up would create
+// an empty file there and come up on the defaults. 1 when it was put back, 0 when there was
+// nothing to put back, -1 when putting it back failed.
+int restoreInterruptedStore();

@@ -15,6 +15,7 @@
 
 #include "config/config_path.h"
 #include "config/loader.h"
+#include "config/store.h"
 #include "core/identity.h"
 #include "core/message.h"
 #include "core/options.h"
@@ -187,6 +188,8 @@ int runDaemon(int argc, char** argv) {
 
     if (readDeviceIdentity(m) < 0) return kExitStart;
     if (setConfigPath(options.configPath) < 0) return kExitStart;
+    // A failure leaves the start-up as it would be without a backup: on an empty file.
+    (void)restoreInterruptedStore();
     if (!touchConfigFile(configPath())) return kExitStart;
     if (loadConfiguration(m) < 0) return kExitStart;
     m.previousWlanMode = m.wlan.Mode;

@@ -447,3 +447,29 @@ TEST_F(Store, ErrorTexts) {
 }
 
 }  // namespace
+
+namespace {
+
+// A store cut short after the file went to the backup: the start-up puts the backup back.
+TEST_F(Store, InterruptedStoreIsUndoneAtStartUp) {
+    // configuration file (nullptr: missing), backup (nullptr: missing), result, file after
+    const std::tuple<const char*, const char*, int, std::string> cases[] = {
+        {nullptr, "stored\n", 1, "stored\n"},
+        {"", "stored\n", 1, "stored\n"},
+        {"current\n", "stored\n", 0, "current\n"},
+        {nullptr, nullptr, 0, ""},
+        {"", "", 0, ""},
+    };
+    for (const auto& [file, backup, result, after] : cases) {
+        SCOPED_TRACE(testing::Message() << (file ? file : "-") << "/" << (backup ? backup : "-"));
+        fake.removeFile(kDefaultConfigPath);
+        fake.removeFile(kBackupConfigPath);
+        if (file != nullptr) fake.writeFile(kDefaultConfigPath, file);
+        if (backup != nullptr) fake.writeFile(kBackupConfigPath, backup);
+        EXPECT_EQ(restoreInterruptedStore(), result);
+        EXPECT_EQ(stored(), after);
+        EXPECT_EQ(fake.fileExists(kBackupConfigPath), backup != nullptr && result == 0);
+    }
+}
+
+}  // namespace
