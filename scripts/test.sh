@@ -15,7 +15,7 @@ for variant in build build-asan; do
     echo "== $variant"
     sanitize=OFF
     [ "$variant" = build-asan ] && sanitize=ON
-    cmake -S . -B "$variant" -G Ninja -DCFGD_SANITIZE=$sanitize >/dev/null
+    cmake -S . -B "$variant" -G Ninja -DCFGD_SANITIZE=$sanitize -DCFGD_WERROR=ON >/dev/null
     cmake --build "$variant" -j "$jobs"
     ctest --test-dir "$variant" --output-on-failure -j "$jobs"
 done
