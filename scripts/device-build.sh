@@ -22,8 +22,10 @@ bash scripts/setup.sh
 build() {  # build DIR [cmake options...]
     local dir=$1
     shift
-    cmake -S . -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
-        -DCMAKE_BUILD_TYPE="$build_type" -DCFGD_TESTS=OFF -DCFGD_BENCH=OFF "$@" >/dev/null
+    # The toolchain file counts only when a build directory is made; given again, cmake warns.
+    [ -f "$dir/CMakeCache.txt" ] || set -- -DCMAKE_TOOLCHAIN_FILE="$toolchain" "$@"
+    cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE="$build_type" -DCFGD_TESTS=OFF \
+        -DCFGD_BENCH=OFF "$@" >/dev/null
     cmake --build "$dir" -j "$jobs" --target cfgd cfgctl
 }
 
