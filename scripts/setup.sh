@@ -5,6 +5,9 @@ set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmock-dev
           clang-format util-linux procps iproute2 net-tools)
 missing=()
+# The device build and the armel unit tests: Debian's armel cross compiler, the armel C library,
+# iniparser and GoogleTest from the archive (multiarch), and qemu user emulation to run tests.
+packages+=(g++-arm-linux-gnueabi libc6:armel libiniparser-dev:armel libgtest-dev:armel qemu-user)
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
         missing+=("$package")
@@ -14,6 +17,8 @@ if ((${#missing[@]})); then
     sudo_cmd=()
     [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
     export DEBIAN_FRONTEND=noninteractive
+    dpkg --print-foreign-architectures | grep -qx armel ||
+        "${sudo_cmd[@]}" dpkg --add-architecture armel
     "${sudo_cmd[@]}" apt-get update -qq
     "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi

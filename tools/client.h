@@ -63,6 +63,7 @@ struct RequestQueueMessage {
     long mtype;
     char text[1024];
 };
+static_assert(offsetof(RequestQueueMessage, text) == sizeof(long));  // the kernel's msgbuf
 
 // Formats a request (queue type 1) into `message`: its text's length, or 0 when it does not
 // fit in a queue message. `value` nullptr: a request without value.

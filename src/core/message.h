@@ -22,6 +22,14 @@ struct AnswerQueueMessage {
     char text[1024 - sizeof(long)];
 };
 
+// Both are the kernel's message buffer: the type as the platform's long, the text right behind
+// it. On the device (32-bit long) the receive buffer is 512 bytes; the answer buffer is 1024
+// bytes on every platform.
+static_assert(offsetof(QueueMessage, text) == sizeof(long));
+static_assert(sizeof(long) != 4 || sizeof(QueueMessage) == 512);
+static_assert(offsetof(AnswerQueueMessage, text) == sizeof(long));
+static_assert(sizeof(AnswerQueueMessage) == 1024);
+
 // Name of a message type for diagnostics; SET_TEMP_PARAM and unknown types have none (nullptr).
 const char* messageTypeName(unsigned mt);
 

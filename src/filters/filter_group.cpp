@@ -2,12 +2,12 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 
 #include "filters/filter_store.h"
 #include "filters/filter_term.h"
 #include "filters/route_filters.h"
 #include "model/config_model.h"
+#include "model/device_numbers.h"
 
 namespace {
 
@@ -72,7 +72,9 @@ constexpr Conversion kConversions[4][4] = {
      {}},
 };
 
-bool isKind(long kind) {
+// Wide enough for a number read from a request and for a stored kind alike, on the device and
+// on a 64-bit host.
+bool isKind(int64_t kind) {
     return kind >= kRange11 && kind <= kMask29;
 }
 
@@ -114,7 +116,7 @@ int createFilter(const RequestMessage& request, AnswerMessage& answer, ConfigMod
         answerText(answer, kCreateByKindFormat, static_cast<int>(number));
         return -1;
     }
-    const long kind = std::strtol(request.da, nullptr, 10);
+    const int32_t kind = deviceStrtol(request.da, 10);
     if (kind == 0) {
         answerText(answer, "%s", kNoFilterAnywayText);  // a success that carries a text
         return 0;
@@ -136,7 +138,7 @@ int createFilter(const RequestMessage& request, AnswerMessage& answer, ConfigMod
 // Kind of an existing filter: 0 deletes it, another kind converts it. True when the routes
 // that use the filter must apply it again.
 bool writeKind(const RequestMessage& request, ConfigModel& model, Filter& filter, unsigned number) {
-    const long kind = std::strtol(request.da, nullptr, 10);
+    const int32_t kind = deviceStrtol(request.da, 10);
     if (kind == 0) {
         (void)delFiltRealtions(model, number);  // marks the routes that used it
         removeFilter(model.filters, filter.index);

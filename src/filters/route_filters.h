@@ -25,6 +25,7 @@ struct FilterList {
     std::array<gw::MaskEntry, kMaxListPairs> pairs;
 };
 static_assert(offsetof(FilterList, pairs) == sizeof(uint32_t));
+static_assert(sizeof(FilterList) == sizeof(uint32_t) + kMaxListPairs * sizeof(gw::MaskEntry));
 
 // Relates filter `filter` (1-based) to route `route` (1-based). 0 also when the relation
 // exists already or names route or filter 0 (such a relation means nothing); -1 when the

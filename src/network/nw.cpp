@@ -136,6 +136,7 @@ int nw_get_mac(const char* ifName, char (&mac)[kMacTextSize]) {
     ifreq query{};
     const bool answered = queryInterface(SIOCGIFHWADDR, ifName, query);
     unsigned char bytes[kMacBytes] = {};
+    static_assert(sizeof bytes <= sizeof query.ifr_hwaddr.sa_data);
     if (answered) std::memcpy(bytes, query.ifr_hwaddr.sa_data, sizeof bytes);
     std::snprintf(mac, sizeof mac, kMacFormat, bytes[0], bytes[1], bytes[2], bytes[3], bytes[4],
                   bytes[5]);
@@ -149,6 +150,7 @@ int nw_get_ipv4(const char* ifName, in_addr& address) {
     address.s_addr = INADDR_ANY;
     if (answered) {
         sockaddr_in reply;
+        static_assert(sizeof reply == sizeof query.ifr_addr);  // the kernel's sockaddr
         std::memcpy(&reply, &query.ifr_addr, sizeof reply);
         address = reply.sin_addr;
     }

@@ -78,6 +78,7 @@ struct RouteInfo {
     uint8_t reserved128[12];
 };
 static_assert(sizeof(RouteInfo) == gw::kRouteInfoSize);
+static_assert(offsetof(RouteInfo, flags) == 0 && offsetof(RouteInfo, reserved128) == 128);
 static_assert(offsetof(RouteInfo, name) == 4 && offsetof(RouteInfo, interface1) == 36);
 static_assert(offsetof(RouteInfo, protocol2) == 52 && offsetof(RouteInfo, destination) == 56);
 static_assert(offsetof(RouteInfo, retryCount) == 72 && offsetof(RouteInfo, retryDelay) == 76);
@@ -95,6 +96,7 @@ struct DriverRoute {
 };
 static_assert(sizeof(DriverRoute) == gw::kDriverRouteSize);
 static_assert(offsetof(DriverRoute, stats) == 140 && offsetof(DriverRoute, fppStats) == 188);
+static_assert(offsetof(DriverRoute, reserved444) == 444);
 
 // The driver's forwarding defaults; the daemon reads only the values below.
 struct ForwardDefaults {
@@ -113,7 +115,8 @@ struct ForwardDefaults {
 static_assert(sizeof(ForwardDefaults) == gw::kForwardDefaultsSize);
 static_assert(offsetof(ForwardDefaults, at40) == 40 && offsetof(ForwardDefaults, at46) == 46);
 static_assert(offsetof(ForwardDefaults, at48) == 48 && offsetof(ForwardDefaults, at50) == 50);
-static_assert(offsetof(ForwardDefaults, at64) == 64 && offsetof(ForwardDefaults, at72) == 72);
+static_assert(offsetof(ForwardDefaults, at64) == 64 && offsetof(ForwardDefaults, at68) == 68);
+static_assert(offsetof(ForwardDefaults, version) == 0 && offsetof(ForwardDefaults, at72) == 72);
 
 // One route: the daemon's header followed by the image handed to the driver as it stands.
 struct RouteRecord {

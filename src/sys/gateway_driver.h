@@ -49,8 +49,12 @@ struct CanLinkInfo {
     uint32_t reserved72;
 };
 static_assert(sizeof(CanLinkInfo) == 76);
-static_assert(offsetof(CanLinkInfo, flags) == 20 && offsetof(CanLinkInfo, ctrlMode) == 28);
-static_assert(offsetof(CanLinkInfo, bitrate) == 40 && offsetof(CanLinkInfo, brp) == 68);
+static_assert(offsetof(CanLinkInfo, flags) == 20 && offsetof(CanLinkInfo, state) == 24);
+static_assert(offsetof(CanLinkInfo, ctrlMode) == 28 && offsetof(CanLinkInfo, bitrate) == 40);
+static_assert(offsetof(CanLinkInfo, samplePoint) == 44 && offsetof(CanLinkInfo, tq) == 48);
+static_assert(offsetof(CanLinkInfo, propSeg) == 52 && offsetof(CanLinkInfo, phaseSeg1) == 56);
+static_assert(offsetof(CanLinkInfo, phaseSeg2) == 60 && offsetof(CanLinkInfo, sjw) == 64);
+static_assert(offsetof(CanLinkInfo, brp) == 68);
 
 inline constexpr uint32_t kCanLinkUp = 1u << 0;
 inline constexpr uint32_t kCtrlLoopback = 1u << 0;
@@ -67,7 +71,7 @@ struct MaskEntry {
     uint32_t id;
     uint32_t mask;
 };
-static_assert(sizeof(MaskEntry) == 8);
+static_assert(sizeof(MaskEntry) == 8 && offsetof(MaskEntry, mask) == 4);
 
 inline constexpr std::size_t kDriverRouteSize = 448;
 inline constexpr std::size_t kForwardDefaultsSize = 76;
