@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 namespace client {
 
@@ -146,24 +147,51 @@ void Connection::attach(int queueId, int semaphoreSetId) {
     sessionMark_ = static_cast<uint8_t>(now.tv_nsec ^ getpid());
 }
 
+namespace {
+
+// The set's three semaphores as PHP's sysvsem (the web front end's) uses them: 0 is the
+// session lock, 1 counts the processes using the set, 2 guards that count. A PHP process that
+// finds itself the only user resets the lock to 1, even while another client holds it; so this
+// client counts itself as a user, under the guard, for as long as it holds the lock.
+enum SemaphoreIndex : unsigned short { kSessionLock = 0, kUsers = 1, kUsersGuard = 2 };
+
+Status semaphoreFailure() {
+    if (errno == EAGAIN) return Status::Busy;
+    if (errno == EIDRM || errno == EINVAL) return Status::NoQueue;
+    return Status::SystemError;
+}
+
+}  // namespace
+
 Status Connection::lockSemaphore() {
     if (semaphoreSetId_ < 0 || holdsSemaphore_) return Status::Ok;
-    sembuf take{0, -1, SEM_UNDO};
     const timespec wait{timeoutSeconds_, 0};
+    sembuf join[] = {{kUsersGuard, 0, 0}, {kUsersGuard, 1, SEM_UNDO}, {kUsers, 1, SEM_UNDO}};
+    while (semtimedop(semaphoreSetId_, join, std::size(join), &wait) < 0)
+        if (errno != EINTR) return semaphoreFailure();
+    sembuf unguard{kUsersGuard, -1, SEM_UNDO};
+    (void)semop(semaphoreSetId_, &unguard, 1);  // this process raised it: it cannot block
+    sembuf take{kSessionLock, -1, SEM_UNDO};
     while (semtimedop(semaphoreSetId_, &take, 1, &wait) < 0) {
         if (errno == EINTR) continue;
-        if (errno == EAGAIN) return Status::Busy;
-        if (errno == EIDRM || errno == EINVAL) return Status::NoQueue;
-        return Status::SystemError;
+        const Status failure = semaphoreFailure();
+        leaveUsers();
+        return failure;
     }
     holdsSemaphore_ = true;
     return Status::Ok;
 }
 
+void Connection::leaveUsers() {
+    sembuf leave{kUsers, -1, SEM_UNDO | IPC_NOWAIT};
+    (void)semop(semaphoreSetId_, &leave, 1);  // if the set is gone there is nothing to leave
+}
+
 void Connection::endSession() {
     if (!holdsSemaphore_) return;
-    sembuf give{0, 1, SEM_UNDO};
+    sembuf give{kSessionLock, 1, SEM_UNDO};
     (void)semop(semaphoreSetId_, &give, 1);  // if the set is gone there is nothing to give back
+    leaveUsers();
     holdsSemaphore_ = false;
 }
 

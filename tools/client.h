@@ -113,6 +113,7 @@ class Connection {
 
   private:
     [[nodiscard]] Status lockSemaphore();
+    void leaveUsers();
 
     LockLine lock_{-1, -1, -1};
     int queueId_ = -1;
