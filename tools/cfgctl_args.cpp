@@ -191,8 +191,8 @@ std::vector<std::string> closeMatches(std::string_view name, std::size_t most) {
     std::string folded(name);
     for (char& c : folded)
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    // Near enough to be a slip: a third of the name, and never less than two edits.
-    const std::size_t limit = std::max<std::size_t>(2, folded.size() / 3);
+    // Near enough to be a slip: an edit for every four characters, and never less than two.
+    const std::size_t limit = std::max<std::size_t>(2, folded.size() / 4);
     std::vector<std::pair<std::size_t, std::string>> near;
     for (std::size_t i = 0; i < paramCount(); ++i) {
         const Param param = paramAt(i);
