@@ -22,6 +22,7 @@ namespace {
 constexpr long kLowestAnswerType = 2;  // 0 cannot be sent, 1 is the daemon's own
 constexpr long kAnswerTypes = 254;     // 2..255: the answer address is one byte
 constexpr long kRefireMicroseconds = 100000;
+constexpr uint8_t kStartAnswerF1 = 1;              // FINISH and ABORT answers, left over, have 0
 constexpr std::size_t kLockFileSize = 80;          // the daemon formats its line into 80 bytes
 constexpr std::size_t kTerminatorCloseLength = 4;  // the value's last byte, then "\";}"
 
@@ -275,7 +276,8 @@ Status Connection::startSession(unsigned writes, RequestMessage& answer) {
         if (Status s = receive(received, receivedLength); s != Status::Ok) return s;
         answer = RequestMessage{};
         if (parseRequest(received.text, receivedLength, answer) != 0) continue;
-        if (answer.mt == POS_ANSW && answer.f2 == sessionMark_ && answer.f3 == writes)
+        if (answer.mt == POS_ANSW && answer.f1 == kStartAnswerF1 && answer.f2 == sessionMark_ &&
+            answer.f3 == writes)
             return Status::Ok;
     }
 }
