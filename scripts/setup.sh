@@ -3,7 +3,8 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmock-dev
-          clang-format util-linux procps iproute2 net-tools)
+          clang-format util-linux procps iproute2 net-tools
+          php-cli)  # the PHP client library's tests; its sysvmsg and sysvsem come with it
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
