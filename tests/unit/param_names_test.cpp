@@ -72,29 +72,22 @@ TEST_F(ParamNames, AreUniqueFitAndAnswerAsTheirAccessSays) {
         start(0);
         const AnswerMessage before = read(p);
         send(FINISH_SESSION);
-        switch (p.access) {
-            case ParamAccess::ReadWrite: {
-                ASSERT_EQ(before.mt, POS_ANSW) << p.name << ": " << before.da;
-                const bool none = p.noneText != nullptr && std::strcmp(before.da, p.noneText) == 0;
-                const AnswerMessage written = write(p, none ? "" : before.da);
-                EXPECT_EQ(written.mt, POS_ANSW) << p.name << ": " << written.da;
-                break;
-            }
-            case ParamAccess::ReadOnly:
-            case ParamAccess::Live: {
-                ASSERT_EQ(before.mt, POS_ANSW) << p.name << ": " << before.da;
-                // Some groups take any write and change nothing; either way the value stays.
-                const std::string other = std::string(before.da) + "7";
-                (void)write(p, other.c_str());
-                start(0);
-                EXPECT_STREQ(read(p).da, before.da) << p.name;
-                send(FINISH_SESSION);
-                break;
-            }
-            case ParamAccess::WriteOnly:
-                EXPECT_TRUE(before.mt == NEG_ANSW || before.da[0] == '\0') << p.name;
-                break;
+        if (p.access == ParamAccess::WriteOnly) {
+            EXPECT_TRUE(before.mt == NEG_ANSW || before.da[0] == '\0') << p.name;
+            continue;
         }
+        ASSERT_EQ(before.mt, POS_ANSW) << p.name << ": " << before.da;
+        if (p.access == ParamAccess::ReadWrite) {
+            const bool none = p.noneText != nullptr && std::strcmp(before.da, p.noneText) == 0;
+            const AnswerMessage written = write(p, none ? "" : before.da);
+            EXPECT_EQ(written.mt, POS_ANSW) << p.name << ": " << written.da;
+            continue;
+        }
+        // Some groups take any write and change nothing; either way the value stays.
+        (void)write(p, (std::string(before.da) + "7").c_str());
+        start(0);
+        EXPECT_STREQ(read(p).da, before.da) << p.name;
+        send(FINISH_SESSION);
     }
 }
 

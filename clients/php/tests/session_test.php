@@ -18,10 +18,6 @@ if ($token === false || @file_get_contents('/etc/cfgd-sandbox') !== "$token\n") 
         . "  sandbox/sandbox.sh test php {$argv[0]} CFGD CFGCTL\n");
     exit(2);
 }
-if ($argc !== 3) {
-    fwrite(STDERR, "usage: {$argv[0]} CFGD CFGCTL\n");
-    exit(2);
-}
 [, $daemonPath, $cfgctl] = $argv;
 
 const LOCK = '/tmp/php-test-lock';
@@ -29,15 +25,12 @@ const CONFIG = '/mnt/user/php-test.ini';  // in /mnt/user, beside the backup the
 
 function check(bool $condition, string $what): void
 {
-    if (!$condition) {
-        throw new AssertionError($what);
-    }
+    $condition || throw new AssertionError($what);
 }
 
 function same(mixed $expected, mixed $actual, string $what): void
 {
-    check($expected === $actual, "$what: expected " . var_export($expected, true)
-        . ', got ' . var_export($actual, true));
+    check($expected === $actual, "$what: " . var_export($actual, true));
 }
 
 // The exception that `$call` throws, checked for its class.
@@ -54,7 +47,7 @@ function thrown(string $class, callable $call): Throwable
 
 function commandLog(): array
 {
-    return file(getenv('CFGD_SANDBOX_LOG'), FILE_IGNORE_NEW_LINES) ?: [];
+    return file(getenv('CFGD_SANDBOX_LOG'), FILE_IGNORE_NEW_LINES);
 }
 
 // One call: reads in a session of their own.
@@ -151,11 +144,10 @@ $tests = [
     },
     'a session dropped while open is aborted' => function () {
         [$description] = readNow('general.description');
-        (function () {
-            $session = new Session(LOCK);
-            $session->start(1);
-            $session->write('general.description', 'never finished');
-        })();
+        $session = new Session(LOCK);
+        $session->start(1);
+        $session->write('general.description', 'never finished');
+        unset($session);
         same([$description], readNow('general.description'), 'after the drop');
     },
 ];
