@@ -372,6 +372,10 @@ int run(const Invocation& invocation) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc <= 1) {
+        cfgctl::printUsage(stderr);
+        return cfgctl::kExitUsage;
+    }
     Invocation invocation;
     char error[cfgctl::kErrorSize];
     if (!cfgctl::parseArguments(argc, argv, invocation, error, sizeof error)) {
