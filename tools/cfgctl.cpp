@@ -3,10 +3,15 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
 
+#include "apply_file.h"
 #include "cfgctl_args.h"
 #include "client.h"
 #include "core/options.h"
@@ -16,6 +21,8 @@ namespace {
 using cfgctl::Command;
 using cfgctl::Invocation;
 using client::Status;
+
+constexpr std::size_t kMaxApplyFileBytes = 1 << 20;
 
 const char* requestName(const Invocation& invocation) {
     if (invocation.command == Command::Get) return "get";
@@ -66,87 +73,313 @@ int reportFailure(Status status, const client::Connection& cfgd, const char* loc
     return cfgctl::kExitNoDaemon;
 }
 
-// Values are checked before the session starts, so that a call never stops half-way for them.
-bool valuesFit(const Invocation& invocation, unsigned writeType) {
+// A value that would not fit into one request; reported before any session starts.
+bool valueFits(unsigned writeType, const cfgctl::Parameter& p, const char* where) {
+    if (client::fitsInRequest(writeType, p.f1, p.f2, p.f3, p.value)) return true;
+    std::fprintf(stderr,
+                 "cfgctl: %s: value is too long: %zu bytes make a request of %zu bytes, at most "
+                 "%zu fit in one\n",
+                 where, std::strlen(p.value),
+                 client::requestTextLength(writeType, p.f1, p.f2, p.f3, p.value), kQueueTextSize);
+    return false;
+}
+
+// The daemon, reached through its lock file, with the session rules that every command keeps.
+class Daemon {
+  public:
+    explicit Daemon(const Invocation& invocation)
+        : lockPath_(invocation.lockPath != nullptr ? invocation.lockPath : kDefaultLockPath) {
+        if (invocation.timeoutSeconds > 0) cfgd_.setTimeout(invocation.timeoutSeconds);
+    }
+
+    // 0, or the exit status after the reason was printed.
+    int open() { return check(cfgd_.open(lockPath_)); }
+
+    int start(unsigned writes) {
+        // A START_SESSION that is answered late must not leave the session open.
+        return check(cfgd_.startSession(writes, answer_), true);
+    }
+
+    // One request; its answer in answer(). 0, or the exit status after the reason was printed.
+    int exchange(unsigned mt, const cfgctl::Parameter& p) {
+        return check(cfgd_.exchange(mt, p.f1, p.f2, p.f3, p.value, answer_), true);
+    }
+
+    // FINISH_SESSION or ABORT_SESSION; `keep` holds the semaphore for another session.
+    int end(bool abort, bool keep = false) {
+        const unsigned mt = abort ? ABORT_SESSION : FINISH_SESSION;
+        if (int status = check(cfgd_.exchange(mt, 0, 0, 0, nullptr, answer_)); status != 0)
+            return status;
+        if (!keep) cfgd_.endSession();
+        if (answer_.mt != NEG_ANSW) return cfgctl::kExitOk;
+        std::fprintf(stderr, "cfgctl: %s: %s\n", abort ? "ABORT_SESSION" : "FINISH_SESSION",
+                     answer_.da);
+        return cfgctl::kExitRefused;
+    }
+
+    const RequestMessage& answer() const { return answer_; }
+    bool refused() const { return answer_.mt == NEG_ANSW; }
+    // Some refusals come without a text (a parameter that is not served).
+    const char* refusal() const { return answer_.da[0] != '\0' ? answer_.da : "refused by cfgd"; }
+
+  private:
+    int check(Status status, bool inSession = false) {
+        if (status == Status::Ok) return 0;
+        // Whenever the daemon catches up, this closes the session and drops its writes.
+        if (inSession && status != Status::Busy) cfgd_.sendWithoutWaiting(ABORT_SESSION);
+        return reportFailure(status, cfgd_, lockPath_);
+    }
+
+    const char* lockPath_;
+    client::Connection cfgd_;
+    RequestMessage answer_{};
+};
+
+int runGetSet(const Invocation& invocation) {
+    const bool writes = invocation.command == Command::Set;
+    const unsigned writeType = invocation.temporary ? SET_TEMP_PARAM : SET_PARAM;
     for (const cfgctl::Parameter& p : invocation.parameters) {
-        if (p.value == nullptr || client::fitsInRequest(writeType, p.f1, p.f2, p.f3, p.value))
+        char where[32];
+        std::snprintf(where, sizeof where, "%u %u %u", p.f1, p.f2, p.f3);
+        if (p.value != nullptr && !valueFits(writeType, p, where)) return cfgctl::kExitUsage;
+    }
+    Daemon cfgd(invocation);
+    if (int status = cfgd.open(); status != 0) return status;
+    const unsigned announced =
+        writes
+            ? static_cast<unsigned>(std::min(invocation.parameters.size(), cfgctl::kMaxAnnounced))
+            : 0;
+    if (int status = cfgd.start(announced); status != 0) return status;
+
+    bool refused = false;
+    for (const cfgctl::Parameter& p : invocation.parameters) {
+        if (int status = cfgd.exchange(writes ? writeType : unsigned{READ_PARAM}, p); status != 0)
+            return status;
+        if (cfgd.refused()) {
+            std::fprintf(stderr, "cfgctl: %s %u %u %u: %s\n", requestName(invocation), p.f1, p.f2,
+                         p.f3, cfgd.refusal());
+            refused = true;
+            break;
+        }
+        if (!writes) {
+            std::printf("%s\n", cfgd.answer().da);
+        } else if (cfgd.answer().da[0] != '\0') {
+            // A write that went through with a remark from the daemon.
+            std::fprintf(stderr, "cfgctl: %s %u %u %u: %s\n", requestName(invocation), p.f1, p.f2,
+                         p.f3, cfgd.answer().da);
+        }
+    }
+    // A refused write aborts, so that none of the call's writes is applied or stored; reads
+    // have nothing to drop, and finishing them spares the daemon a reload of its file.
+    const int status = cfgd.end(invocation.abort || (refused && writes));
+    if (status != 0) return status;
+    return refused ? cfgctl::kExitRefused : cfgctl::kExitOk;
+}
+
+// A value on one dump line: line breaks would start a line of their own.
+void printValue(const char* value) {
+    for (const char* c = value; *c != '\0'; ++c) {
+        if (*c == '\n') {
+            std::fputs("\\n", stdout);
+        } else if (*c == '\r') {
+            std::fputs("\\r", stdout);
+        } else {
+            std::putchar(*c);
+        }
+    }
+}
+
+int runDump(const Invocation& invocation) {
+    Daemon cfgd(invocation);
+    if (int status = cfgd.open(); status != 0) return status;
+    if (int status = cfgd.start(0); status != 0) return status;
+    for (std::size_t i = 0; i < paramCount(); ++i) {
+        const Param param = paramAt(i);
+        if (param.access == ParamAccess::WriteOnly) continue;
+        const cfgctl::Parameter p{param.f1, param.f2, param.f3, nullptr};
+        if (int status = cfgd.exchange(READ_PARAM, p); status != 0) return status;
+        char label[kParamNameSize];
+        if (invocation.numeric)
+            std::snprintf(label, sizeof label, "%u %u %u", p.f1, p.f2, p.f3);
+        else
+            std::snprintf(label, sizeof label, "%s", param.name);
+        // A refused read is a comment: it has no value to compare or to apply.
+        if (cfgd.refused()) {
+            std::printf("# %s refused: %s\n", label, cfgd.refusal());
             continue;
-        std::fprintf(stderr,
-                     "cfgctl: value for %u %u %u is too long: %zu bytes make a request of %zu "
-                     "bytes, at most %zu fit in one\n",
-                     p.f1, p.f2, p.f3, std::strlen(p.value),
-                     client::requestTextLength(writeType, p.f1, p.f2, p.f3, p.value),
-                     kQueueTextSize);
+        }
+        std::printf("%s = ", label);
+        printValue(cfgd.answer().da);
+        std::putchar('\n');
+    }
+    return cfgd.end(false);
+}
+
+bool readWholeFile(const char* path, std::string& text) {
+    std::FILE* in = std::strcmp(path, "-") == 0 ? stdin : std::fopen(path, "rb");
+    if (in == nullptr) {
+        std::fprintf(stderr, "cfgctl: cannot open %s: %s\n", path, std::strerror(errno));
+        return false;
+    }
+    char buffer[4096];
+    std::size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0 && text.size() < kMaxApplyFileBytes)
+        text.append(buffer, n);
+    const bool failed = std::ferror(in) != 0;
+    if (in != stdin) (void)std::fclose(in);  // read only: nothing to lose
+    if (failed || text.size() >= kMaxApplyFileBytes) {
+        std::fprintf(stderr, "cfgctl: cannot read %s: %s\n", path,
+                     failed ? std::strerror(errno) : "larger than 1 MiB");
         return false;
     }
     return true;
 }
 
-int run(const Invocation& invocation) {
-    const bool writes = invocation.command == Command::Set;
+const char* nameOf(const cfgctl::ApplyLine& line, char (&numbers)[16]) {
+    if (line.param.name[0] != '\0') return line.param.name;
+    std::snprintf(numbers, sizeof numbers, "%u %u %u", line.param.f1, line.param.f2, line.param.f3);
+    return numbers;
+}
+
+cfgctl::Parameter requestOf(const cfgctl::ApplyLine& line) {
+    return {line.param.f1, line.param.f2, line.param.f3,
+            cfgctl::valueToWrite(line.param, line.value.c_str())};
+}
+
+// The apply file's writes that cfgd would take, each with its current value: read in one
+// session of its own, under the semaphore that the writing session then keeps.
+int readCurrentValues(Daemon& cfgd, const cfgctl::ApplyFile& file,
+                      std::vector<std::optional<std::string>>& current) {
+    if (int status = cfgd.start(0); status != 0) return status;
+    for (const cfgctl::ApplyLine& line : file.writes) {
+        current.emplace_back();
+        if (line.param.access == ParamAccess::WriteOnly) continue;
+        cfgctl::Parameter p = requestOf(line);
+        p.value = nullptr;
+        if (int status = cfgd.exchange(READ_PARAM, p); status != 0) return status;
+        if (!cfgd.refused()) current.back() = cfgd.answer().da;
+    }
+    return cfgd.end(false, true);
+}
+
+int runApply(const Invocation& invocation) {
+    const char* path = invocation.file;
+    std::string text;
+    if (!readWholeFile(path, text)) return cfgctl::kExitUsage;
+    cfgctl::ApplyFile file;
+    char error[cfgctl::kErrorSize];
+    if (!cfgctl::parseApplyText(text, file, error, sizeof error)) {
+        std::fprintf(stderr, "cfgctl: %s:%s\n", path, error);
+        return cfgctl::kExitUsage;
+    }
+    char numbers[16];
+    for (const cfgctl::ApplyLine& line : file.readOnly)
+        std::fprintf(stderr, "cfgctl: %s:%u: %s is read only: skipped\n", path, line.line,
+                     nameOf(line, numbers));
     const unsigned writeType = invocation.temporary ? SET_TEMP_PARAM : SET_PARAM;
-    if (!valuesFit(invocation, writeType)) return cfgctl::kExitUsage;
-
-    const char* lockPath = invocation.lockPath != nullptr ? invocation.lockPath : kDefaultLockPath;
-    client::Connection cfgd;
-    if (invocation.timeoutSeconds > 0) cfgd.setTimeout(invocation.timeoutSeconds);
-    if (Status s = cfgd.open(lockPath); s != Status::Ok) return reportFailure(s, cfgd, lockPath);
-
-    RequestMessage answer;
-    const unsigned announced = writes ? static_cast<unsigned>(invocation.parameters.size()) : 0;
-    if (Status s = cfgd.startSession(announced, answer); s != Status::Ok) {
-        // A START_SESSION that is answered late must not leave the session open.
-        if (s == Status::Timeout) cfgd.sendWithoutWaiting(ABORT_SESSION);
-        return reportFailure(s, cfgd, lockPath);
+    for (const cfgctl::ApplyLine& line : file.writes) {
+        char where[cfgctl::kErrorSize];
+        std::snprintf(where, sizeof where, "%s:%u", path, line.line);
+        if (!valueFits(writeType, requestOf(line), where)) return cfgctl::kExitUsage;
     }
 
-    bool refused = false;
-    for (const cfgctl::Parameter& p : invocation.parameters) {
-        const unsigned mt = writes ? writeType : unsigned{READ_PARAM};
-        if (Status s = cfgd.exchange(mt, p.f1, p.f2, p.f3, p.value, answer); s != Status::Ok) {
-            // Whenever the daemon catches up, this closes the session and drops its writes.
-            cfgd.sendWithoutWaiting(ABORT_SESSION);
-            return reportFailure(s, cfgd, lockPath);
-        }
-        if (answer.mt == NEG_ANSW) {
-            // Some refusals come without a text (a parameter that is not served).
-            std::fprintf(stderr, "cfgctl: %s %u %u %u: %s\n", requestName(invocation), p.f1, p.f2,
-                         p.f3, answer.da[0] != '\0' ? answer.da : "refused by cfgd");
-            refused = true;
-            break;
-        }
-        if (!writes) {
-            std::printf("%s\n", answer.da);
-        } else if (answer.da[0] != '\0') {
-            // A write that went through with a remark from the daemon.
-            std::fprintf(stderr, "cfgctl: %s %u %u %u: %s\n", requestName(invocation), p.f1, p.f2,
-                         p.f3, answer.da);
-        }
+    Daemon cfgd(invocation);
+    if (int status = cfgd.open(); status != 0) return status;
+    std::vector<std::optional<std::string>> current;
+    if (int status = readCurrentValues(cfgd, file, current); status != 0) return status;
+    const std::vector<std::size_t> plan = cfgctl::planWrites(file.writes, current);
+    if (plan.size() > cfgctl::kMaxWrites) {
+        std::fprintf(stderr,
+                     "cfgctl: %s: %zu values differ, but one session takes at most %zu writes: "
+                     "apply the file in parts (nothing was written)\n",
+                     path, plan.size(), cfgctl::kMaxWrites);
+        return cfgctl::kExitUsage;
     }
+    if (!plan.empty()) {
+        if (int status =
+                cfgd.start(static_cast<unsigned>(std::min(plan.size(), cfgctl::kMaxAnnounced)));
+            status != 0)
+            return status;
+        for (std::size_t position : plan) {
+            const cfgctl::ApplyLine& line = file.writes[position];
+            if (int status = cfgd.exchange(writeType, requestOf(line)); status != 0) return status;
+            if (cfgd.refused()) {
+                std::fprintf(stderr, "cfgctl: %s:%u: %s = %s: %s (nothing was written)\n", path,
+                             line.line, nameOf(line, numbers), line.value.c_str(), cfgd.refusal());
+                const int status = cfgd.end(true);
+                return status != 0 ? status : cfgctl::kExitRefused;
+            }
+            if (cfgd.answer().da[0] != '\0')
+                std::fprintf(stderr, "cfgctl: %s:%u: %s: %s\n", path, line.line,
+                             nameOf(line, numbers), cfgd.answer().da);
+        }
+        if (int status = cfgd.end(invocation.abort); status != 0) return status;
+    }
+    std::printf("%s: %zu written%s, %zu unchanged, %zu read only\n", path, plan.size(),
+                invocation.abort ? " and dropped" : "", file.writes.size() - plan.size(),
+                file.readOnly.size());
+    return cfgctl::kExitOk;
+}
 
-    // A refused write aborts, so that none of the call's writes is applied or stored; reads
-    // have nothing to drop, and finishing them spares the daemon a reload of its file.
-    const bool abort = invocation.abort || (refused && writes);
-    const unsigned end = abort ? ABORT_SESSION : FINISH_SESSION;
-    if (Status s = cfgd.exchange(end, 0, 0, 0, nullptr, answer); s != Status::Ok)
-        return reportFailure(s, cfgd, lockPath);
-    cfgd.endSession();
-    if (answer.mt == NEG_ANSW) {
-        std::fprintf(stderr, "cfgctl: %s: %s\n", abort ? "ABORT_SESSION" : "FINISH_SESSION",
-                     answer.da);
-        return cfgctl::kExitRefused;
+// The PHP library's table: name => [f1, f2, f3, access] and, where it has one, the "none"
+// text that is written as the empty value.
+void printPhpNames() {
+    std::printf(
+        "<?php\n"
+        "// cfgd's parameter names for the PHP client library, written by `cfgctl names --php`\n"
+        "// from the daemon's table: do not edit (the test command checks that it is current).\n"
+        "// name => [f1, f2, f3, access ('rw', 'r', 'live', 'w'), the read's text for \"none\",\n"
+        "// written back as the empty value]\n"
+        "return [\n");
+    for (std::size_t i = 0; i < paramCount(); ++i) {
+        const Param p = paramAt(i);
+        const std::string_view access = accessWord(p.access);
+        std::printf("    '%s' => [%u, %u, %u, '%.*s'", p.name, p.f1, p.f2, p.f3,
+                    static_cast<int>(access.size()), access.data());
+        if (p.noneText != nullptr) std::printf(", '%s'", p.noneText);
+        std::printf("],\n");
     }
-    return refused ? cfgctl::kExitRefused : cfgctl::kExitOk;
+    std::printf("];\n");
+}
+
+int runNames(const Invocation& invocation) {
+    if (invocation.php) {
+        printPhpNames();
+        return cfgctl::kExitOk;
+    }
+    for (std::size_t i = 0; i < paramCount(); ++i) {
+        const Param p = paramAt(i);
+        const std::string_view access = accessWord(p.access);
+        std::printf("%-24s %3u %3u %3u  %.*s\n", p.name, p.f1, p.f2, p.f3,
+                    static_cast<int>(access.size()), access.data());
+    }
+    return cfgctl::kExitOk;
+}
+
+int run(const Invocation& invocation) {
+    switch (invocation.command) {
+        case Command::Dump:
+            return runDump(invocation);
+        case Command::Apply:
+            return runApply(invocation);
+        case Command::Names:
+            return runNames(invocation);
+        default:
+            return runGetSet(invocation);
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    Invocation invocation;
-    char error[160];
-    if (!cfgctl::parseArguments(argc, argv, invocation, error, sizeof error)) {
-        std::fprintf(stderr, "cfgctl: %s\n", error);
+    if (argc <= 1) {
         cfgctl::printUsage(stderr);
+        return cfgctl::kExitUsage;
+    }
+    Invocation invocation;
+    char error[cfgctl::kErrorSize];
+    if (!cfgctl::parseArguments(argc, argv, invocation, error, sizeof error)) {
+        std::fprintf(stderr, "cfgctl: %s\n(cfgctl --help shows the usage)\n", error);
         return cfgctl::kExitUsage;
     }
     if (invocation.command == Command::Help) {

@@ -1,8 +1,10 @@
 #include "cfgctl_args.h"
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
+#include <cstring>
 #include <iterator>
-#include <string_view>
 
 #include "client.h"
 #include "core/options.h"
@@ -13,26 +15,48 @@ namespace {
 
 constexpr int kMaxTimeoutSeconds = 3600;
 constexpr unsigned kLargestIndex = 255;
-constexpr std::size_t kGetOperands = 3;
-constexpr std::size_t kSetOperands = 4;
+constexpr std::size_t kShownMatches = 5;
 
 constexpr const char* kUsageFormat =
-    "Usage: cfgctl [-l LOCKFILE] [-t SECONDS] [--abort] get F1 F2 F3 [F1 F2 F3 ...]\n"
-    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--temp] [--abort] set F1 F2 F3 VALUE [...]\n"
-    "Reads or writes cfgd parameters in one session; F1 is the group, F2 and F3 the\n"
-    "sub-indices, each 0..255. Values that are read are printed one per line.\n"
+    "Usage: cfgctl [-l LOCKFILE] [-t SECONDS] [--abort] get PARAM [PARAM ...]\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--temp] [--abort] set PARAM VALUE [...]\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] dump [--numeric]\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--temp] [--abort] apply FILE\n"
+    "       cfgctl names [--php]\n"
+    "Reads or writes cfgd parameters in one session. PARAM is a name such as can1.bitrate\n"
+    "(cfgctl names lists them) or three numbers F1 F2 F3 (group, sub-indices, each 0..255).\n"
+    "Values that are read are printed one per line.\n"
+    "  dump         prints every parameter as \"name = value\"; a read that cfgd refuses\n"
+    "               as \"# name refused: reason\"; --numeric: \"F1 F2 F3 = value\"\n"
+    "  apply        writes the \"name = value\" lines of FILE (a dump or part of one) that\n"
+    "               differ from cfgd's values, in one session; read-only names are skipped\n"
+    "  names        lists the names with their numbers and access (rw, r, live, w);\n"
+    "               --php: as the PHP client library's table\n"
     "  -l LOCKFILE  the daemon's lock file (default %s)\n"
     "  -t SECONDS   how long to wait for the daemon, 1..%d (default %d)\n"
     "  --temp       write with SET_TEMP_PARAM: applied at the end, never stored\n"
     "  --abort      end with ABORT_SESSION instead of FINISH_SESSION: writes are dropped\n"
-    "Exit status: %d done, %d refused by cfgd, %d bad arguments, %d cfgd not reachable,\n"
-    "%d no answer in time.\n";
+    "Exit status: %d done, %d refused by cfgd, %d bad arguments or file, %d cfgd not\n"
+    "reachable, %d no answer in time.\n";
+
+struct CommandWord {
+    std::string_view word;
+    Command command;
+};
+constexpr CommandWord kCommands[] = {
+    {"get", Command::Get},     {"set", Command::Set},     {"dump", Command::Dump},
+    {"apply", Command::Apply}, {"names", Command::Names},
+};
 
 template <typename Number>
 bool readDecimal(std::string_view text, Number& value) {
     if (text.empty()) return false;
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     return error == std::errc{} && end == text.data() + text.size();
+}
+
+bool isNumber(const char* text) {
+    return text[0] != '\0' && std::strspn(text, "0123456789") == std::strlen(text);
 }
 
 bool readIndex(const char* text, uint8_t& index) {
@@ -42,12 +66,162 @@ bool readIndex(const char* text, uint8_t& index) {
     return true;
 }
 
+std::size_t editDistance(std::string_view a, std::string_view b) {
+    std::vector<std::size_t> row(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j)
+        row[j] = j;
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+// Reads the operands of get and set: a name, or three numbers; then the value for set.
+bool readOperands(int argc, const char* const* argv, int at, bool writes, Invocation& invocation,
+                  char* error, std::size_t errorSize) {
+    const char* form = writes ? "set takes PARAM VALUE pairs (PARAM a name or F1 F2 F3)"
+                              : "get takes names or F1 F2 F3 triples";
+    if (at >= argc) {
+        std::snprintf(error, errorSize, "%s, got none", form);
+        return false;
+    }
+    while (at < argc) {
+        Parameter parameter{};
+        Param param{};
+        bool named = false;
+        if (isNumber(argv[at])) {
+            if (argc - at < 3) {
+                std::snprintf(error, errorSize, "%s: \"%s\" is not followed by F2 F3", form,
+                              argv[at]);
+                return false;
+            }
+            uint8_t* const indices[] = {&parameter.f1, &parameter.f2, &parameter.f3};
+            for (std::size_t i = 0; i < std::size(indices); ++i, ++at) {
+                if (!readIndex(argv[at], *indices[i])) {
+                    std::snprintf(error, errorSize, "F%zu must be a number 0..%u, not \"%s\"",
+                                  i + 1, kLargestIndex, argv[at]);
+                    return false;
+                }
+            }
+        } else {
+            if (!findParam(argv[at], param)) {
+                unknownNameError(argv[at], error, errorSize);
+                return false;
+            }
+            const bool refused =
+                writes ? param.access == ParamAccess::ReadOnly || param.access == ParamAccess::Live
+                       : param.access == ParamAccess::WriteOnly;
+            if (refused) {
+                std::snprintf(error, errorSize, "%s is %s", param.name,
+                              writes ? "read only" : "write only");
+                return false;
+            }
+            parameter.f1 = param.f1;
+            parameter.f2 = param.f2;
+            parameter.f3 = param.f3;
+            named = true;
+            ++at;
+        }
+        if (writes) {
+            if (at >= argc) {
+                std::snprintf(error, errorSize, "%s: the last one has no value", form);
+                return false;
+            }
+            parameter.value = named ? valueToWrite(param, argv[at]) : argv[at];
+            ++at;
+        }
+        invocation.parameters.push_back(parameter);
+    }
+    if (writes && invocation.parameters.size() > kMaxWrites) {
+        std::snprintf(error, errorSize, "at most %zu writes per call, got %zu", kMaxWrites,
+                      invocation.parameters.size());
+        return false;
+    }
+    return true;
+}
+
+// The words behind dump, apply and names.
+bool readCommandRest(int argc, const char* const* argv, int at, Invocation& invocation, char* error,
+                     std::size_t errorSize) {
+    const std::size_t operands = static_cast<std::size_t>(argc - at);
+    switch (invocation.command) {
+        case Command::Dump:
+            if (operands == 1 && std::string_view(argv[at]) == "--numeric") {
+                invocation.numeric = true;
+                return true;
+            }
+            if (operands == 0) return true;
+            std::snprintf(error, errorSize, "dump takes only --numeric");
+            return false;
+        case Command::Names:
+            if (operands == 1 && std::string_view(argv[at]) == "--php") {
+                invocation.php = true;
+                return true;
+            }
+            if (operands == 0) return true;
+            std::snprintf(error, errorSize, "names takes only --php");
+            return false;
+        case Command::Apply:
+            if (operands == 1) {
+                invocation.file = argv[at];
+                return true;
+            }
+            std::snprintf(error, errorSize, "apply takes one FILE, got %zu operands", operands);
+            return false;
+        default:
+            return true;
+    }
+}
+
 }  // namespace
 
 void printUsage(std::FILE* out) {
     std::fprintf(out, kUsageFormat, kDefaultLockPath, kMaxTimeoutSeconds,
                  client::kDefaultTimeoutSeconds, kExitOk, kExitRefused, kExitUsage, kExitNoDaemon,
                  kExitNoAnswer);
+}
+
+std::vector<std::string> closeMatches(std::string_view name, std::size_t most) {
+    std::string folded(name);
+    for (char& c : folded)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    // Near enough to be a slip: an edit for every four characters, and never less than two.
+    const std::size_t limit = std::max<std::size_t>(2, folded.size() / 4);
+    std::vector<std::pair<std::size_t, std::string>> near;
+    for (std::size_t i = 0; i < paramCount(); ++i) {
+        const Param param = paramAt(i);
+        const std::size_t distance = editDistance(folded, param.name);
+        if (distance <= limit) near.emplace_back(distance, param.name);
+    }
+    std::stable_sort(near.begin(), near.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<std::string> names;
+    for (std::size_t i = 0; i < near.size() && i < most; ++i)
+        names.push_back(near[i].second);
+    return names;
+}
+
+void unknownNameError(std::string_view name, char* error, std::size_t errorSize) {
+    const std::vector<std::string> matches = closeMatches(name, kShownMatches);
+    std::string text = "unknown parameter name \"" + std::string(name) + "\"";
+    if (matches.empty()) {
+        text += " (cfgctl names lists them all)";
+    } else {
+        text += "; close: ";
+        for (std::size_t i = 0; i < matches.size(); ++i)
+            text += (i > 0 ? ", " : "") + matches[i];
+    }
+    std::snprintf(error, errorSize, "%s", text.c_str());
+}
+
+const char* valueToWrite(const Param& param, const char* value) {
+    return param.noneText != nullptr && std::strcmp(value, param.noneText) == 0 ? "" : value;
 }
 
 bool parseArguments(int argc, const char* const* argv, Invocation& invocation, char* error,
@@ -93,47 +267,21 @@ bool parseArguments(int argc, const char* const* argv, Invocation& invocation, c
         return false;
     }
     const std::string_view word = argv[at++];
-    if (word == "get") {
-        invocation.command = Command::Get;
-    } else if (word == "set") {
-        invocation.command = Command::Set;
-    } else {
+    const auto* known = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                     [&](const CommandWord& c) { return c.word == word; });
+    if (known == std::end(kCommands)) {
         std::snprintf(error, errorSize, "unknown command \"%s\"", argv[at - 1]);
         return false;
     }
-    const bool writes = invocation.command == Command::Set;
+    invocation.command = known->command;
+    const bool writes = invocation.command == Command::Set || invocation.command == Command::Apply;
     if (invocation.temporary && !writes) {
-        std::snprintf(error, errorSize, "--temp applies to set only");
+        std::snprintf(error, errorSize, "--temp applies to set and apply only");
         return false;
     }
-    const std::size_t group = writes ? kSetOperands : kGetOperands;
-    const std::size_t operands = static_cast<std::size_t>(argc - at);
-    if (operands == 0 || operands % group != 0) {
-        std::snprintf(error, errorSize, "%s takes groups of %zu operands (%s), got %zu",
-                      writes ? "set" : "get", group, writes ? "F1 F2 F3 VALUE" : "F1 F2 F3",
-                      operands);
-        return false;
-    }
-    if (writes && operands / group > kMaxWrites) {
-        std::snprintf(error, errorSize, "at most %zu writes per call, got %zu", kMaxWrites,
-                      operands / group);
-        return false;
-    }
-    for (; at < argc; at += static_cast<int>(group)) {
-        Parameter parameter{};
-        uint8_t* const indices[] = {&parameter.f1, &parameter.f2, &parameter.f3};
-        for (std::size_t i = 0; i < std::size(indices); ++i) {
-            const char* text = argv[at + static_cast<int>(i)];
-            if (!readIndex(text, *indices[i])) {
-                std::snprintf(error, errorSize, "F%zu must be a number 0..%u, not \"%s\"", i + 1,
-                              kLargestIndex, text);
-                return false;
-            }
-        }
-        parameter.value = writes ? argv[at + 3] : nullptr;
-        invocation.parameters.push_back(parameter);
-    }
-    return true;
+    if (invocation.command == Command::Get || invocation.command == Command::Set)
+        return readOperands(argc, argv, at, writes, invocation, error, errorSize);
+    return readCommandRest(argc, argv, at, invocation, error, errorSize);
 }
 
 }  // namespace cfgctl

@@ -4,19 +4,28 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <string>
+#include <string_view>
 #include <vector>
+
+#include "model/param_names.h"
 
 namespace cfgctl {
 
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitRefused = 1;   // cfgd answered NEG_ANSW
-inline constexpr int kExitUsage = 2;     // bad arguments
+inline constexpr int kExitUsage = 2;     // bad arguments or a bad file
 inline constexpr int kExitNoDaemon = 3;  // no lock file, no queue, semaphore busy
 inline constexpr int kExitNoAnswer = 4;  // cfgd did not answer in time
 
-inline constexpr std::size_t kMaxWrites = 255;  // START_SESSION announces them in one byte
+// START_SESSION announces the writes in one byte, and the daemon takes one write more than
+// announced.
+inline constexpr std::size_t kMaxAnnounced = 255;
+inline constexpr std::size_t kMaxWrites = kMaxAnnounced + 1;
 
-enum class Command { Get, Set, Help };
+inline constexpr std::size_t kErrorSize = 512;  // room for a reason with close matches
+
+enum class Command { Get, Set, Dump, Apply, Names, Help };
 
 struct Parameter {
     uint8_t f1;
@@ -31,6 +40,9 @@ struct Invocation {
     int timeoutSeconds = 0;          // the client's default when not given
     bool temporary = false;
     bool abort = false;
+    bool numeric = false;        // dump --numeric: addresses instead of names
+    bool php = false;            // names --php: the table as the PHP library's file
+    const char* file = nullptr;  // apply FILE
     std::vector<Parameter> parameters;
 };
 
@@ -39,5 +51,15 @@ struct Invocation {
                                   char* error, std::size_t errorSize);
 
 void printUsage(std::FILE* out);
+
+// The parameter names closest to `name` (which names none), closest first, at most `most`.
+std::vector<std::string> closeMatches(std::string_view name, std::size_t most);
+
+// Writes "unknown parameter name \"NAME\"" and its close matches into `error`.
+void unknownNameError(std::string_view name, char* error, std::size_t errorSize);
+
+// The value a write sends for `value`: the empty text where the value is the parameter's
+// "none" that the daemon would read as something else.
+const char* valueToWrite(const Param& param, const char* value);
 
 }  // namespace cfgctl

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 namespace client {
 
@@ -21,6 +22,7 @@ namespace {
 constexpr long kLowestAnswerType = 2;  // 0 cannot be sent, 1 is the daemon's own
 constexpr long kAnswerTypes = 254;     // 2..255: the answer address is one byte
 constexpr long kRefireMicroseconds = 100000;
+constexpr uint8_t kStartAnswerF1 = 1;              // FINISH and ABORT answers, left over, have 0
 constexpr std::size_t kLockFileSize = 80;          // the daemon formats its line into 80 bytes
 constexpr std::size_t kTerminatorCloseLength = 4;  // the value's last byte, then "\";}"
 
@@ -146,24 +148,51 @@ void Connection::attach(int queueId, int semaphoreSetId) {
     sessionMark_ = static_cast<uint8_t>(now.tv_nsec ^ getpid());
 }
 
+namespace {
+
+// The set's three semaphores as PHP's sysvsem (the web front end's) uses them: 0 is the
+// session lock, 1 counts the processes using the set, 2 guards that count. A PHP process that
+// finds itself the only user resets the lock to 1, even while another client holds it; so this
+// client counts itself as a user, under the guard, for as long as it holds the lock.
+enum SemaphoreIndex : unsigned short { kSessionLock = 0, kUsers = 1, kUsersGuard = 2 };
+
+Status semaphoreFailure() {
+    if (errno == EAGAIN) return Status::Busy;
+    if (errno == EIDRM || errno == EINVAL) return Status::NoQueue;
+    return Status::SystemError;
+}
+
+}  // namespace
+
 Status Connection::lockSemaphore() {
     if (semaphoreSetId_ < 0 || holdsSemaphore_) return Status::Ok;
-    sembuf take{0, -1, SEM_UNDO};
     const timespec wait{timeoutSeconds_, 0};
+    sembuf join[] = {{kUsersGuard, 0, 0}, {kUsersGuard, 1, SEM_UNDO}, {kUsers, 1, SEM_UNDO}};
+    while (semtimedop(semaphoreSetId_, join, std::size(join), &wait) < 0)
+        if (errno != EINTR) return semaphoreFailure();
+    sembuf unguard{kUsersGuard, -1, SEM_UNDO};
+    (void)semop(semaphoreSetId_, &unguard, 1);  // this process raised it: it cannot block
+    sembuf take{kSessionLock, -1, SEM_UNDO};
     while (semtimedop(semaphoreSetId_, &take, 1, &wait) < 0) {
         if (errno == EINTR) continue;
-        if (errno == EAGAIN) return Status::Busy;
-        if (errno == EIDRM || errno == EINVAL) return Status::NoQueue;
-        return Status::SystemError;
+        const Status failure = semaphoreFailure();
+        leaveUsers();
+        return failure;
     }
     holdsSemaphore_ = true;
     return Status::Ok;
 }
 
+void Connection::leaveUsers() {
+    sembuf leave{kUsers, -1, SEM_UNDO | IPC_NOWAIT};
+    (void)semop(semaphoreSetId_, &leave, 1);  // if the set is gone there is nothing to leave
+}
+
 void Connection::endSession() {
     if (!holdsSemaphore_) return;
-    sembuf give{0, 1, SEM_UNDO};
+    sembuf give{kSessionLock, 1, SEM_UNDO};
     (void)semop(semaphoreSetId_, &give, 1);  // if the set is gone there is nothing to give back
+    leaveUsers();
     holdsSemaphore_ = false;
 }
 
@@ -247,7 +276,8 @@ Status Connection::startSession(unsigned writes, RequestMessage& answer) {
         if (Status s = receive(received, receivedLength); s != Status::Ok) return s;
         answer = RequestMessage{};
         if (parseRequest(received.text, receivedLength, answer) != 0) continue;
-        if (answer.mt == POS_ANSW && answer.f2 == sessionMark_ && answer.f3 == writes)
+        if (answer.mt == POS_ANSW && answer.f1 == kStartAnswerF1 && answer.f2 == sessionMark_ &&
+            answer.f3 == writes)
             return Status::Ok;
     }
 }

@@ -91,7 +91,7 @@ class Connection {
     // Takes the session semaphore, drops stale answers of this client's type, sends
     // START_SESSION announcing `writes` and waits for its answer. Answers left over from an
     // earlier client of the same type (one that gave up waiting) are skipped: they do not echo
-    // this session's mark in f2.
+    // this session's mark in f2, or they answer another request than START_SESSION.
     [[nodiscard]] Status startSession(unsigned writes, RequestMessage& answer);
 
     // One request and its answer (parsed into `answer`, which has the same form), within the
@@ -114,6 +114,7 @@ class Connection {
 
   private:
     [[nodiscard]] Status lockSemaphore();
+    void leaveUsers();
 
     LockLine lock_{-1, -1, -1};
     int queueId_ = -1;

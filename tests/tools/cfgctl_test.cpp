@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "apply_file.h"
 #include "cfgctl_args.h"
 #include "client.h"
 
@@ -26,14 +28,16 @@ std::string understood(std::string line) {
     while (rest != nullptr)
         argv.push_back(strsep(&rest, " "));
     cfgctl::Invocation inv;
-    char error[160];
+    char error[cfgctl::kErrorSize];
     if (!cfgctl::parseArguments(static_cast<int>(argv.size()), argv.data(), inv, error,
                                 sizeof error))
         return "refused";
-    std::string text = (inv.command == cfgctl::Command::Set ? "set -l " : "get -l ") +
+    constexpr const char* kWords[] = {"get", "set", "dump", "apply", "names", "help"};
+    std::string text = kWords[static_cast<int>(inv.command)] + std::string(" -l ") +
                        std::string(inv.lockPath ? inv.lockPath : "-") + " -t " +
                        std::to_string(inv.timeoutSeconds) + (inv.temporary ? " --temp" : "") +
-                       (inv.abort ? " --abort" : "");
+                       (inv.abort ? " --abort" : "") + (inv.numeric ? " --numeric" : "") +
+                       (inv.php ? " --php" : "") + (inv.file ? " " + std::string(inv.file) : "");
     for (const cfgctl::Parameter& p : inv.parameters)
         text += " " + std::to_string(p.f1) + "." + std::to_string(p.f2) + "." +
                 std::to_string(p.f3) + (p.value != nullptr ? "=" + std::string(p.value) : "");
@@ -41,13 +45,93 @@ std::string understood(std::string line) {
 }
 
 TEST(CfgctlArguments, RefusesWhatCannotBeSentAndGroupsTheOperands) {
-    for (const char* line : {"", "-l", "--verbose get 0 2 0", "put 0 2 0", "get", "get 0 2 0 1",
-                             "get 0 256 0", "get 0 -1 0", "get 0x1 2 0", "set 0 4 0",
-                             "--temp get 0 2 0", "-t 0 get 0 2 0", "-t 5s get 0 2 0"})
+    for (const char* line : {"",
+                             "-l",
+                             "--verbose get 0 2 0",
+                             "put 0 2 0",
+                             "get",
+                             "get 0 2 0 1",
+                             "get 0 256 0",
+                             "get 0 -1 0",
+                             "get 0x1 2 0",
+                             "set 0 4 0",
+                             "--temp get 0 2 0",
+                             "-t 0 get 0 2 0",
+                             "-t 5s get 0 2 0",
+                             "get can1.baudrate",
+                             "set can1.bitrate",
+                             "set lan0.mac x",
+                             "get host.user_name",
+                             "dump --php",
+                             "apply",
+                             "apply a b",
+                             "names x",
+                             "--temp dump"})
         EXPECT_EQ(understood(line), "refused") << line;
     // Behind the command word "-5" is a value, not an option; a value may be empty.
     EXPECT_EQ(understood("-l /run/lock --temp --abort -t 9 set 4 1 3 -5 255 0 255  7 8 9 x"),
               "set -l /run/lock -t 9 --temp --abort 4.1.3=-5 255.0.255= 7.8.9=x");
+    // Names and numbers mix; a route's "no filters" is written as the empty list.
+    EXPECT_EQ(understood("get can1.bitrate 0 2 0 filter32.term"),
+              "get -l - -t 0 4.2.2 0.2.0 9.32.2");
+    EXPECT_EQ(understood("set route8.filters -1 can0.bitrate 250000 4 1 2 -1"),
+              "set -l - -t 0 5.8.33= 4.1.2=250000 4.1.2=-1");
+    EXPECT_EQ(understood("dump --numeric"), "dump -l - -t 0 --numeric");
+    EXPECT_EQ(understood("--temp apply -"), "apply -l - -t 0 --temp -");
+}
+
+TEST(CfgctlNames, SuggestCloseOnesForAnUnknownName) {
+    const std::tuple<const char*, std::vector<std::string>> cases[] = {
+        {"can1.baudrate", {"can1.bitrate"}},
+        {"CAN1.Bitrate", {"can1.bitrate", "can0.bitrate"}},
+        {"route9.name", {"route1.name", "route2.name", "route3.name"}},
+        {"nothing.like.it", {}},
+    };
+    for (const auto& [name, expected] : cases)
+        EXPECT_EQ(cfgctl::closeMatches(name, expected.size()), expected) << name;
+}
+
+TEST(CfgctlApply, ReadsTheLinesAndWritesWhatDiffersWithWhatMustFollow) {
+    const char* text =
+        "# a dump's refused read\n"
+        "general.description = A = B  \r\n"
+        "\n"
+        "route2.state = 0\n"
+        "route2.name = bench\n"
+        "can0.bit_timing = BRP 3\n"
+        "can0.bitrate = 250000\n"
+        "general.order_number = X\n"
+        "4 2 2 =\n"
+        "route2.fpp = 8\n"
+        "route2.filters = -1\n"
+        "  can0.listen_only=1\n"
+        "9 9 9 = raw\n";
+    cfgctl::ApplyFile file;
+    char error[cfgctl::kErrorSize];
+    ASSERT_TRUE(cfgctl::parseApplyText(text, file, error, sizeof error)) << error;
+    ASSERT_EQ(file.readOnly.size(), 1u);
+    EXPECT_EQ(file.readOnly[0].line, 8u);
+    std::vector<std::string> lines;
+    for (const cfgctl::ApplyLine& l : file.writes)
+        lines.push_back(std::to_string(l.line) + " " + l.param.name + "=" + l.value);
+    EXPECT_EQ(lines, (std::vector<std::string>{
+                         "2 general.description=A = B  ", "4 route2.state=0", "5 route2.name=bench",
+                         "6 can0.bit_timing=BRP 3", "7 can0.bitrate=250000",
+                         "9 can1.bitrate=", "10 route2.fpp=8", "11 route2.filters=-1",
+                         "12 can0.listen_only=1", "13 =raw"}));
+
+    // What the daemon holds: equal values are left out, unless they follow a written one.
+    const std::vector<std::optional<std::string>> current = {
+        "A = B  ", "0", "bench", "BRP 1", "250000", std::nullopt, "15", "-1", "1", "raw"};
+    std::vector<unsigned> written;
+    for (std::size_t i : cfgctl::planWrites(file.writes, current))
+        written.push_back(file.writes[i].line);
+    EXPECT_EQ(written, (std::vector<unsigned>{6, 7, 9, 10, 4}));
+
+    EXPECT_FALSE(cfgctl::parseApplyText("\nroute2.nmae = x\n", file, error, sizeof error));
+    EXPECT_STREQ(error, "2: unknown parameter name \"route2.nmae\"; close: route2.name");
+    EXPECT_FALSE(cfgctl::parseApplyText("can0.bitrate 5\n", file, error, sizeof error));
+    EXPECT_STREQ(error, "1: expected NAME = VALUE");
 }
 
 }  // namespace

@@ -1,0 +1,156 @@
+// The clients on the simulated device: cfgctl's dump of a daemon with every route and filter in
+// use, applied to a daemon with the defaults, and the session lock that cfgctl and the PHP
+// library share.
+
+#include <map>
+
+#include "client.h"
+#include "harness.h"
+
+namespace e2e {
+namespace {
+
+// Every route and every filter in use, with the values that only the file sets (retry delay
+// and count, sample point) at their defaults.
+std::string fullConfiguration() {
+    using std::to_string;
+    std::string ini =
+        "#########################################\n# KIV configuration file\n"
+        "# Format version 1.3.1\n#########################################\n[general]\ndescription "
+        "= every route and filter in use\n"
+        "[host]\ndevicename = full-gw\n[lan_0]\nipv4 = 198.51.100.40\nipv4gw = 198.51.100.1\n"
+        "[can_0]\nbaudrate = 250000\nlistenonly = 0\nautoresume = 1\n"
+        "[can_1]\nifname = motor bus\nbaudrate = 125000\nlistenonly = 0\n"
+        "[gui]\nshow_can_info = 1\n[fwd_gen]\ncount = 8\n";
+    constexpr const char* kTerms[] = {"0x100-0x1FF", "0x10000-0x1FFFF", "0x123/0x7FF",
+                                      "0x12345/0x1FFFFFFF"};
+    for (int i = 0; i < 8; ++i)
+        ini += "[rt_" + to_string(i) + "]\nrtinfo = Route " + to_string(i + 1) +
+               "\nactive = TRUE\ntype = " + (i % 2 ? "LAN2CAN" : "CAN2LAN") + "\ninterface1 = can" +
+               to_string(i % 2) + "\nprotocol2 = " + (i % 3 ? "UDP" : "TCP") +
+               "\ndestination2 = 198.51.100." + to_string(50 + i) + ":" + to_string(5000 + i) +
+               "\nfpp = " + to_string(10 + i) + "\ndispidx = " + to_string(i) +
+               "\nfilters = " + to_string(4 * i) + "," + to_string(4 * i + 3) +
+               "\nunifyfilters = " + (i % 2 ? "TRUE" : "FALSE") + "\n";
+    for (int i = 0; i < 32; ++i)
+        ini += "[filter_" + to_string(i) + "]\nfilter_type = " + to_string(1 + i % 4) +
+               "\nfilter_mode = " + (i % 5 ? "1" : "0") + "\nterm = " + kTerms[i % 4] +
+               "\ncomment = comment " + to_string(i) + "\nname = filter " + to_string(i + 1) + "\n";
+    return ini;
+}
+
+struct Outcome {
+    int status;
+    std::string output;  // standard output and error
+};
+
+Outcome cfgctl(const Daemon& d, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"-l", d.lock});
+    Process client(CFGD_E2E_CLIENT, arguments);
+    const int status = client.wait(kStartMs);
+    return {status, client.output()};
+}
+
+// A dump's lines by name: "name = value", or the comment of a refused read.
+std::map<std::string, std::string> lines(const std::string& dump) {
+    std::map<std::string, std::string> byName;
+    std::istringstream in(dump);
+    for (std::string line; std::getline(in, line);) {
+        const bool refused = line.starts_with("# ");
+        const std::size_t from = refused ? 2 : 0;
+        const std::size_t end = line.find(refused ? " refused" : " = ");
+        byName[line.substr(from, end - from)] = line;
+    }
+    return byName;
+}
+
+// The names that a dump shows, by access: "rw", "r", "live" (write-only ones are not read).
+std::map<std::string, std::string> accessByName(const Daemon& d) {
+    std::map<std::string, std::string> access;
+    std::istringstream in(cfgctl(d, {"names"}).output);
+    for (std::string name, f1, f2, f3, word; in >> name >> f1 >> f2 >> f3 >> word;)
+        if (word != "w") access[name] = word;
+    return access;
+}
+
+TEST(Clients, DumpOfAFullDeviceAppliedToADefaultOneGivesItsValues) {
+    ASSERT_EQ(runStub("modprobe", {"tarn-gw"}), 0);  // whatever the tests before left
+    Daemon full(31, 32, fullConfiguration());
+    ASSERT_NE(full.up(), "") << full.process.output();
+    // Dumped before the second daemon starts: both set the one eth0 and host name there are.
+    const Outcome dump = cfgctl(full, {"dump"});
+    ASSERT_EQ(dump.status, 0) << dump.output;
+    const std::map<std::string, std::string> before = lines(dump.output);
+    const std::map<std::string, std::string> access = accessByName(full);
+    ASSERT_GT(access.size(), 400u);
+    for (const auto& [name, word] : access) {
+        ASSERT_TRUE(before.contains(name)) << name << " missing";
+        if (name.starts_with("wlan")) continue;  // the WLAN group is not served yet
+        EXPECT_TRUE(before.at(name).starts_with(name + " = ")) << before.at(name);
+    }
+    EXPECT_EQ(before.size(), access.size());
+    EXPECT_EQ(before.at("filter7.term"), "filter7.term = 0x123/0x7FF");
+    EXPECT_EQ(before.at("route3.filters"), "route3.filters = 9,12");
+    const std::string dumpFile = "/tmp/e2e-full.dump";
+    std::ofstream(dumpFile) << dump.output;
+
+    Daemon fresh(33, 34);
+    ASSERT_NE(fresh.up(), "") << fresh.process.output();
+    EXPECT_EQ(lines(cfgctl(fresh, {"dump"}).output).at("filter5.term"),
+              "# filter5.term refused: Can't find filter with index 5");
+    const Outcome applied = cfgctl(fresh, {"apply", dumpFile});
+    ASSERT_EQ(applied.status, 0) << applied.output;
+    EXPECT_NE(applied.output.find(dumpFile + ":1: general.sw_version is read only: skipped\n"),
+              std::string::npos);
+    const std::map<std::string, std::string> after = lines(cfgctl(fresh, {"dump"}).output);
+    // Routes made by requests have no retry values: only the configuration file sets them.
+    for (const auto& [name, word] : access) {
+        if (word == "live" || name.ends_with(".retry_delay") || name.ends_with(".retry_count"))
+            continue;
+        EXPECT_EQ(after.at(name), before.at(name));
+    }
+    // Written once, nothing is left to write.
+    EXPECT_NE(cfgctl(fresh, {"apply", dumpFile}).output.find(" 0 written, "), std::string::npos);
+
+    // A file with one bad value changes nothing, and names its line.
+    const std::string stored = readFile(fresh.file);
+    const std::string badFile = "/tmp/e2e-bad.apply";
+    std::ofstream(badFile) << "general.description = changed\n"
+                              "can0.bitrate = 4999\n"
+                              "gui.show_device = 0\n";
+    const Outcome bad = cfgctl(fresh, {"apply", badFile});
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_EQ(bad.output, "cfgctl: " + badFile +
+                              ":2: can0.bitrate = 4999: baud rate not changed! min. baud rate "
+                              "is 1000000! (nothing was written)\n");
+    EXPECT_EQ(readFile(fresh.file), stored);
+    const std::map<std::string, std::string> unchanged = lines(cfgctl(fresh, {"dump"}).output);
+    for (const char* name : {"general.description", "can0.bitrate", "gui.show_device"})
+        EXPECT_EQ(unchanged.at(name), after.at(name));
+}
+
+// PHP's sem_get resets the session lock when it finds no other user of the semaphore set: a
+// cfgctl session must count as one, or a PHP client would start a session beside it.
+TEST(Clients, PhpLibraryWaitsForASessionThatCfgctlsClientHolds) {
+    const char* repository = std::getenv("CFGD_SANDBOX_REPO");
+    ASSERT_NE(repository, nullptr);
+    Daemon d(35, 36);
+    ASSERT_NE(d.up(), "") << d.process.output();
+    const std::string script = std::string("require '") + repository +
+                               "/clients/php/cfgd.php'; try { $s = new Cfgd\\Session('" + d.lock +
+                               "', 1); $s->start(0); $s->finish(); } catch (Cfgd\\Busy $e) "
+                               "{ exit(7); }";
+    client::Connection cfgd;
+    ASSERT_EQ(cfgd.open(d.lock.c_str()), client::Status::Ok);
+    RequestMessage answer;
+    ASSERT_EQ(cfgd.startSession(0, answer), client::Status::Ok);
+    Process waiting("/usr/bin/php", {"-r", script});
+    EXPECT_EQ(waiting.wait(kStartMs), 7) << waiting.output();
+    ASSERT_EQ(cfgd.exchange(FINISH_SESSION, 0, 0, 0, nullptr, answer), client::Status::Ok);
+    cfgd.endSession();
+    Process after("/usr/bin/php", {"-r", script});
+    EXPECT_EQ(after.wait(kStartMs), 0) << after.output();
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,113 @@
+// The clients' parameter names against the groups' handlers: every name reaches a parameter
+// that answers as its access says, and every address that answers a value has a name.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "config/loader.h"
+#include "core/session.h"
+#include "fake_system.h"
+#include "model/param_names.h"
+
+namespace {
+
+constexpr uint8_t kAddress = 42;
+constexpr uint8_t kFilterGroup = 9;
+constexpr unsigned kLastSubIndex = 40;
+
+class ParamNames : public SeamTest {
+  protected:
+    ParamNames() {
+        // The defaults (no file), the interfaces' base names and links, as after start-up.
+        (void)loadConfiguration(m());  // a missing file gives the defaults, and 0
+        for (unsigned i = 0; i < kCanServed; ++i) {
+            CanInterface& can = m().can[i];
+            std::strcpy(can.BaseName, "can");
+            gw::CanLinkInfo info{};
+            std::snprintf(info.name, sizeof info.name, "can%u", i);
+            info.bitrate = can.Baudrate;
+            fake.driver.setLinkInfo(info);
+        }
+        // Each route on its node, as the driver start hands them out.
+        for (unsigned i = 0; i < kRoutesServed; ++i)
+            m().routes[i].DrvIndex = static_cast<uint8_t>(i);
+        // Every filter exists, so that each filter's parameters answer.
+        start(kMaxFilters);
+        for (unsigned n = 1; n <= kMaxFilters; ++n)
+            EXPECT_EQ(send(SET_TEMP_PARAM, kFilterGroup, static_cast<uint8_t>(n), 0, "1").mt,
+                      POS_ANSW);
+        send(FINISH_SESSION);
+    }
+    AnswerMessage send(uint8_t mt, uint8_t f1 = 0, uint8_t f2 = 0, uint8_t f3 = 0,
+                       const char* da = "") {
+        RequestMessage request{0, mt, f1, f2, f3, {}};
+        std::snprintf(request.da, sizeof request.da, "%s", da);
+        AnswerMessage answer{};
+        (void)procMsg(request, answer, m());  // the answer's type tells
+        return answer;
+    }
+    void start(uint8_t writes) { ASSERT_EQ(send(START_SESSION, kAddress, 0, writes).mt, POS_ANSW); }
+    AnswerMessage read(const Param& p) { return send(READ_PARAM, p.f1, p.f2, p.f3); }
+    // A temporary write in a session of its own, so that nothing is stored.
+    AnswerMessage write(const Param& p, const char* value) {
+        start(1);
+        const AnswerMessage answer = send(SET_TEMP_PARAM, p.f1, p.f2, p.f3, value);
+        send(FINISH_SESSION);
+        return answer;
+    }
+};
+
+TEST_F(ParamNames, AreUniqueFitAndAnswerAsTheirAccessSays) {
+    std::set<std::string> names;
+    for (std::size_t i = 0; i < paramCount(); ++i) {
+        const Param p = paramAt(i);
+        EXPECT_TRUE(names.insert(p.name).second) << p.name << " twice";
+        Param found{};
+        ASSERT_TRUE(findParam(p.name, found)) << p.name;
+        EXPECT_EQ(std::tie(found.f1, found.f2, found.f3), std::tie(p.f1, p.f2, p.f3)) << p.name;
+
+        start(0);
+        const AnswerMessage before = read(p);
+        send(FINISH_SESSION);
+        if (p.access == ParamAccess::WriteOnly) {
+            EXPECT_TRUE(before.mt == NEG_ANSW || before.da[0] == '\0') << p.name;
+            continue;
+        }
+        ASSERT_EQ(before.mt, POS_ANSW) << p.name << ": " << before.da;
+        if (p.access == ParamAccess::ReadWrite) {
+            const bool none = p.noneText != nullptr && std::strcmp(before.da, p.noneText) == 0;
+            const AnswerMessage written = write(p, none ? "" : before.da);
+            EXPECT_EQ(written.mt, POS_ANSW) << p.name << ": " << written.da;
+            continue;
+        }
+        // Some groups take any write and change nothing; either way the value stays.
+        (void)write(p, (std::string(before.da) + "7").c_str());
+        start(0);
+        EXPECT_STREQ(read(p).da, before.da) << p.name;
+        send(FINISH_SESSION);
+    }
+}
+
+TEST_F(ParamNames, NameEveryAddressThatAnswersAValue) {
+    start(0);
+    for (uint8_t f1 = 0; f1 < 10; ++f1) {
+        if (f1 == 6) continue;  // Status answers every address with nothing
+        // General and Host choose the parameter by f2 and do not look at f3.
+        const unsigned lastF3 = f1 <= 1 ? 0 : kLastSubIndex;
+        for (uint8_t f2 = 0; f2 <= kLastSubIndex; ++f2) {
+            for (uint8_t f3 = 0; f3 <= lastF3; ++f3) {
+                const AnswerMessage a = send(READ_PARAM, f1, f2, f3);
+                if (a.mt != POS_ANSW || a.da[0] == '\0' || std::strcmp(a.da, "- none -") == 0)
+                    continue;
+                Param p{};
+                EXPECT_TRUE(findParamAt(f1, f2, f3, p))
+                    << +f1 << " " << +f2 << " " << +f3 << " answers \"" << a.da << "\"";
+            }
+        }
+    }
+}
+
+}  // namespace
