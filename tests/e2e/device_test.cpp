@@ -5,7 +5,9 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cctype>
+#include <tuple>
 
 #include "harness.h"
 #include "soak_session.h"
@@ -56,66 +58,49 @@ destination2                   = 198.51.100.31:5001
 
 )";
 
-std::vector<std::string> canStartUp() {
-    std::vector<std::string> lines;
-    for (const char* name : {"can0", "can1"}) {
-        const std::string link = std::string("ip link set ") + name;
-        lines.insert(lines.end(), {link + " down",
-                                   link + " type can bitrate 500000 sample-point 0.800 "
-                                          "listen-only on loopback off triple-sampling off "
-                                          "one-shot off berr-reporting off",
-                                   link + " up"});
-    }
-    return lines;
-}
-
 // The kernel's default route of the sandbox's network goes through `gateway`.
 bool routesDefaultThrough(const char* gateway) {
     in_addr address{};
-    if (inet_pton(AF_INET, gateway, &address) != 1) return false;
     char hex[16];  // /proc/net/route prints the address as the host reads its bytes
+    if (inet_pton(AF_INET, gateway, &address) != 1) return false;
     std::snprintf(hex, sizeof hex, "%08X", address.s_addr);
     std::istringstream routes(readFile("/proc/net/route"));
-    for (std::string line; std::getline(routes, line);) {
-        std::istringstream fields(line);
-        std::string interface, destination, via;
-        fields >> interface >> destination >> via;
+    for (std::string interface, destination, via, rest; routes >> interface >> destination >> via;
+         std::getline(routes, rest))
         if (interface == "eth0" && destination == "00000000" && via == hex) return true;
-    }
     return false;
 }
 
 std::string kernelMac() {
     std::string mac = readFile("/sys/class/net/eth0/address");
     mac.erase(mac.find_last_not_of('\n') + 1);
-    for (char& c : mac)
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    std::ranges::transform(mac, mac.begin(), [](unsigned char c) { return std::toupper(c); });
     return mac;
 }
 
 TEST(Lan, StaticAddressingReachesTheInterface) {
     Daemon d(21, 22);
     ASSERT_NE(d.up(), "") << d.process.output();
-    ASSERT_EQ(kernelMac().size(), 17u) << "the sandbox has no eth0";
+    const std::string mac = kernelMac();
+    ASSERT_EQ(mac.size(), 17u) << "the sandbox has no eth0";
     const std::tuple<const char*, const char*, const char*, bool> cases[] = {
         {"198.51.100.7", "255.255.255.0", "198.51.100.1", true},
         // A gateway of 0.0.0.0 means none: no route command, yet it is the name server.
         {"198.51.100.130", "255.255.255.128", "0.0.0.0", false},
     };
     for (const auto& [address, mask, gateway, routed] : cases) {
-        const std::size_t logged = commandsSince(0).size();
-        ASSERT_EQ(d.ask(text(kStart, 60, 1, 3), 60), text(kPositive, 1, 1, 3, ""));
+        const std::size_t logged = commands().size();
+        ASSERT_TRUE(d.start(60, 1, 3));
         // The session's first read of the interface puts the kernel's address into the record,
         // so it comes before the writes. Each write is read back; the read, a request without
         // value, also keeps a value from being taken with the tail of a longer one before it.
-        EXPECT_EQ(d.ask(text(kRead, kLan, 1, kMac), 60),
-                  text(kPositive, kLan, 1, kMac, kernelMac().c_str()));
+        EXPECT_TRUE(d.reads(kLan, 1, kMac, mac.c_str()));
         for (const auto& [f3, value] :
              {std::pair{kIpv4, address}, {kMask, mask}, {kGateway, gateway}}) {
-            EXPECT_EQ(d.ask(text(kSet, kLan, 1, f3, value), 60), text(kPositive, kLan, 1, f3, ""));
-            EXPECT_EQ(d.ask(text(kRead, kLan, 1, f3), 60), text(kPositive, kLan, 1, f3, value));
+            EXPECT_TRUE(d.sets(kLan, 1, f3, value));
+            EXPECT_TRUE(d.reads(kLan, 1, f3, value));
         }
-        ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 60), text(kPositive, 0, 0, 0, ""));
+        ASSERT_TRUE(d.end());
         std::vector<std::string> expected = {std::string("ifconfig eth0 ") + address + " netmask " +
                                              mask + " up"};
         if (routed) {
@@ -123,26 +108,25 @@ TEST(Lan, StaticAddressingReachesTheInterface) {
             expected.push_back(std::string("route add default gw ") + gateway + " dev eth0");
         }
         expected.push_back(kNoNtp);
-        EXPECT_EQ(commandsSince(logged), expected) << address;
+        EXPECT_EQ(commands(logged), expected) << address;
         EXPECT_EQ(readFile("/etc/resolv.conf"), std::string("nameserver ") + gateway + "\n");
-        if (routed) {
-            EXPECT_TRUE(routesDefaultThrough(gateway)) << readFile("/proc/net/route");
-        }
+        EXPECT_TRUE(!routed || routesDefaultThrough(gateway)) << readFile("/proc/net/route");
 
         // The next session reads what the kernel reports for the interface.
-        ASSERT_EQ(d.ask(text(kStart, 61, 2, 0), 61), text(kPositive, 1, 2, 0, ""));
-        EXPECT_EQ(d.ask(text(kRead, kLan, 1, kMac), 61),
-                  text(kPositive, kLan, 1, kMac, kernelMac().c_str()));
-        EXPECT_EQ(d.ask(text(kRead, kLan, 1, kIpv4), 61), text(kPositive, kLan, 1, kIpv4, address));
-        ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 61), text(kPositive, 0, 0, 0, ""));
+        ASSERT_TRUE(d.start(61, 2, 0));
+        EXPECT_TRUE(d.reads(kLan, 1, kMac, kernelMac().c_str()));
+        EXPECT_TRUE(d.reads(kLan, 1, kIpv4, address));
+        ASSERT_TRUE(d.end());
     }
 }
 
 TEST(StartUp, LoadsTheModuleStartsTheRoutesAndAppliesLanBeforeCan) {
     ASSERT_EQ(runStub("rmmod", {"tarn-gw"}), 0);
     ASSERT_EQ(readFile("/proc/modules").find("tarn_gw "), std::string::npos);
-    const std::vector<std::string> before = commandLog();
-    Daemon d(23, 24, kTwoRoutes);
+    const std::string helper = "canoipd -P canoip -p 45321 -N e2e-gw -I eth0";
+    const auto helpers = std::ranges::count(commands(0, true), helper);
+    const std::size_t logged = commands().size();
+    Daemon d(23, 24, Daemon::freshFile(kTwoRoutes));
     ASSERT_NE(d.up(), "") << d.process.output();
 
     std::vector<std::string> expected = {
@@ -154,22 +138,20 @@ TEST(StartUp, LoadsTheModuleStartsTheRoutesAndAppliesLanBeforeCan) {
         "route add default gw 198.51.100.1 dev eth0",
         kNoNtp,
     };
-    for (const std::string& line : canStartUp())
-        expected.push_back(line);
-    EXPECT_EQ(commandsSince(before.size() - std::ranges::count_if(before, runsInBackground)),
-              expected);
-    const std::string helper = "canoipd -P canoip -p 45321 -N e2e-gw -I eth0";
-    EXPECT_TRUE(poll(
-        [&] {
-            return std::ranges::count(commandLog(), helper) ==
-                   std::ranges::count(before, helper) + 1;
-        },
-        kAnswerMs));
+    for (const std::string link : {"ip link set can0", "ip link set can1"})
+        expected.insert(expected.end(), {link + " down",
+                                         link + " type can bitrate 500000 sample-point 0.800 "
+                                                "listen-only on loopback off triple-sampling off "
+                                                "one-shot off berr-reporting off",
+                                         link + " up"});
+    EXPECT_EQ(commands(logged), expected);
+    EXPECT_TRUE(poll([&] { return std::ranges::count(commands(0, true), helper) == helpers + 1; },
+                     kAnswerMs));
     EXPECT_NE(readFile("/proc/modules").find("tarn_gw "), std::string::npos);
     EXPECT_NE(readFile("/proc/devices").find(" tarn-gw\n"), std::string::npos);
 
     // Both routes run in the driver: a read of a route fetches its state back from there.
-    ASSERT_EQ(d.ask(text(kStart, 62, 3, 0), 62), text(kPositive, 1, 3, 0, ""));
+    ASSERT_TRUE(d.start(62, 3, 0));
     const std::tuple<unsigned, unsigned, const char*> reads[] = {
         {0, 1, "2"},  {1, 0, "to the test bench"},
         {1, 1, "2"},  {1, 8, "198.51.100.30:5000"},
@@ -178,14 +160,13 @@ TEST(StartUp, LoadsTheModuleStartsTheRoutesAndAppliesLanBeforeCan) {
         {3, 1, "0"},
     };
     for (const auto& [route, f3, answer] : reads)
-        EXPECT_EQ(d.ask(text(kRead, kRoute, route, f3), 62),
-                  text(kPositive, kRoute, route, f3, answer));
-    ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 62), text(kPositive, 0, 0, 0, ""));
+        EXPECT_TRUE(d.reads(kRoute, route, f3, answer));
+    ASSERT_TRUE(d.end());
 }
 
 TEST(Daemon, HoldsNoMoreDescriptorsAfterManySessions) {
     ASSERT_EQ(runStub("modprobe", {"tarn-gw"}), 0);  // whatever the tests before left
-    Daemon d(25, 26, kTwoRoutes);
+    Daemon d(25, 26, Daemon::freshFile(kTwoRoutes));
     ASSERT_NE(d.up(), "") << d.process.output();
     client::Connection cfgd;
     ASSERT_EQ(cfgd.open(d.lock.c_str()), client::Status::Ok);

@@ -54,11 +54,11 @@ TEST(Daemon, ServesRequestsInOrderAndCleansUpOnTerm) {
     Daemon d(5, 6);
     ASSERT_EQ(d.up(), "5, 6, " + std::to_string(d.process.pid()) + "\n") << d.process.output();
     // Requests are served in order: an answer to a stale or malformed one would come first.
-    EXPECT_EQ(d.ask(text(kStart, 33, 7, 2), 33), text(kPositive, 1, 7, 2, ""));
+    EXPECT_TRUE(d.start(33, 7, 2));
     ASSERT_TRUE(send(d.queue, text(kRead, 12, 256, 0)));
-    EXPECT_EQ(d.ask(text(kRead, 12, 3, 4), 33), text(kPositive, 12, 3, 4, ""));
-    EXPECT_EQ(d.ask(text(kSet, 0, 4, 0, std::string(540, 'x').c_str()), 33),
-              text(kNegative, 0, 0, 0, "ERROR: Argument list too long!"));
+    EXPECT_TRUE(d.reads(12, 3, 4, ""));
+    EXPECT_TRUE(d.answers(text(kSet, 0, 4, 0, std::string(540, 'x').c_str()),
+                          text(kNegative, 0, 0, 0, "ERROR: Argument list too long!")));
     msqid_ds queue{};
     ASSERT_EQ(msgctl(d.queue, IPC_STAT, &queue), 0);
     EXPECT_EQ(queue.msg_qnum, 0u) << "messages nobody asked for, or stale ones kept";
@@ -71,6 +71,13 @@ TEST(Daemon, ServesRequestsInOrderAndCleansUpOnTerm) {
     semid_ds semaphoreSet{};
     EXPECT_EQ(semctl(semaphores, 0, IPC_STAT, &semaphoreSet), -1);
     EXPECT_NE(access(d.lock.c_str(), F_OK), 0);
+}
+
+// The daemon's CAN bit rate, read in a session of its own.
+void expectBitRate(Daemon& d, long session, const char* rate) {
+    EXPECT_TRUE(d.start(session));
+    EXPECT_TRUE(d.reads(kCanGroup, 1, kBitRate, rate));
+    EXPECT_TRUE(d.end());
 }
 
 TEST(Daemon, ServesTheClientAndReconfiguresCan) {
@@ -86,23 +93,22 @@ TEST(Daemon, ServesTheClientAndReconfiguresCan) {
     EXPECT_EQ(client.wait(kAnswerMs), 0);
     EXPECT_EQ(client.output(), orderNumber + "\n");
 
-    const std::size_t logged = commandsSince(0).size();
-    ASSERT_EQ(d.ask(text(kStart, 50, 0, 3), 50),
-              text(kPositive, 1, 0, 3, ""));  // f3: writes to come
-    // A value is copied over the previous one without clearing it: only a request without a
-    // value between them keeps "250000" from being read as "2500001".
-    const std::tuple<unsigned, const char*, unsigned, const char*> steps[] = {
-        {kSet, "4999", kNegative, "baud rate not changed! min. baud rate is 1000000!"},
-        {kSet, "1000001", kNegative, "baud rate not changed! max. baud rate is 1000000!"},
-        {kRead, nullptr, kPositive, "500000"},
-        {kSet, "250000", kPositive, ""},
+    // The stubs log what the program received: the shell's word splitting has taken the blank
+    // at the end of the daemon's "... berr-reporting off " command.
+    const auto reconfigured = [](const char* rate) {
+        return std::vector<std::string>{
+            "ip link set can0 down",
+            std::string("ip link set can0 type can bitrate ") + rate +
+                " sample-point 0.800 listen-only on loopback off triple-sampling off one-shot off "
+                "berr-reporting off",
+            "ip link set can0 up"};
     };
-    for (const auto& [request, value, answer, reply] : steps) {
-        EXPECT_EQ(d.ask(text(request, kCanGroup, 1, kBitRate, value), 50),
-                  text(answer, kCanGroup, 1, kBitRate, reply));
-    }
     const std::string before = readFile(d.file);
-    ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 50), text(kPositive, 0, 0, 0, ""));
+    std::size_t logged = commands().size();
+    ASSERT_TRUE(d.start(50, 0, 3));  // f3: writes to come
+    EXPECT_TRUE(d.sets(kCanGroup, 1, kBitRate, "250000"));
+    ASSERT_TRUE(d.end());
+    EXPECT_EQ(commands(logged), reconfigured("250000"));
     // Stored: the new file moved into place by the real mv, the old one kept as the backup.
     const std::string stored = readFile(d.file);
     EXPECT_EQ(stored.rfind("#########################################\n# KIV configuration file\n"
@@ -114,46 +120,26 @@ TEST(Daemon, ServesTheClientAndReconfiguresCan) {
     EXPECT_NE(stored.find("\nbaudrate                       = 250000\n"), std::string::npos);
     EXPECT_EQ(readFile("/mnt/user/kiv_config.old"), before);
     EXPECT_NE(access("/tmp/kiv_config.tmp", F_OK), 0);
-    // The stubs log what the program received: the shell's word splitting has taken the blank
-    // at the end of the daemon's "... berr-reporting off " command.
-    const auto reconfigured = [](const char* rate) {
-        return std::vector<std::string>{
-            "ip link set can0 down",
-            std::string("ip link set can0 type can bitrate ") + rate +
-                " sample-point 0.800 listen-only on loopback off triple-sampling off one-shot off "
-                "berr-reporting off",
-            "ip link set can0 up"};
-    };
-    EXPECT_EQ(commandsSince(logged), reconfigured("250000"));
 
     // A temporary write is applied and leaves the file alone; an abort reloads the file.
-    const std::size_t applied = commandsSince(0).size();
-    ASSERT_EQ(d.ask(text(kStart, 51, 0, 1), 51), text(kPositive, 1, 0, 1, ""));
-    EXPECT_EQ(d.ask(text(kSetTemporary, kCanGroup, 1, kBitRate, "125000"), 51),
-              text(kPositive, kCanGroup, 1, kBitRate, ""));
-    ASSERT_EQ(d.ask(text(kFinish, 0, 0, 0), 51), text(kPositive, 0, 0, 0, ""));
-    EXPECT_EQ(commandsSince(applied), reconfigured("125000"));
-    EXPECT_EQ(readFile(d.file), stored);
-    const auto bitRate = [](Daemon& daemon, long session) {
-        (void)daemon.ask(text(kStart, session, 0, 0), session);
-        const std::string answer = daemon.ask(text(kRead, kCanGroup, 1, kBitRate), session);
-        (void)daemon.ask(text(kFinish, 0, 0, 0), session);
-        return answer;
-    };
-    EXPECT_EQ(bitRate(d, 52), text(kPositive, kCanGroup, 1, kBitRate, "125000"));
-    ASSERT_EQ(d.ask(text(kStart, 53, 0, 1), 53), text(kPositive, 1, 0, 1, ""));
-    EXPECT_EQ(d.ask(text(kSet, kCanGroup, 1, kBitRate, "100000"), 53),
-              text(kPositive, kCanGroup, 1, kBitRate, ""));
-    EXPECT_EQ(d.ask(text(kAbort, 0, 0, 0), 53), text(kPositive, 0, 0, 0, ""));
-    EXPECT_EQ(bitRate(d, 54), text(kPositive, kCanGroup, 1, kBitRate, "250000"));
+    logged = commands().size();
+    ASSERT_TRUE(d.start(51, 0, 1));
+    EXPECT_TRUE(d.sets(kCanGroup, 1, kBitRate, "125000", kSetTemporary));
+    ASSERT_TRUE(d.end());
+    EXPECT_EQ(commands(logged), reconfigured("125000"));
+    expectBitRate(d, 52, "125000");
+    ASSERT_TRUE(d.start(53, 0, 1));
+    EXPECT_TRUE(d.sets(kCanGroup, 1, kBitRate, "100000"));
+    EXPECT_TRUE(d.end(kAbort));
+    expectBitRate(d, 54, "250000");
     EXPECT_EQ(readFile(d.file), stored);
 
     // A restart comes up with the stored values.
     ASSERT_EQ(kill(d.process.pid(), SIGTERM), 0);
     ASSERT_EQ(d.process.wait(kStartMs), 255);
-    Daemon again(7, 8, OnFile{d.file});
+    Daemon again(7, 8, d.file);
     ASSERT_NE(again.up(), "") << again.process.output();
-    EXPECT_EQ(bitRate(again, 55), text(kPositive, kCanGroup, 1, kBitRate, "250000"));
+    expectBitRate(again, 55, "250000");
 }
 
 TEST(Daemon, StartsOnTheDefaultsBesideAFileItCannotParse) {
@@ -162,17 +148,15 @@ TEST(Daemon, StartsOnTheDefaultsBesideAFileItCannotParse) {
         "# KIV configuration file\n# Format version 1.3.1\n"
         "[can_0]\nbaudrate = 125000\ndescription = " +
         std::string(1030, 'x') + "\n";
-    Daemon d(9, 10, unparsable);
+    Daemon d(9, 10, Daemon::freshFile(unparsable));
     ASSERT_NE(d.up(), "") << d.process.output();
     const std::string atStart = readFile(d.file);  // the start-up's line feed over its first byte
     EXPECT_EQ(atStart.substr(1), unparsable.substr(1));
-    ASSERT_EQ(d.ask(text(kStart, 56, 0, 1), 56), text(kPositive, 1, 0, 1, ""));
-    EXPECT_EQ(d.ask(text(kRead, kCanGroup, 1, kBitRate), 56),
-              text(kPositive, kCanGroup, 1, kBitRate, "500000"));
-    EXPECT_EQ(d.ask(text(kSet, kCanGroup, 1, kBitRate, "250000"), 56),
-              text(kPositive, kCanGroup, 1, kBitRate, ""));
+    ASSERT_TRUE(d.start(56, 0, 1));
+    EXPECT_TRUE(d.reads(kCanGroup, 1, kBitRate, "500000"));
+    EXPECT_TRUE(d.sets(kCanGroup, 1, kBitRate, "250000"));
     // Applied, but the store refuses to write over the file, without a text.
-    EXPECT_EQ(d.ask(text(kFinish, 0, 0, 0), 56), text(kNegative, 0, 0, 0, ""));
+    EXPECT_TRUE(d.answers(text(kFinish, 0, 0, 0), text(kNegative, 0, 0, 0, "")));
     EXPECT_EQ(readFile(d.file), atStart);
     const std::string output = d.process.output();
     const std::string line = "can't parse file " + d.file + "\n";

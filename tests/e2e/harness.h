@@ -28,7 +28,7 @@ extern char** environ;
 namespace e2e {
 
 constexpr int kStartMs = 20000;  // start-up runs every apply; sanitizer builds are slow
-constexpr int kAnswerMs = 5000;  // an answer that is due
+constexpr int kAnswerMs = 5000;  // an answer, or a command, that is due
 
 enum : unsigned {
     kStart = 0,
@@ -122,6 +122,10 @@ inline std::string text(unsigned mt, unsigned f1, unsigned f2, unsigned f3,
     if (da) text += "s:2:\"da\";s:" + std::to_string(std::strlen(da)) + ":\"" + da + "\";";
     return text + "}";
 }
+// The positive answer to a request at f1 f2 f3 (a START_SESSION's has f1 1).
+inline std::string ok(unsigned f1, unsigned f2, unsigned f3, const char* da = "") {
+    return text(kPositive, f1, f2, f3, da);
+}
 
 // A System V queue message as msgsnd and msgrcv take it.
 struct QueueMessage {
@@ -148,26 +152,16 @@ inline std::optional<std::string> receive(int id, long type, int timeoutMs) {
     return std::string(message.text, static_cast<std::size_t>(length));
 }
 
-// The programs the daemon leaves running in the background (started with "&"): their lines
-// may land in the command log at any time.
-inline bool runsInBackground(const std::string& line) {
-    return line.starts_with("canoipd ");
-}
-
-// The sandbox's command log (the stubs record there the commands the daemon runs), all of it.
-inline std::vector<std::string> commandLog() {
+// The sandbox's command log (the stubs record there the commands the daemon runs) from line
+// `first` on; without the lines of the programs the daemon leaves running in the background
+// (started with "&"), which may land there at any time, unless `background`.
+// commands().size() marks where the next commands will begin.
+inline std::vector<std::string> commands(std::size_t first = 0, bool background = false) {
     const char* path = std::getenv("CFGD_SANDBOX_LOG");
     std::istringstream in(path != nullptr ? readFile(path) : "");
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-// The command log from line `first` on, without the lines of programs left in the background.
-inline std::vector<std::string> commandsSince(std::size_t first) {
-    std::vector<std::string> lines = commandLog();
-    std::erase_if(lines, runsInBackground);
+        if (background || !line.starts_with("canoipd ")) lines.push_back(line);
     lines.erase(lines.begin(), lines.begin() + std::min(first, lines.size()));
     return lines;
 }
@@ -181,22 +175,16 @@ inline int runStub(const std::string& name, const std::vector<std::string>& argu
     return stub.wait(kAnswerMs);
 }
 
-// A configuration file that is there already (a daemon's before), for a daemon to start on.
-struct OnFile {
-    std::string path;
-};
-
-// A daemon with keys, lock file and a configuration file of its own: `configuration` written
-// to a fresh path, or no file at all (so the defaults) when it is empty.
+// A daemon with keys, lock file and configuration file of its own: by default a fresh path
+// with no file there (so the defaults); freshFile(content) writes one, or a daemon's before.
 struct Daemon {
-    Daemon(int semaphoreKey, int queueKey, const std::string& configuration = "")
-        : Daemon(semaphoreKey, queueKey, OnFile{freshFile(configuration)}) {}
-    Daemon(int semaphoreKey, int queueKey, OnFile configuration)
+    Daemon(int semaphoreKey, int queueKey, const std::string& configuration = freshFile(""),
+           const char* program = CFGD_E2E_DAEMON)
         : key(queueKey),
           lock(freshLock(key)),
-          file(configuration.path),
-          process(CFGD_E2E_DAEMON, {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key),
-                                    "-l", lock, "-f", file}) {}
+          file(configuration),
+          process(program, {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key), "-l",
+                            lock, "-f", file}) {}
 
     // The lock file's line once the daemon is up; empty when it did not come up in time.
     std::string up() {
@@ -205,9 +193,31 @@ struct Daemon {
         queue = msgget(key, 0);  // made before the lock file is written
         return line;
     }
-    std::string ask(const std::string& request, long session) {
+    // The answer to `request` in the current session.
+    std::string ask(const std::string& request) {
         EXPECT_TRUE(send(queue, request)) << request;
         return receive(queue, session, kAnswerMs).value_or("(no answer)");
+    }
+    ::testing::AssertionResult answers(const std::string& request, const std::string& expected) {
+        const std::string answer = ask(request);
+        if (answer == expected) return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure()
+               << request << "\n  answered " << answer << "\n  expected " << expected;
+    }
+    // The usual requests, each answered positively.
+    ::testing::AssertionResult start(long id, unsigned f2 = 0, unsigned f3 = 0) {
+        session = id;
+        return answers(text(kStart, id, f2, f3), ok(1, f2, f3));
+    }
+    ::testing::AssertionResult end(unsigned mt = kFinish) {
+        return answers(text(mt, 0, 0, 0), ok(0, 0, 0));
+    }
+    ::testing::AssertionResult reads(unsigned f1, unsigned f2, unsigned f3, const char* value) {
+        return answers(text(kRead, f1, f2, f3), ok(f1, f2, f3, value));
+    }
+    ::testing::AssertionResult sets(unsigned f1, unsigned f2, unsigned f3, const char* value,
+                                    unsigned mt = kSet) {
+        return answers(text(mt, f1, f2, f3, value), ok(f1, f2, f3));
     }
 
     // The lock file's path, without the file a killed daemon of the same key left there.
@@ -230,6 +240,7 @@ struct Daemon {
     const std::string file;
     Process process;
     int queue = -1;
+    long session = 1;
 };
 
 }  // namespace e2e

@@ -53,13 +53,21 @@ std::string fileOf(long n) {
            v.gui + "\n";
 }
 
-// Which store a file holds, for the report of a restart.
-std::string contentOf(const char* path) {
-    if (access(path, F_OK) != 0) return "missing";
-    const std::string content = readFile(path);
-    const std::size_t at = content.find("= store ");
-    if (at == std::string::npos) return std::to_string(content.size()) + " bytes, no store";
-    return content.substr(at + 2, content.find('\n', at) - at - 2);
+// Which store each file of the store holds, for the report of a restart.
+std::string evidence(const std::string& file) {
+    std::string report;
+    for (const std::string& path : {file, std::string(kBackup), std::string(kTemporary)}) {
+        const std::string content = readFile(path);
+        const std::size_t at = content.find("= store ");
+        report += path + ": ";
+        if (access(path.c_str(), F_OK) != 0)
+            report += "missing; ";
+        else if (at == std::string::npos)
+            report += std::to_string(content.size()) + " bytes, no store; ";
+        else
+            report += content.substr(at + 2, content.find('\n', at) - at - 2) + "; ";
+    }
+    return report;
 }
 
 struct Request {
@@ -67,8 +75,11 @@ struct Request {
     std::string value;  // empty: none
 };
 
-// Sends a request and polls for its answer until `deadline`; nullopt when none came by then.
-std::optional<std::string> exchange(int queue, const Request& r, Clock::time_point deadline) {
+// Sends a request as the client does and polls for its answer until `deadline`; nullopt when
+// none came by then.
+std::optional<std::string> exchange(
+    int queue, const Request& r,
+    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs)) {
     client::RequestQueueMessage message;
     const std::size_t length = client::formatRequest(message, r.mt, r.f1, r.f2, r.f3,
                                                      r.value.empty() ? nullptr : r.value.c_str());
@@ -83,7 +94,7 @@ std::optional<std::string> exchange(int queue, const Request& r, Clock::time_poi
 }
 
 std::string positive(const Request& r) {
-    return text(kPositive, r.mt == kStart ? 1 : r.f1, r.f2, r.f3, "");
+    return ok(r.mt == kStart ? 1 : r.f1, r.f2, r.f3);
 }
 
 // The permanent session that stores n.
@@ -96,41 +107,30 @@ std::vector<Request> storing(long n) {
             {kFinish, 0, 0, 0, ""}};
 }
 
-Clock::time_point due() {
-    return Clock::now() + std::chrono::milliseconds(kAnswerMs);
-}
-
-// Runs a session to its end; false when a request was not answered positively.
-bool run(int queue, const std::vector<Request>& session) {
-    for (const Request& r : session)
-        if (exchange(queue, r, due()) != positive(r)) return false;
-    return true;
-}
-
-// What the daemon holds: the three stored values and the route's name; empty when a read
+// What the daemon holds: the three stored values and the route's name; empty when a request
 // failed.
 std::vector<std::string> held(int queue) {
-    const Request reads[] = {
-        {kRead, 0, 4, 0, ""}, {kRead, 4, 1, 2, ""}, {kRead, 8, 1, 8, ""}, {kRead, 5, 1, 0, ""}};
+    const Request session[] = {{kStart, kAnswerType, 0, 0, ""},
+                               {kRead, 0, 4, 0, ""},
+                               {kRead, 4, 1, 2, ""},
+                               {kRead, 8, 1, 8, ""},
+                               {kRead, 5, 1, 0, ""},
+                               {kFinish, 0, 0, 0, ""}};
     std::vector<std::string> values;
-    if (!run(queue, {{kStart, kAnswerType, 0, 0, ""}})) return {};
-    for (const Request& read : reads) {
-        const std::string answer = exchange(queue, read, due()).value_or("");
+    for (const Request& r : session) {
+        const std::string answer = exchange(queue, r).value_or("");
         RequestMessage parsed{};
         if (parseRequest(answer.data(), answer.size(), parsed) != 0 || parsed.mt != kPositive)
             return {};
-        values.emplace_back(parsed.da);
+        if (r.mt == kRead) values.emplace_back(parsed.da);
     }
-    return run(queue, {{kFinish, 0, 0, 0, ""}}) ? values : std::vector<std::string>{};
-}
-
-long killsWanted() {
-    const char* wanted = std::getenv(kKillsVariable);
-    return wanted != nullptr && std::atol(wanted) > 0 ? std::atol(wanted) : kDefaultKills;
+    return values;
 }
 
 TEST(Store, SurvivesSigkillAtRandomMoments) {
-    const long kills = killsWanted();
+    const char* wanted = std::getenv(kKillsVariable);
+    const long kills =
+        wanted != nullptr && std::atol(wanted) > 0 ? std::atol(wanted) : kDefaultKills;
     const std::string file = Daemon::freshFile(fileOf(0));
     std::optional<Daemon> d;
     long made = 0;            // kills so far
@@ -141,13 +141,11 @@ TEST(Store, SurvivesSigkillAtRandomMoments) {
     Clock::duration span{};  // kill moments are spread over two sessions' time
 
     for (;;) {
-        const std::string evidence = "configuration file: " + contentOf(file.c_str()) +
-                                     ", backup: " + contentOf(kBackup) +
-                                     ", temporary file: " + contentOf(kTemporary);
-        d.emplace(31, 32, OnFile{file});
+        const std::string before = evidence(file);
+        d.emplace(31, 32, file);
         ASSERT_NE(d->up(), "") << d->process.output();
         const std::vector<std::string> values = held(d->queue);
-        ASSERT_EQ(values.size(), 4u) << "after kill " << made << ": " << evidence;
+        ASSERT_EQ(values.size(), 4u) << "after kill " << made << ": " << before;
         const long n = values[0].starts_with("store ") ? std::atol(values[0].c_str() + 6) : -1;
         const bool whole = n >= 0 && values[1] == valuesOf(n).bitRate &&
                            values[2] == valuesOf(n).gui && values[3] == kRouteName;
@@ -161,15 +159,16 @@ TEST(Store, SurvivesSigkillAtRandomMoments) {
             << "after kill " << made << " during store " << acked + 1
             << (finishSent ? " (its finish sent)" : "") << " the daemon came up with \""
             << values[0] << "\", " << values[1] << ", " << values[2] << ", \"" << values[3]
-            << "\"; " << evidence;
+            << "\"; " << before;
         acked = std::max(acked, n);
         finishSent = false;
         if (made == kills) break;
 
         if (span == Clock::duration{}) {  // the first round measures how long a session takes
             const auto started = Clock::now();
-            for (int i = 0; i < 5; ++i)
-                ASSERT_TRUE(run(d->queue, storing(++acked)));
+            for (int i = 0; i < 5; ++i, ++acked)
+                for (const Request& r : storing(acked + 1))
+                    ASSERT_EQ(exchange(d->queue, r), positive(r));
             span = (Clock::now() - started) * 2 / 5;
         }
         const auto deadline =

@@ -29,7 +29,6 @@ class FakeSystem final : public sys::System {
     std::vector<std::string> hostNamesSet;
     int setHostNameErrno = 0;  // non-zero: sethostname fails with it
     std::vector<long> sleeps;
-    int syncs = 0;
     SimDriver driver;
     // Network interfaces the kernel queries see, by name; unknown names fail with ENODEV.
     struct Interface {

@@ -94,9 +94,6 @@ int SimDriver::routeRequest(int node, unsigned long request, void* argument) {
             slot.route.emplace();
             std::memcpy(&*slot.route, argument, sizeof(DriverRoute));
             return 0;
-        case gw::kDeleteRoute:
-            ++slot.deletes;
-            break;
         default:
             break;
     }

@@ -43,7 +43,6 @@ class SimDriver {
         unsigned long filterRequest = 0;     // the request that set it (joined or not)
         std::optional<DriverRoute> route;    // the route added, as the driver keeps it
         int deletesNeeded = 1;  // deletes until the route is gone (a driver slow to let go)
-        int deletes = 0;        // delete requests seen
     };
 
     // Test controls.
