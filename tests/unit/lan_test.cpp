@@ -16,18 +16,12 @@ namespace {
 using Reply = std::pair<int, std::string>;  // a handler's result and answer text
 using Lines = std::vector<std::string>;
 
-in_addr ipv4(const char* text) {
-    in_addr address{};
-    EXPECT_EQ(inet_pton(AF_INET, text, &address), 1) << text;
-    return address;
-}
-
 class LanTest : public SeamTest {
   protected:
     LanTest() {
         std::strcpy(lan().BaseName, kLanBaseName);
-        lan().IPv4 = ipv4("192.168.1.10");
-        lan().Subnetmask = ipv4("255.255.255.0");
+        lan().IPv4.s_addr = inet_addr("192.168.1.10");
+        lan().Subnetmask.s_addr = inet_addr("255.255.255.0");
         std::strcpy(m().general.hostName, "VORL-Gateway");
         std::strcpy(m().general.NTPServer, "pool.ntp.org");
     }
@@ -62,7 +56,7 @@ TEST_F(LanTest, ApplyCommandLinesInOrder) {
         fake.commands.clear();
         fake.removeFile(kResolvConfPath);
         lan().UseDHCP = dhcpOn;
-        lan().IPv4Gw = ipv4(gateway.c_str());
+        lan().IPv4Gw.s_addr = inet_addr(gateway.c_str());
         m().general.UseNTP = ntpOn;
         AnswerMessage answer{};
         EXPECT_EQ(Reply(applyLan(instance, m(), answer), answer.da), reply);
@@ -81,7 +75,7 @@ TEST_F(LanTest, CommandLinesOfTheNetworkLayer) {
     for (int command : {0, 2, -1})
         (void)nw_dhcp_server(command);
     (void)nw_ifconfig_down("uap", 0);
-    (void)nw_ifconfig_up("mlan", 1, ipv4("10.1.2.3"));
+    (void)nw_ifconfig_up("mlan", 1, in_addr{inet_addr("10.1.2.3")});
     const std::string server = "/etc/init.d/S41udhcpd.sh ";
     const Lines expected = {
         ("/etc/init.d/udhcpc.sh start eth0 \"" + longName).substr(0, kNwCommandChars),
@@ -131,8 +125,6 @@ TEST_F(LanTest, WritesReadBack) {
     const std::tuple<uint8_t, std::string, std::string> cases[] = {
         {0, longName, longName.substr(0, 127)},
         {1, "0", "0"},
-        {1, "no", "1"},
-        {1, "00", "0"},
         {1, "", "1"},
         {3, "255.0.0.0", "255.0.0.0"},
         {4, "fe80::1", "fe80::1"}};

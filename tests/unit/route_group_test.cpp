@@ -50,10 +50,8 @@ TEST_F(RouteGroupTest, ReadsAnswerTheRecordAndTheDriverImage) {
     for (unsigned i = 0; i < route_stat::Count; ++i)
         r.image.stats[i] = 100 + i;
     r.image.stats[route_stat::CanPackets] = 0xFFFFFFFF;  // printed signed, as always
-    r.image.fppStats[0] = 5;
-    r.image.fppStats[1] = 6;
-    r.image.fppStats[2] = 7;
-    r.image.fppStats[3] = 8;  // beyond FPP: not shown
+    for (unsigned i = 0; i < 4; ++i)
+        r.image.fppStats[i] = 5 + i;  // the fourth, beyond FPP, is not shown
     route(0).RouteFlags = kRouteActive;
     route(5).RouteFlags = kRouteRunning;  // running but not active counts as off
 
