@@ -1,9 +1,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,10 +27,7 @@ const std::string kCanoipdStop = "killall /home/tarn/canoip/canoipd";
 constexpr ForwardDefaults kDefaults{{1, 2, 3}, {}, 40, {}, 46, 48, 50, {}, 64, 68, 72};
 
 class Gateway : public SeamTest {
-  public:
-    using SeamTest::fake;
-    using SeamTest::m;
-
+  protected:
     Gateway() {
         fake.writeFile("/proc/devices", "Character devices:\n  1 mem\n 10 misc\n250 tarn-gw\n");
         fake.writeFile("/proc/modules", "can_raw 20480 0 - Live 0x0\ntarn_gw 98304 8 - Live 0x0\n");
@@ -50,9 +45,7 @@ class Gateway : public SeamTest {
         r.DrvIndex = static_cast<uint8_t>(i);
         std::strcpy(r.image.info.interface1, "can0");
         r.image.info.protocol2 = 6;
-        r.image.info.destination.sin_family = AF_INET;
-        r.image.info.destination.sin_port = htons(port);
-        r.image.info.destination.sin_addr.s_addr = htonl(0x0A000009);
+        r.image.info.destination = {AF_INET, htons(port), {htonl(0x0A000009)}, {}};
         applyForwardDefaults(r, m());
         return r;
     }
@@ -165,10 +158,6 @@ TEST_F(Gateway, StartTakesOverMatchingRoutesAndAddsTheRest) {
 
 constexpr uint32_t kOn = kRouteActive, kOnRunning = kRouteActive | kRouteRunning;
 
-template <typename... Numbers>
-Requests seq(Numbers... numbers) {
-    return Requests{numbers...};
-}
 // The requests of a replacement with `attempts` rounds of halt, delete and asking again.
 Requests replaced(int attempts, const Requests& tail) {
     Requests made{kGet, kGet};
@@ -182,46 +171,42 @@ Requests replaced(int attempts, const Requests& tail) {
 // driver's faults, and what must come of it.
 struct ApplyCase {
     const char* name;
-    int held;            // the node before: -1 empty, else the run bit of the record's route
-    uint32_t flags;      // RouteFlags configured (kRouteRunning also sets the image's run bit)
-    uint16_t port;       // configured after the driver got the route on 5000
-    uint32_t imageBits;  // set in the image's flags after the driver got it
-    int deletesNeeded, openError, addError;
-    int result;
+    int held;  // the node before: -1 empty, else the run bit of the record's route
+    // RouteFlags configured (kRouteRunning also sets the image's run bit), the port configured
+    // after the driver got the route on 5000, bits set in the image's flags after that
+    uint32_t flags, port, imageBits;
+    int deletesNeeded, openError, addError, result;
     const char* text;
     Requests requests;  // on node 1
-    std::size_t sleeps;
+    int sleeps;
     uint32_t flagsAfter;
     int heldAfter;  // the node afterwards, as `held`
 };
-void PrintTo(const ApplyCase& c, std::ostream* out) {
-    *out << c.name;
-}
 class ApplyRoute : public Gateway, public ::testing::WithParamInterface<ApplyCase> {};
 
 const ApplyCase kApplyCases[] = {
     {"NewRouteIsAddedHalted", -1, kOn, 5000, 0, 1, 0, 0, 0, "",
-     seq(kGet, kGet, kAdd, kHalt, kFilters), 0, kOn, 0},
-    {"UnchangedRouteOnlyGetsItsFilters", 0, kOn, 5000, 0, 1, 0, 0, 0, "", seq(kGet, kFilters), 0,
-     kOn, 0},
-    {"RunRequestStartsIt", 0, kOnRunning, 5000, 0, 1, 0, 0, 0, "", seq(kGet, kRun, kFilters), 0,
-     kOnRunning, 1},
+     Requests{kGet, kGet, kAdd, kHalt, kFilters}, 0, kOn, 0},
+    {"UnchangedRouteOnlyGetsItsFilters", 0, kOn, 5000, 0, 1, 0, 0, 0, "", Requests{kGet, kFilters},
+     0, kOn, 0},
+    {"RunRequestStartsIt", 0, kOnRunning, 5000, 0, 1, 0, 0, 0, "", Requests{kGet, kRun, kFilters},
+     0, kOnRunning, 1},
     {"NewPortReplacesAndKeepsRunning", 1, kOnRunning, 6000, 0, 1, 0, 0, 0, "",
-     replaced(1, seq(kAdd, kRun, kFilters)), 1, kOnRunning, 1},
+     replaced(1, Requests{kAdd, kRun, kFilters}), 1, kOnRunning, 1},
     {"NoControlBitReplaces", 0, kOn, 5000, kDrvNoControl, 1, 0, 0, 0, "",
-     replaced(1, seq(kAdd, kHalt, kFilters)), 1, kOn, 0},
-    {"SwitchedOffIsHaltedDeletedAndReset", 1, 0, 5000, 0, 1, 0, 0, 0, "", seq(kHalt, kDelete), 0, 0,
-     -1},
+     replaced(1, Requests{kAdd, kHalt, kFilters}), 1, kOn, 0},
+    {"SwitchedOffIsHaltedDeletedAndReset", 1, 0, 5000, 0, 1, 0, 0, 0, "", Requests{kHalt, kDelete},
+     0, 0, -1},
     {"RefusedAddSwitchesTheRouteOff", -1, kOn, 5000, 0, 1, 0, ENOSPC, -1,
-     "failed to add route (No space left on device)", seq(kGet, kGet, kAdd), 0, 0, -1},
+     "failed to add route (No space left on device)", Requests{kGet, kGet, kAdd}, 0, 0, -1},
     {"NineDeletesAreEnough", 1, kOnRunning, 6000, 0, 9, 0, 0, 0, "",
-     replaced(9, seq(kAdd, kRun, kFilters)), 9, kOnRunning, 1},
+     replaced(9, Requests{kAdd, kRun, kFilters}), 9, kOnRunning, 1},
     {"TenAreNotEvenWhenTheTenthRemovesIt", 1, kOnRunning, 6000, 0, 10, 0, 0, -1,
-     "failed to delete old route", replaced(10, seq()), 10, kOnRunning, -1},
+     "failed to delete old route", replaced(10, Requests{}), 10, kOnRunning, -1},
     {"NodeThatWillNotOpen", -1, kOn, 5000, 0, 1, ENOENT, 0, -1,
-     "unable to open route (No such file or directory)", seq(), 0, kOn, -1},
+     "unable to open route (No such file or directory)", Requests{}, 0, kOn, -1},
     {"MissingModuleIsLoaded", -1, kOn, 5000, 0, 1, ENODEV, 0, -1,
-     "unable to open route (No such device)", seq(), 0, kOn, -1},
+     "unable to open route (No such device)", Requests{}, 0, kOn, -1},
 };
 
 TEST_P(ApplyRoute, BringsTheDriverInLine) {
@@ -231,7 +216,7 @@ TEST_P(ApplyRoute, BringsTheDriverInLine) {
     r.RouteFlags = c.flags;
     if (c.flags & kRouteRunning) r.image.info.flags |= kDrvRunRequest;
     if (c.held >= 0) hold(1, c.held == 1);
-    r.image.info.destination.sin_port = htons(c.port);
+    r.image.info.destination.sin_port = htons(static_cast<uint16_t>(c.port));
     r.image.info.flags |= c.imageBits;
     if (c.flags == 0) r.image.info.default80 = 99;  // a switch-off puts the default back
     fake.driver.routeNode(1).deletesNeeded = c.deletesNeeded;
@@ -241,7 +226,7 @@ TEST_P(ApplyRoute, BringsTheDriverInLine) {
 
     EXPECT_EQ(apply(2), std::pair(c.result, std::string(c.text)));
     EXPECT_EQ(fake.driver.requestsOn(1), c.requests);
-    EXPECT_EQ(fake.sleeps, std::vector<long>(c.sleeps, 100000000L));
+    EXPECT_EQ(fake.sleeps, std::vector<long>(static_cast<std::size_t>(c.sleeps), 100000000L));
     EXPECT_EQ(r.RouteFlags, c.flagsAfter);
     const auto& held = fake.driver.routeNode(1).route;
     EXPECT_EQ(held ? static_cast<int>(held->info.flags & kDrvRunRequest) / 2 : -1, c.heldAfter);

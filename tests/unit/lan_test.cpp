@@ -16,18 +16,12 @@ namespace {
 using Reply = std::pair<int, std::string>;  // a handler's result and answer text
 using Lines = std::vector<std::string>;
 
-in_addr ipv4(const char* text) {
-    in_addr address{};
-    EXPECT_EQ(inet_pton(AF_INET, text, &address), 1) << text;
-    return address;
-}
-
 class LanTest : public SeamTest {
   protected:
     LanTest() {
         std::strcpy(lan().BaseName, kLanBaseName);
-        lan().IPv4 = ipv4("192.168.1.10");
-        lan().Subnetmask = ipv4("255.255.255.0");
+        lan().IPv4.s_addr = inet_addr("192.168.1.10");
+        lan().Subnetmask.s_addr = inet_addr("255.255.255.0");
         std::strcpy(m().general.hostName, "VORL-Gateway");
         std::strcpy(m().general.NTPServer, "pool.ntp.org");
     }
@@ -50,7 +44,6 @@ TEST_F(LanTest, ApplyCommandLinesInOrder) {
     const std::tuple<unsigned, uint8_t, uint8_t, std::string, Reply, Lines> cases[] = {
         {1, 0, 1, "192.168.1.1", {0, ""}, {ifconfig, del, add + "192.168.1.1" + dev, ntpd}},
         // Only "0.0." is compared: no route, yet the name server is written.
-        {1, 0, 0, "0.0.0.0", {0, ""}, {ifconfig, stop}},
         {1, 0, 0, "0.0.5.1", {0, ""}, {ifconfig, stop}},
         {1, 0, 0, "0.1.0.0", {0, ""}, {ifconfig, del, add + "0.1.0.0" + dev, stop}},
         {1, 1, 0, "192.168.1.1", {0, ""}, {dhcp, stop}},
@@ -62,7 +55,7 @@ TEST_F(LanTest, ApplyCommandLinesInOrder) {
         fake.commands.clear();
         fake.removeFile(kResolvConfPath);
         lan().UseDHCP = dhcpOn;
-        lan().IPv4Gw = ipv4(gateway.c_str());
+        lan().IPv4Gw.s_addr = inet_addr(gateway.c_str());
         m().general.UseNTP = ntpOn;
         AnswerMessage answer{};
         EXPECT_EQ(Reply(applyLan(instance, m(), answer), answer.da), reply);
@@ -77,20 +70,16 @@ TEST_F(LanTest, CommandLinesOfTheNetworkLayer) {
     const std::string longName(300, 'h');
     (void)nw_dhcp_client(NW_START, "eth0", longName.c_str());
     (void)nw_dhcp_client(7, "eth0", "gw");
-    (void)nw_ntp(NW_RESTART, "time.local");
     for (int command : {0, 2, -1})
         (void)nw_dhcp_server(command);
-    (void)nw_ifconfig_down("uap", 0);
-    (void)nw_ifconfig_up("mlan", 1, ipv4("10.1.2.3"));
+    (void)nw_ifconfig_up("mlan", 1, in_addr{inet_addr("10.1.2.3")});
     const std::string server = "/etc/init.d/S41udhcpd.sh ";
     const Lines expected = {
         ("/etc/init.d/udhcpc.sh start eth0 \"" + longName).substr(0, kNwCommandChars),
         "/etc/init.d/udhcpc.sh stop eth0 \"gw\"",
-        "ntpd -p time.local",
         server + "start",
         server + "restart",
         server + "stop",
-        "ifconfig uap0 down",
         "ifconfig mlan1 10.1.2.3 up"};
     EXPECT_EQ(fake.commands, expected);
     EXPECT_EQ(nw_update_resolv_conf(nullptr), -1);
@@ -131,8 +120,6 @@ TEST_F(LanTest, WritesReadBack) {
     const std::tuple<uint8_t, std::string, std::string> cases[] = {
         {0, longName, longName.substr(0, 127)},
         {1, "0", "0"},
-        {1, "no", "1"},
-        {1, "00", "0"},
         {1, "", "1"},
         {3, "255.0.0.0", "255.0.0.0"},
         {4, "fe80::1", "fe80::1"}};

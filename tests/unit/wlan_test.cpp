@@ -20,25 +20,18 @@ namespace {
 using Reply = std::pair<int, std::string>;  // a handler's result and answer text
 using Lines = std::vector<std::string>;
 
-in_addr ipv4(const char* text) {
-    in_addr address{};
-    EXPECT_EQ(inet_pton(AF_INET, text, &address), 1) << text;
-    return address;
-}
-
 class WlanTest : public SeamTest {
   protected:
     WlanTest() {
         m().platform.regcode = 0x10;
         startWlanInterfaces(m());  // a station, as the empty platform record says
-        WlanInterface& w = wlan();
-        std::strcpy(w.SSID, "Lab");
-        std::strcpy(w.Key, "secret-pass");
-        w.EncryptionType = 6;
-        w.KeyType = 1;
-        w.IPv4 = ipv4("10.1.2.3");
-        w.Subnetmask = ipv4("255.255.255.0");
-        m().previousWlanMode = w.Mode;
+        std::strcpy(wlan().SSID, "Lab");
+        std::strcpy(wlan().Key, "secret-pass");
+        wlan().EncryptionType = 6;
+        wlan().KeyType = 1;
+        wlan().IPv4.s_addr = inet_addr("10.1.2.3");
+        wlan().Subnetmask.s_addr = inet_addr("255.255.255.0");
+        m().previousWlanMode = wlan().Mode;
         std::strcpy(m().general.hostName, "VORL-Gateway");
         m().stamps.wlan = m().session.counter;  // live state already fetched in this session
     }
@@ -47,29 +40,25 @@ class WlanTest : public SeamTest {
         RequestMessage request{0, write ? SET_PARAM : READ_PARAM, 3, f2, f3, {}};
         std::snprintf(request.da, sizeof request.da, "%s", value);
         AnswerMessage answer{};
-        const int result = (write ? storeWlanInformation : readWlan)(request, answer, m());
-        return {result, answer.da};
+        return {(write ? storeWlanInformation : readWlan)(request, answer, m()), answer.da};
     }
     Reply apply(unsigned index) {
         AnswerMessage answer{};
-        const int result = setWlanConfig(index, m(), answer);
-        return {result, answer.da};
+        return {setWlanConfig(index, m(), answer), answer.da};  // in this order
     }
-    // A temporary session (nothing is stored) with the given writes, up to its answer to
-    // FINISH_SESSION.
+    // A temporary session (nothing is stored) with the given writes; its answer to FINISH_SESSION.
     AnswerMessage session(const std::vector<std::pair<uint8_t, const char*>>& writes, uint8_t f2) {
-        const auto send = [this](uint8_t mt, uint8_t f1, uint8_t sub2, uint8_t sub3,
-                                 const char* value) {
+        AnswerMessage answer{};
+        const auto send = [&](uint8_t mt, uint8_t f1, uint8_t sub2, uint8_t sub3, const char* v) {
             RequestMessage request{0, mt, f1, sub2, sub3, {}};
-            std::snprintf(request.da, sizeof request.da, "%s", value);
-            AnswerMessage answer{};
+            std::snprintf(request.da, sizeof request.da, "%s", v);
             (void)procMsg(request, answer, m());  // the answer tells
-            return answer;
         };
-        EXPECT_EQ(send(START_SESSION, 40, 0, static_cast<uint8_t>(writes.size()), "").mt, POS_ANSW);
+        send(START_SESSION, 40, 0, static_cast<uint8_t>(writes.size()), "");
         for (const auto& [f3, value] : writes)
-            (void)send(SET_TEMP_PARAM, 3, f2, f3, value);
-        return send(FINISH_SESSION, 0, 0, 0, "");
+            send(SET_TEMP_PARAM, 3, f2, f3, value);
+        send(FINISH_SESSION, 0, 0, 0, "");
+        return answer;
     }
 };
 
@@ -82,18 +71,14 @@ TEST_F(WlanTest, WithoutInterfacesOnlyTheGeneralPartAnswers) {
         {false, 0, 1, "", {0, "eth"}},
         {false, 0, 2, "", {-1, "Unknown subidx II in f3 (f1:3, f2:0, f3:2)"}},
         {false, 1, 0, "", {-1, ""}},
-        {false, 1, 9, "", {-1, ""}},
         {true, 0, 0, "1", {-1, "read only value!"}},
         {true, 0, 1, "uap", {-1, "read only value!"}},
         {true, 0, 7, "2", {-1, "unknown parameter 3 0"}},
-        {true, 1, 7, "2", {0, ""}},
-        {true, 1, 9, "10.0.0.1", {0, ""}},
-    };
+        {true, 1, 9, "10.0.0.1", {0, ""}}};
     const WlanInterface before = wlan();
     for (const auto& [write, f2, f3, value, reply] : cases) {
-        SCOPED_TRACE(testing::Message() << write << " " << +f2 << "/" << +f3);
         m().changed.clearAll();
-        EXPECT_EQ(call(write, f2, f3, value), reply);
+        EXPECT_EQ(call(write, f2, f3, value), reply) << write << " " << +f2 << "/" << +f3;
         EXPECT_EQ(m().changed.isSet(flag::Wlan), write && f2 == 0);
         EXPECT_FALSE(m().changed.isSet(flag::Wlan, 1));
     }
@@ -104,22 +89,17 @@ TEST_F(WlanTest, WithoutInterfacesOnlyTheGeneralPartAnswers) {
 
     // A refused write to the group still makes the session apply it, which only logs.
     testing::internal::CaptureStdout();
-    const AnswerMessage finished = session({{0, "x"}}, 0);
+    EXPECT_EQ(session({{0, "x"}}, 0).mt, POS_ANSW);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "storeWlanInformation()\nsetWlanConfig()\n"
               "setWlanConfig: general wlan if info changed\n");
-    EXPECT_EQ(finished.mt, POS_ANSW);
     EXPECT_EQ(fake.commands, Lines{});
     EXPECT_FALSE(m().rebootRequested);
 }
 
 #elif CFGD_WLAN_IF_COUNT == 1
 
-const std::string kStationHead =
-    "ctrl_interface=/var/run/wpa_supplicant\nnetwork={\n\tpriority=0\n\tssid=\"Lab\"\n"
-    "\tscan_ssid=0\n";
 const std::string kStationStart = "/etc/init.d/S39wlan start /tmp/wpa_supplicant0.conf";
-const std::string kApStart = "/etc/init.d/S39uap start /tmp/uaputl0.conf";
 const std::string kApFileHead =
     "#   File : /mnt/user/uaputl.conf\n\n\nap_config={\n"
     "    SSID=\"Lab\"         # SSID of Micro AP\n"
@@ -148,12 +128,6 @@ const std::string kApFileHead =
     "of 100ms\n"
     "    MaxStaNum=8                     # Max number of stations allowed to connect\n"
     "    Retrylimit=7                    # Retry limit to use for packet transmissions\n";
-const std::string kNotWithWpa =
-    "    # 0:Open authentication, 1:shared key authentication, 2: Static WEP !!! No not use in "
-    "case of WPA(2)\n";
-const std::string kReplay =
-    "    # 1: No security, 2: Static WEP, 8: WPA, 32: WPA2, 40:WPA2 Mixed Mode\n"
-    "     RSNReplayProtection=0           # RSN replay protection 0: disabled, 1: enabled\n";
 const std::string kApFileTail =
     "\n\n#   country=US                      # country information\n}\n\n\n"
     "ap_mac_filter={   FilterMode=0                    # Mode of filter table"
@@ -162,18 +136,6 @@ const std::string kApFileTail =
     "                                   # 2: block MAC address in the filter table"
     "   Count=0                         # Number of entries in filter table,up to 16"
     "#   mac_1=00:50:23:45:76:22         # mac address}\n\n";
-std::string wpaBlock(int pairwise, int group) {
-    return "\n\n# **** WPA/WPA2 PSK setting******\n\n   PairwiseCipher=" +
-           std::to_string(pairwise) +
-           "               # Pairwise cipher type\n"
-           "   # 0: None, 4: TKIP, 8: AES CCMP, 12: AES CCMP + TKIP\n   GroupCipher=" +
-           std::to_string(group) +
-           "                  # group cipher type\n   # 0: None, 4: TKIP, 8: AES CCMP\n"
-           "   PSK=\"secret-pass\"               # WPA/WPA2 passphrase\n"
-           "   GroupRekeyTime= 86400          # Group key re-key interval, in second.\n"
-           "   # 0 mean never re-key\n   #802.11D specific configuration\n"
-           "   11d_enable=0                    # 0-disable 1-enable\n";
-}
 
 TEST_F(WlanTest, InterfaceWritesReadBack) {
     const std::string longText(200, 'w');
@@ -196,23 +158,21 @@ TEST_F(WlanTest, InterfaceWritesReadBack) {
         {11, "fe80::7", {0, ""}, "fe80::7"},
         {13, "10.1.2.254", {-1, "false address 3 1"}, "::"},
         {14, "64", {-1, "unknown parameter 3 1"}, "0"},
-        {15, "00:11:22:33:44:55", {-1, "unknown parameter 3 1"}, ""},
-    };
+        {15, "00:11:22:33:44:55", {-1, "unknown parameter 3 1"}, ""}};
     for (const auto& [f3, value, reply, read] : cases) {
-        SCOPED_TRACE(testing::Message() << +f3 << " " << value);
         m().changed.clearAll();
-        EXPECT_EQ(call(true, 1, f3, value.c_str()), reply);
+        EXPECT_EQ(call(true, 1, f3, value.c_str()), reply) << +f3 << " " << value;
         EXPECT_TRUE(m().changed.isSet(flag::Wlan, 1));  // marked before validating
-        EXPECT_EQ(call(false, 1, f3), Reply(0, read));
+        EXPECT_EQ(call(false, 1, f3), Reply(0, read)) << +f3 << " " << value;
     }
     EXPECT_EQ(call(false, 1, 16), Reply(-1, "Unknown subidx II in f3"));
     EXPECT_EQ(call(false, 2, 0), Reply(-1, ""));
     EXPECT_EQ(call(true, 2, 7, "2"), Reply(0, ""));  // beyond the interface: no change
-    EXPECT_EQ(call(false, 1, 7), Reply(0, "1"));
+    EXPECT_EQ(wlan().Mode, 1);
     EXPECT_EQ(m().previousWlanMode, 0);  // the mode before the accepted write
     // The static address is also the AP's address in the platform record.
     EXPECT_EQ(call(true, 1, 9, "192.168.9.1"), Reply(0, ""));
-    EXPECT_EQ(m().platform.ip_address.s_addr, ipv4("192.168.9.1").s_addr);
+    EXPECT_EQ(m().platform.ip_address.s_addr, inet_addr("192.168.9.1"));
 }
 
 TEST_F(WlanTest, FirstReadOfASessionFetchesLiveStateAndThePlatformFile) {
@@ -228,88 +188,79 @@ TEST_F(WlanTest, FirstReadOfASessionFetchesLiveStateAndThePlatformFile) {
 
 TEST_F(WlanTest, StationToApWritesTheApFilesAndAsksForAReboot) {
     testing::internal::CaptureStdout();
-    const AnswerMessage finished = session({{7, "2"}}, 1);
+    EXPECT_EQ(session({{7, "2"}}, 1).mt, POS_ANSW);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "storeWlanInformation()\nsetWlanConfig()\nsetWlanConfig: wlan_if_info_changed[1]\n"
               "wlanCfg: mode = 2, cmd = 1\n"
               "setWlanConfig: p_conf->platform_cfg->wlan_mode is 0 \n"
               "setWlanConfig: pCfg->mode is 2 \nsetWlanConfig: old_wlan_mode = 0\n"
               "setWlanConfig: case wlan_mode_uap\nwlanCfg: mode = 2, cmd = 0\n");
-    EXPECT_EQ(finished.mt, POS_ANSW);
-    EXPECT_EQ(m().rebootRequested, 1);
-    EXPECT_STREQ(wlan().BaseName, "uap");
-    EXPECT_EQ(fake.commands, (Lines{"/etc/init.d/S39uap stop", "ifconfig eth0 down", kApStart,
-                                    "ifconfig uap0 10.1.2.3 up"}));
-    EXPECT_EQ(fake.readFile("/mnt/user/uaputl.conf"),
-              kApFileHead + "    #AuthMode=1                      \n" + kNotWithWpa +
-                  "    Protocol=32                     # protocol to use\n" + kReplay +
-                  wpaBlock(8, 8) + kApFileTail);
+    EXPECT_EQ(fake.commands,
+              (Lines{"/etc/init.d/S39uap stop", "ifconfig eth0 down",
+                     "/etc/init.d/S39uap start /tmp/uaputl0.conf", "ifconfig uap0 10.1.2.3 up"}));
     EXPECT_EQ(fake.readFile("/tmp/uap0.ipcfg"), "IP_ADDRESS=10.1.2.3\nIP_NETMASK=255.255.255.0\n");
     EXPECT_EQ(fake.readFile(kPlatformConfigPath),
               "WLAN_DRIVER_REGCODE=0x10\nWLAN_MODE=UAP\nIP_ADDRESS=10.1.2.3\nUDHCPDCNF=\"\"\n");
 }
 
-TEST_F(WlanTest, ApSecurityByEncryptionType) {
-    const std::string open =
-        "    AuthMode=0                      \n"
-        "    # 0:Open authentication, 1:shared key authentication, 2: "
-        "Static WEP\n    Protocol=1                     # protocol to use\n";
-    const std::string wep = "    AuthMode=1                      \n" + kNotWithWpa +
-                            "    Protocol=2                     # protocol to use\n" + kReplay +
+// The reboot between station and AP, and the file each mode writes, by its security settings.
+TEST_F(WlanTest, ApplyByModeAndSecurity) {
+    const std::string notWithWpa =
+        "    # 0:Open authentication, 1:shared key authentication, 2: Static WEP !!! No not use in "
+        "case of WPA(2)\n";
+    const std::string replay =
+        "    # 1: No security, 2: Static WEP, 8: WPA, 32: WPA2, 40:WPA2 Mixed Mode\n"
+        "     RSNReplayProtection=0           # RSN replay protection 0: disabled, 1: enabled\n";
+    const std::string wep = "    AuthMode=1                      \n" + notWithWpa +
+                            "    Protocol=2                     # protocol to use\n" + replay +
                             "\n\n# **** WEP security setting******\n\n   KeyIndex=0       "
                             "               # Index of WEP key to use (0 to 3)\n   Key_0=";
-    // encryption type, key type, the file between the settings and the country line
-    const std::tuple<uint8_t, uint8_t, std::string> cases[] = {
-        {0, 1, open + kReplay},
-        {1, 1, wep + "\"secret-pass\"\n"},
-        {1, 0, wep + "0\n"},
-        {9, 1, kReplay},  // beyond the table: no security lines
-    };
-    wlan().Mode = WLAN_MODE_UAP;
-    for (const auto& [type, keyType, security] : cases) {
-        SCOPED_TRACE(testing::Message() << +type << " " << +keyType);
-        wlan().EncryptionType = type;
-        wlan().KeyType = keyType;
-        EXPECT_EQ(apply(1), Reply(0, ""));
-        EXPECT_EQ(fake.readFile("/mnt/user/uaputl.conf"), kApFileHead + security + kApFileTail);
-    }
-}
-
-TEST_F(WlanTest, SupplicantFileByEncryptionTypeAndMode) {
     const std::string wpa2 = "\tproto=WPA2\n\tkey_mgmt=WPA-PSK\n\tpsk=\"secret-pass\"\n";
-    // encryption type, mode, the file behind its head
-    const std::tuple<uint8_t, uint8_t, std::string> cases[] = {
-        {0, 1, "\tmode=1\n\tkey_mgmt=NONE\n}\n"},
-        {1, 0, "\tmode=0\n\tkey_mgmt=NONE\n\twep_tx_keyidx=0\n\twep_key0=\"secret-pass\"\n}\n"},
-        {5, 0, "\tmode=0\n" + wpa2 + "\tpairwise=CCMP\n\tgroup=TKIP\n}\n"},
-        {9, 1, "\tmode=1\n" + wpa2 + "\tpairwise=TKIP\n\tgroup=TKIP\n}\n"},  // as type 4
-    };
-    for (const auto& [type, mode, body] : cases) {
-        SCOPED_TRACE(testing::Message() << +type << " " << +mode);
-        wlan().EncryptionType = type;
-        wlan().Mode = mode;
-        EXPECT_EQ(apply(1), Reply(0, ""));
-        EXPECT_EQ(fake.readFile("/tmp/wpa_supplicant0.conf"),
-                  (mode == 1 ? "ap_scan=2\n" : "ap_scan=1\n") + kStationHead + body);
-    }
-}
-
-TEST_F(WlanTest, RebootOnlyBetweenStationAndAp) {
-    // platform file's mode, previous mode, mode applied, reboot requested
-    const std::tuple<uint8_t, uint8_t, uint8_t, bool> cases[] = {
-        {0, 0, 1, false}, {0, 1, 0, false}, {2, 0, 0, true}, {0, 2, 1, true},
-        {0, 0, 2, true},  {2, 2, 2, false}, {2, 0, 2, true}, {1, 2, 2, false},
-    };
-    for (const auto& [platformMode, previous, mode, reboot] : cases) {
+    const std::string station =
+        "ctrl_interface=/var/run/wpa_supplicant\nnetwork={\n\tpriority=0\n\tssid=\"Lab\"\n"
+        "\tscan_ssid=0\n";
+    // platform file's mode, previous mode, mode applied, reboot?, encryption type, key type, the
+    // file's settings (the AP file's between its head and tail)
+    const std::tuple<uint8_t, uint8_t, uint8_t, bool, uint8_t, uint8_t, std::string> cases[] = {
+        {0, 0, 2, true, 0, 1,
+         "    AuthMode=0                      \n    # 0:Open authentication, 1:shared key "
+         "authentication, 2: Static WEP\n    Protocol=1                     # protocol to use\n" +
+             replay},
+        {2, 2, 2, false, 1, 1, wep + "\"secret-pass\"\n"},
+        {2, 0, 2, true, 1, 0, wep + "0\n"},
+        {1, 2, 2, false, 6, 1,
+         "    #AuthMode=1                      \n" + notWithWpa +
+             "    Protocol=32                     # protocol to use\n" + replay +
+             "\n\n# **** WPA/WPA2 PSK setting******\n\n   PairwiseCipher=8               # "
+             "Pairwise cipher type\n   # 0: None, 4: TKIP, 8: AES CCMP, 12: AES CCMP + TKIP\n"
+             "   GroupCipher=8                  # group cipher type\n   # 0: None, 4: TKIP, 8: "
+             "AES CCMP\n   PSK=\"secret-pass\"               # WPA/WPA2 passphrase\n"
+             "   GroupRekeyTime= 86400          # Group key re-key interval, in second.\n"
+             "   # 0 mean never re-key\n   #802.11D specific configuration\n"
+             "   11d_enable=0                    # 0-disable 1-enable\n"},
+        {0, 2, 2, true, 9, 1, replay},  // beyond the table: no security lines
+        {0, 0, 1, false, 0, 1, "\tmode=1\n\tkey_mgmt=NONE\n}\n"},
+        {0, 1, 0, false, 1, 1,
+         "\tmode=0\n\tkey_mgmt=NONE\n\twep_tx_keyidx=0\n\twep_key0=\"secret-pass\"\n}\n"},
+        {2, 0, 0, true, 5, 1, "\tmode=0\n" + wpa2 + "\tpairwise=CCMP\n\tgroup=TKIP\n}\n"},
+        {0, 2, 1, true, 9, 1, "\tmode=1\n" + wpa2 + "\tpairwise=TKIP\n\tgroup=TKIP\n}\n"}};
+    for (const auto& [platformMode, previous, mode, reboot, type, keyType, settings] : cases) {
         SCOPED_TRACE(testing::Message() << +platformMode << " " << +previous << " " << +mode);
         m().rebootRequested = 0;
         m().platform.wlan_mode = platformMode;
         m().previousWlanMode = previous;
         wlan().Mode = mode;
+        wlan().EncryptionType = type;
+        wlan().KeyType = keyType;
         EXPECT_EQ(apply(1), Reply(0, ""));
         EXPECT_EQ(m().rebootRequested, reboot);
         EXPECT_STREQ(wlan().BaseName, mode == 2 ? "uap" : "eth");
         EXPECT_EQ(m().platform.wlan_mode, mode);  // and written to the platform file
+        if (mode == WLAN_MODE_UAP)
+            EXPECT_EQ(fake.readFile("/mnt/user/uaputl.conf"), kApFileHead + settings + kApFileTail);
+        else
+            EXPECT_EQ(fake.readFile("/tmp/wpa_supplicant0.conf"),
+                      (mode == 1 ? "ap_scan=2\n" : "ap_scan=1\n") + station + settings);
     }
 }
 
@@ -346,7 +297,6 @@ TEST_F(WlanTest, ApplyFailuresAndDhcp) {
     // "-1" shifts by 255: the empty mask passes the write's and the apply's test, and the
     // apply then fails on the unknown mode.
     EXPECT_EQ(call(true, 1, 7, "-1"), Reply(0, ""));
-    EXPECT_EQ(wlan().Mode, 255);
     fake.commands.clear();
     EXPECT_EQ(apply(1), Reply(-1, ""));
     EXPECT_EQ(fake.commands,
