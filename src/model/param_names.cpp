@@ -5,6 +5,7 @@
 #include <span>
 
 #include "model/config_model.h"
+#include "network/wlan_count.h"
 
 namespace {
 
@@ -135,7 +136,7 @@ constexpr Block kBlocks[] = {
     {"lan", Lan, 0, 1, kUnnumbered, false, kInterfaceCountRows},
     {"lan", Lan, 1, kLanServed, 0, false, kLanRows},
     {"wlan", Wlan, 0, 1, kUnnumbered, false, kInterfaceCountRows},
-    {"wlan", Wlan, 1, kWlanServed, 0, false, kWlanRows},
+    {"wlan", Wlan, 1, WLAN_IF_COUNT, 0, false, kWlanRows},
     {"can", Can, 0, 1, kUnnumbered, false, kInterfaceCountRows},
     {"can", Can, 1, kCanServed, 0, false, kCanRows},
     {"filter", Filter, 0, 1, kUnnumbered, false, kFilterGroupRows},

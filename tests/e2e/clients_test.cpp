@@ -75,7 +75,7 @@ std::map<std::string, std::string> accessByName(const Daemon& d) {
 
 TEST(Clients, DumpOfAFullDeviceAppliedToADefaultOneGivesItsValues) {
     ASSERT_EQ(runStub("modprobe", {"tarn-gw"}), 0);  // whatever the tests before left
-    Daemon full(31, 32, fullConfiguration());
+    Daemon full(31, 32, Daemon::freshFile(fullConfiguration()));
     ASSERT_NE(full.up(), "") << full.process.output();
     // Dumped before the second daemon starts: both set the one eth0 and host name there are.
     const Outcome dump = cfgctl(full, {"dump"});

@@ -23,6 +23,7 @@ class ParamNames : public SeamTest {
     ParamNames() {
         // The defaults (no file), the interfaces' base names and links, as after start-up.
         (void)loadConfiguration(m());  // a missing file gives the defaults, and 0
+        m().wlan.SupportedModes = 7;   // station, ad-hoc and AP, as the start-up gives it
         for (unsigned i = 0; i < kCanServed; ++i) {
             CanInterface& can = m().can[i];
             std::strcpy(can.BaseName, "can");
