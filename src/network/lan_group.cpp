@@ -9,18 +9,8 @@
 
 namespace {
 
-constexpr const char* kInterfaceNameFormat = "%s%u";
-constexpr std::size_t kInterfaceNameChars = 126;
 constexpr unsigned kGroupInstance = 0;
 constexpr unsigned kInterfaceInstance = 1;
-
-// The kernel's name of the interface: BaseName followed by Index ("eth0").
-struct InterfaceName {
-    explicit InterfaceName(const LanInterface& lan) {
-        std::snprintf(text, sizeof text, kInterfaceNameFormat, lan.BaseName, lan.Index);
-    }
-    char text[kInterfaceNameChars + 1];
-};
 
 // --- f2 = 0: the group as a whole, indexed by f3 ---
 

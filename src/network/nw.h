@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 
 #include <cstddef>
+#include <cstdio>
 
 inline constexpr std::size_t kNwCommandChars = 249;
 inline constexpr std::size_t kMacTextSize = 24;
@@ -16,6 +17,17 @@ inline constexpr const char* kDhcpServerScript = "/etc/init.d/S41udhcpd.sh";
 // Answers of the network groups to an address text that does not convert (with f1 and f2).
 inline constexpr const char* kFalseAddressFormat = "false address %d %d";
 inline constexpr const char* kFalseSubnetmaskFormat = "false subnetmask %d %d";
+
+// The kernel's name of an interface: its record's BaseName followed by its Index ("eth0",
+// "uap0"), at most 126 characters.
+inline constexpr std::size_t kInterfaceNameChars = 126;
+struct InterfaceName {
+    template <typename Record>
+    explicit InterfaceName(const Record& record) {
+        std::snprintf(text, sizeof text, "%s%u", record.BaseName, record.Index);
+    }
+    char text[kInterfaceNameChars + 1];
+};
 
 // Commands of the service operations: 0 start, 2 restart, any other value stop.
 enum NwCommand : int { NW_START = 0, NW_STOP = 1, NW_RESTART = 2 };

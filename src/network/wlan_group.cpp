@@ -31,7 +31,6 @@ constexpr uint8_t kFallbackEncryptionType = 5;  // WPA2, CCMP pairwise, TKIP gro
 constexpr const char* kUnsupportedModeFormat = "unsupported mode %d";
 constexpr const char* kFalseWlanInterfaceFormat = "false interface index %d";
 constexpr const char* kSupportedModesText = "0,1";
-constexpr const char* kInterfaceNameFormat = "%s%u";
 
 // Diagnostic lines on standard output.
 constexpr const char* kLogCall = "%s()\n";
@@ -107,14 +106,6 @@ uint32_t modeMask(uint8_t mode) {
 bool modeSupported(const WlanInterface& wlan, uint8_t mode) {
     return (wlan.SupportedModes & modeMask(mode)) == modeMask(mode);
 }
-
-// The kernel's name of the interface: BaseName followed by Index ("eth0", "uap0").
-struct InterfaceName {
-    explicit InterfaceName(const WlanInterface& wlan) {
-        std::snprintf(text, sizeof text, kInterfaceNameFormat, wlan.BaseName, wlan.Index);
-    }
-    char text[kPathChars + 1];
-};
 
 // --- f2 = 0: the group as a whole, indexed by f3 ---
 
