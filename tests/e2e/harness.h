@@ -132,11 +132,13 @@ struct QueueMessage {
     long type;
     char text[8192];
 };
-// Puts `text` on the daemon's queue `id` as a client does (requests go as type 1).
+// Puts `text` on the daemon's queue `id` as a client does (requests go as type 1); any size
+// up to the system's limit for one message.
 inline bool send(int id, const std::string& text, long type = 1) {
-    QueueMessage message{type, {}};
-    std::memcpy(message.text, text.data(), std::min(text.size(), sizeof message.text));
-    return msgsnd(id, &message, text.size(), IPC_NOWAIT) == 0;
+    std::vector<char> message(sizeof type + text.size());
+    std::memcpy(message.data(), &type, sizeof type);
+    std::memcpy(message.data() + sizeof type, text.data(), text.size());
+    return msgsnd(id, message.data(), text.size(), IPC_NOWAIT) == 0;
 }
 // The next message of `type` on queue `id`, polled for at most `timeoutMs`.
 inline std::optional<std::string> receive(int id, long type, int timeoutMs) {

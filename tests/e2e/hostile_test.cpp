@@ -1,0 +1,286 @@
+// Careless and hostile clients against the real daemon: a client that dies inside its session,
+// two clients whose sessions interleave, answer addresses the daemon cannot or should not
+// answer to, malformed and oversized texts, and a client that floods requests without reading
+// its answers. After each, a client that plays by the rules must be served as usual and find
+// the stored configuration.
+
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/syscall.h>
+
+#include "client.h"
+#include "harness.h"
+
+namespace e2e {
+namespace {
+
+constexpr unsigned kGeneral = 0, kDescription = 4;  // the free text that every case writes
+constexpr long kFirst = 90, kSecond = 91;           // answer addresses of the raw clients
+
+// The description's line as the store writes it.
+std::string storedLine(const std::string& description) {
+    char key[40];
+    std::snprintf(key, sizeof key, "\n%-30s = ", "description");
+    return key + description + "\n";
+}
+
+std::string fileWith(const std::string& description) {
+    return Daemon::freshFile(
+        "#########################################\n# KIV configuration file\n"
+        "# Format version 1.3.1\n#########################################\n[general]" +
+        storedLine(description));
+}
+
+std::string readDescription() {
+    return text(kRead, kGeneral, kDescription, 0);
+}
+std::string description(const std::string& value) {
+    return ok(kGeneral, kDescription, 0, value.c_str());
+}
+std::string setDescription(const std::string& value) {
+    return text(kSet, kGeneral, kDescription, 0, value.c_str());
+}
+
+// An answer text as it goes out: cut to what a queue message holds.
+std::string cut(const std::string& answer) {
+    return answer.substr(0, kQueueTextSize - 1);
+}
+
+msqid_ds queueState(const Daemon& d) {
+    msqid_ds state{};
+    EXPECT_EQ(msgctl(d.queue, IPC_STAT, &state), 0);
+    return state;
+}
+
+// A client as cfgctl is one: it takes the session lock, finds `stored`, writes `next` for good,
+// and the file then holds `next`. Nothing else is left on the queue.
+void expectCleanSession(const Daemon& d, const std::string& stored, const std::string& next) {
+    client::Connection c;
+    c.setTimeout(2);
+    RequestMessage answer{};
+    ASSERT_EQ(c.open(d.lock.c_str()), client::Status::Ok);
+    ASSERT_EQ(c.startSession(1, answer), client::Status::Ok) << "the session lock is held";
+    ASSERT_EQ(c.exchange(READ_PARAM, kGeneral, kDescription, 0, nullptr, answer),
+              client::Status::Ok);
+    EXPECT_EQ(answer.mt, POS_ANSW);
+    EXPECT_EQ(std::string(answer.da), stored);
+    ASSERT_EQ(c.exchange(SET_PARAM, kGeneral, kDescription, 0, next.c_str(), answer),
+              client::Status::Ok);
+    EXPECT_EQ(answer.mt, POS_ANSW) << answer.da;
+    ASSERT_EQ(c.exchange(FINISH_SESSION, 0, 0, 0, nullptr, answer), client::Status::Ok);
+    EXPECT_EQ(answer.mt, POS_ANSW) << answer.da;
+    EXPECT_NE(readFile(d.file).find(storedLine(next)), std::string::npos) << readFile(d.file);
+    EXPECT_EQ(queueState(d).msg_qnum, 0u);
+}
+
+// The session lock gives a dead client's hold back (its semaphore operations are undone), and
+// the next START_SESSION finds the dead session open and reloads the file over its writes. An
+// answer that the dead client did not read stays on the queue under its address.
+TEST(Hostile, ClientDyingInItsSessionFreesTheLockAndLosesItsWrites) {
+    enum Death { Exits, Killed, KilledBeforeItsAnswer };
+    Daemon d(71, 72, fileWith("kept"));
+    ASSERT_NE(d.up(), "") << d.process.output();
+    const int semaphores = semget(71, 0, 0);
+    ASSERT_GE(semaphores, 0);
+    for (Death death : {Exits, Killed, KilledBeforeItsAnswer}) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {  // no destructors: they would end the test's daemon
+            const char* value = "by the dead";
+            client::Connection c;
+            RequestMessage answer{};
+            client::RequestQueueMessage write;
+            const std::size_t length =
+                client::formatRequest(write, SET_PARAM, kGeneral, kDescription, 0, value);
+            const bool done =
+                c.open(d.lock.c_str()) == client::Status::Ok &&
+                c.startSession(1, answer) == client::Status::Ok &&
+                (death == KilledBeforeItsAnswer ? c.send(write, length)
+                                                : c.exchange(SET_PARAM, kGeneral, kDescription, 0,
+                                                             value, answer)) == client::Status::Ok;
+            if (done && death != Exits) (void)raise(SIGKILL);
+            _exit(done ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_TRUE(poll([&] { return waitpid(child, &status, WNOHANG) == child; }, kStartMs));
+        EXPECT_EQ(status, death == Exits ? 0 : SIGKILL) << "death " << death;  // wait status
+        EXPECT_EQ(semctl(semaphores, 0, GETVAL), 1) << "session lock, death " << death;
+        EXPECT_EQ(semctl(semaphores, 1, GETVAL), 0) << "users, death " << death;
+        if (death == KilledBeforeItsAnswer) {
+            EXPECT_EQ(receive(d.queue, client::answerTypeFor(child), kAnswerMs),
+                      ok(kGeneral, kDescription, 0));
+        }
+        const std::string next = "after death " + std::to_string(death);
+        expectCleanSession(d, death == Exits ? "kept" : "after death " + std::to_string(death - 1),
+                           next);
+    }
+}
+
+// One request after another, whoever sends it: the later START_SESSION reloads the file over the
+// first client's write and takes the answer address, so the first client's requests are answered
+// to the second, and the first client's FINISH_SESSION stores the second client's write.
+TEST(Hostile, InterleavedSessionsShareOneSessionState) {
+    Daemon d(73, 74, fileWith("kept"));
+    ASSERT_NE(d.up(), "") << d.process.output();
+    struct Step {
+        long answeredTo;
+        std::string request, answer, stored;  // stored: what the file holds afterwards
+    };
+    const Step steps[] = {
+        {kFirst, text(kStart, kFirst, 0, 2), ok(1, 0, 2), "kept"},
+        {kFirst, setDescription("by the first"), description(""), "kept"},
+        {kSecond, text(kStart, kSecond, 0, 1), ok(1, 0, 1), "kept"},
+        {kSecond, readDescription(), description("kept"), "kept"},  // sent by the first
+        {kSecond, setDescription("by the second"), description(""), "kept"},
+        {kSecond, text(kFinish, 0, 0, 0), ok(0, 0, 0), "by the second"},  // by the first
+        {kSecond, text(kFinish, 0, 0, 0), ok(0, 0, 0), "by the second"},
+    };
+    for (const Step& step : steps) {
+        ASSERT_TRUE(send(d.queue, step.request));
+        EXPECT_EQ(receive(d.queue, step.answeredTo, kAnswerMs), step.answer) << step.request;
+        EXPECT_NE(readFile(d.file).find(storedLine(step.stored)), std::string::npos)
+            << step.request;
+    }
+    EXPECT_EQ(queueState(d).msg_qnum, 0u) << "an answer to the first client";
+    expectCleanSession(d, "by the second", "after both");
+}
+
+// A session with answer address 0 is served but its answers cannot be sent; with address 1,
+// the daemon's own request type, the daemon takes its answers back as requests and, as they
+// are answers, ignores them. Either way the session's write is stored.
+TEST(Hostile, SessionsAnsweredToTypesZeroAndOneAreServedUnheard) {
+    Daemon d(75, 76, fileWith("kept"));
+    ASSERT_NE(d.up(), "") << d.process.output();
+    for (unsigned address : {0u, 1u}) {
+        const std::string value = "via type " + std::to_string(address);
+        for (const std::string& request :
+             {text(kStart, address, 0, 1), setDescription(value), text(kFinish, 0, 0, 0)})
+            ASSERT_TRUE(send(d.queue, request));
+        const pid_t daemon = d.process.pid();
+        msqid_ds state{};
+        // All three taken, and with address 1 answers sent and taken back.
+        EXPECT_TRUE(poll(
+            [&] {
+                state = queueState(d);
+                return state.msg_qnum == 0 && (address == 0 || state.msg_lspid == daemon);
+            },
+            kAnswerMs));
+        EXPECT_EQ(state.msg_lspid == daemon, address == 1);
+        expectCleanSession(d, value, "after " + value);
+    }
+}
+
+// Texts the parser refuses are dropped without answer; a text cut inside its value is taken as
+// far as it goes; a message longer than the receive buffer is answered with the receive's
+// error. Each is followed by a read, whose answer must be the next one.
+TEST(Hostile, MalformedAndOversizedTextsAreDroppedOrRefused) {
+    Daemon d(77, 78, fileWith("kept"));
+    ASSERT_NE(d.up(), "") << d.process.output();
+    ASSERT_TRUE(d.start(kFirst, 0, 5));
+    const std::string read = readDescription();
+    const std::string fourWrite = text(kSet, kGeneral, kDescription, 0);
+    const std::string fiveHead = "a:5" + fourWrite.substr(3, fourWrite.size() - 4);
+    const std::string open = fiveHead + "s:2:\"da\";s:999:\"";  // a value without its end
+    const auto filled = [&](std::size_t size) {
+        return open + std::string(size - open.size(), 'x');
+    };
+    const std::size_t largest = std::stoul(readFile("/proc/sys/kernel/msgmax"));
+    const std::string tooLong = text(kNegative, 0, 0, 0, "ERROR: Argument list too long!");
+    const std::string whole = filled(kQueueTextSize).substr(open.size());
+    const struct {
+        std::string request, answer;  // answer "": none
+        std::string after;            // the description then
+    } cases[] = {
+        {"", "", "kept"},
+        {"a", "", "kept"},
+        {read.substr(0, 20), "", "kept"},
+        {"b" + read.substr(1), "", "kept"},
+        {"a:3" + read.substr(3), "", "kept"},
+        {fiveHead + "}", "", "kept"},                 // five elements without value
+        {fiveHead + "s:2:\"da\";i:5;}", "", "kept"},  // a value that is no text
+        {read.substr(0, read.size() - 1), description("kept"), "kept"},  // no closing brace
+        {open + "open end", description(""), "open end"},
+        {filled(kQueueTextSize), description(""), whole},
+        {filled(kQueueTextSize + 1), tooLong, whole},
+        {filled(largest), tooLong, whole},
+    };
+    for (const auto& c : cases) {
+        const std::string shown =
+            c.request.substr(0, 80) + " (" + std::to_string(c.request.size()) + ")";
+        ASSERT_TRUE(send(d.queue, c.request)) << shown;
+        if (!c.answer.empty()) {
+            EXPECT_EQ(receive(d.queue, kFirst, kAnswerMs), c.answer) << shown;
+        }
+        EXPECT_TRUE(d.answers(read, cut(description(c.after)))) << shown;
+    }
+    ASSERT_TRUE(d.end());
+    // Stored whole, but read back only as far as the answer holds it.
+    const std::string answered = cut(description(whole));
+    expectCleanSession(d, answered.substr(answered.find('x')), "after the malformed");
+}
+
+// A client that sends requests without reading answers fills the queue, and the daemon waits in
+// its send of an answer that does not fit. When the client's requests came one by one, the queue
+// holds answers, and reading them lets the daemon go on. When they came faster than it took
+// them, the queue holds only requests: no answer can be read, and only taking requests back
+// off the queue frees the daemon. Either way the answers come in order and the state is kept.
+TEST(Hostile, FloodWithoutReadingAnswersHoldsTheDaemonInItsSend) {
+    Daemon d(79, 80, fileWith(std::string(100, 'a')));
+    ASSERT_NE(d.up(), "") << d.process.output();
+    const std::string proc =
+        std::string(std::getenv("CFGD_SANDBOX_PROC")) + "/" + std::to_string(d.process.pid()) + "/";
+    // Asleep in a send (the kernel shows the call of a task that is not running).
+    const auto sending = [&] {
+        return readFile(proc + "syscall").starts_with(std::to_string(SYS_msgsnd) + " ");
+    };
+    const std::string request = readDescription();
+    // Room for kHeld answers and one request: a flood's answers (longer than two requests) do
+    // not all fit, however fast client and daemon run.
+    constexpr std::size_t kHeld = 64;
+    msqid_ds limits = queueState(d);
+    limits.msg_qbytes = kHeld * description(std::string(100, 'a')).size() + request.size();
+    ASSERT_EQ(msgctl(d.queue, IPC_SET, &limits), 0);
+    for (const bool paced : {true, false}) {
+        const std::string value(100, paced ? 'a' : 'b'), answer = description(value);
+        ASSERT_TRUE(d.start(kFirst));
+        if (!paced) {  // the daemon does not take requests until the queue is full of them
+            ASSERT_EQ(kill(d.process.pid(), SIGSTOP), 0);
+            ASSERT_TRUE(
+                poll([&] { return readFile(proc + "stat").find(") T ") != std::string::npos; },
+                     kAnswerMs));
+        }
+        std::size_t sent = 0;
+        for (; sent < 10 * kHeld && send(d.queue, request); ++sent) {
+            if (paced) {  // taken and answered, or held in the daemon's send
+                ASSERT_TRUE(poll(
+                    [&] {
+                        return queueState(d).msg_cbytes == (sent + 1) * answer.size() || sending();
+                    },
+                    kAnswerMs));
+            }
+        }
+        ASSERT_EQ(errno, EAGAIN);
+        if (paced) {
+            EXPECT_EQ(sent, kHeld + 2);  // the last two came once the daemon was held
+        } else {
+            ASSERT_EQ(kill(d.process.pid(), SIGCONT), 0);
+        }
+        EXPECT_TRUE(poll(sending, kAnswerMs)) << readFile(proc + "syscall");
+        // All but the request in the daemon's hands; its answers, when paced.
+        EXPECT_EQ(queueState(d).msg_qnum, sent - 1);
+        std::size_t takenBack = 0;
+        if (!paced) {
+            EXPECT_EQ(receive(d.queue, kFirst, 0), std::nullopt);
+            for (QueueMessage back; msgrcv(d.queue, &back, sizeof back.text, 1, IPC_NOWAIT) >= 0;)
+                ++takenBack;
+            EXPECT_GT(takenBack, 0u);
+        }
+        for (std::size_t i = takenBack; i < sent; ++i)
+            ASSERT_EQ(receive(d.queue, kFirst, kAnswerMs), answer) << i << " of " << sent;
+        ASSERT_TRUE(d.end());
+        expectCleanSession(d, value, std::string(100, paced ? 'b' : 'c'));
+    }
+}
+
+}  // namespace
+}  // namespace e2e
