@@ -374,7 +374,11 @@ int32_t readInteger(const dictionary* ini, Section section, int number, unsigned
 int readBoolean(const dictionary* ini, Section section, int number, unsigned place) {
     const KeySpec& key = keySpec(section, place);
     KeyAddress address;
-    if (keyAddress(address, section, number, place) < 0) return key.defaultValue;
+    // A section named like the key ("[RT_0:NoCtrl]") is an entry without a value, which the
+    // library's boolean look-up reads through: it counts as a missing key.
+    if (keyAddress(address, section, number, place) < 0 ||
+        iniparser_getstring(ini, address, nullptr) == nullptr)
+        return key.defaultValue;
     return iniparser_getboolean(ini, address, key.defaultValue);
 }
 
@@ -383,7 +387,8 @@ const char* readText(const dictionary* ini, Section section, int number, unsigne
     (void)formatDefaultText(defaultBuffer, section, number, place);  // empty when none
     KeyAddress address;
     if (keyAddress(address, section, number, place) < 0) return defaultBuffer;
-    return iniparser_getstring(ini, address, defaultBuffer);
+    const char* text = iniparser_getstring(ini, address, defaultBuffer);
+    return text != nullptr ? text : defaultBuffer;  // a section named like the key has none
 }
 
 int formatDefaultText(KeyAddress& out, Section section, int number, unsigned place) {

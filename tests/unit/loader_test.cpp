@@ -90,6 +90,13 @@ TEST_F(Loader, FiltersNeedAKindAndATermThatParses) {
               std::tuple(0x80000123u, 0x800007FFu, 1u | kFilterInverted));
 }
 
+TEST_F(Loader, SectionNamedLikeAKeyCountsAsMissing) {
+    // The library keeps a section as an entry without a value, found by the key's address.
+    load("[General:KL15pwdn]\n[Host:Devicename]\n");
+    EXPECT_EQ(m().general.KL15pwdn, 0);
+    EXPECT_STREQ(m().general.hostName, "VORL-Gateway");
+}
+
 TEST_F(Loader, OlderFormatsUseTheirKeyNames) {
     load(header("1.0.0") +
          "[CAN_0]\nbr_reigster = BRP 2, RJW 1, TQ 83, PSEG1 9, PSEG2 2, PROPSEG 1\n"
