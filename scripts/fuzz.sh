@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (fuzz/) with clang in build-fuzz and runs each in turn for
-# SECONDS_PER_TARGET (default 60) on a working corpus under build-fuzz, seeded from
+# SECONDS_PER_TARGET (default 60), or only the TARGETs named after it, on a working corpus under build-fuzz, seeded from
 # fuzz/corpus/<target>; then prints per target the inputs run and what was found. The log and
 # any saved input of a target are in build-fuzz/fuzz-work/<target>/.
 # Exit status: 0 nothing found, 1 a target found a crash, leak, timeout or sanitizer report,
@@ -11,6 +11,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-60}
 build=build-fuzz
 targets=(message loader platform filter_term bit_timing)
+[ $# -gt 1 ] && targets=("${@:2}")
 
 mkdir -p "$build"
 probe='extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }'
