@@ -85,8 +85,9 @@ constexpr const char* kUsage =
     "outside the sandbox.\n"
     "--soak sends REQUESTS requests in sessions that read every parameter in turn and write\n"
     "CAN bit rates, filters and routes, ending permanently, temporarily or aborted; it runs on\n"
-    "a copy of INIFILE (default: the repository's %s) and reports cfgd's open\n"
-    "descriptors and VmRSS after %ld requests and every %ld after.\n";
+    "a copy of INIFILE (all routes and filters in use; default: the repository's\n"
+    "%s) and reports cfgd's open descriptors and VmRSS after %ld\n"
+    "requests and every %ld after.\n";
 
 [[noreturn]] void usage() {
     std::fprintf(stderr, kUsage, kDaemonName, kDefaultWarmUp, kDefaultRounds, kDefaultRequests,
@@ -569,16 +570,19 @@ int runSoak(Settings s) {
     const double seconds = secondsNow() - start;
     std::printf("%ld requests in %ld sessions: %.1f s, %.1f us per request\n", requests,
                 sessions.sessions(), seconds, seconds * 1e6 / static_cast<double>(requests));
-    std::printf("sessions: %ld read-only", sessions.count(soak::Kind::Read, soak::End::Permanent));
+    std::printf("sessions: %ld %s", sessions.count(soak::Kind::Read, soak::End::Permanent),
+                soak::kKindNames[static_cast<int>(soak::Kind::Read)]);
     for (const soak::Kind kind : {soak::Kind::Can, soak::Kind::Filter, soak::Kind::Route}) {
         std::printf("; %s writes", soak::kKindNames[static_cast<int>(kind)]);
         for (const soak::End end : {soak::End::Permanent, soak::End::Temporary, soak::End::Aborted})
             std::printf(" %ld %s", sessions.count(kind, end),
                         soak::kEndNames[static_cast<int>(end)]);
     }
-    std::printf("\nafter warm-up: descriptors %s, VmRSS grew at most %+ld kB (bound +%ld kB): %s\n",
-                sameDescriptors ? "level" : "CHANGED", growth, soak::kResidentSlackKilobytes,
-                level ? "level" : "NOT LEVEL");
+    std::printf(
+        "\nafter warm-up: descriptors %s, VmRSS grew at most %+ld kB (bound +%ld kB%s): %s\n",
+        sameDescriptors ? "level" : "CHANGED", growth, soak::kResidentSlackKilobytes,
+        soak::kResidentMeasures ? "" : ", not judged under AddressSanitizer",
+        level ? "level" : "NOT LEVEL");
     return 0;
 }
 
