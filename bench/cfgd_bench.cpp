@@ -3,9 +3,10 @@
 // and server in both measurements, a warm-up first. It also follows the daemon's resident
 // memory over the run, which must not grow with the number of requests.
 //
-// Its soak mode (--soak N) runs N whole sessions of the web front end's kind instead (see
-// soak_session.h) and reports the daemon's open descriptors and resident memory after the
-// first 100 sessions and at the end: both must stay level.
+// Its soak mode (--soak N) sends N requests in whole sessions of the web front end's kind
+// instead, reads and writes of every group mixed (see soak_session.h), and reports the daemon's
+// open descriptors and resident memory after a warm-up and every 100,000 requests: both must
+// stay level.
 
 #include <sched.h>
 #include <signal.h>
@@ -55,7 +56,10 @@ constexpr long kDefaultWarmUp = 10000;
 constexpr int kDefaultRounds = 3;
 constexpr long kRequestsPerDeadline = 1000;
 constexpr double kTargetRatio = 1.25;
-constexpr long kSoakWarmUpSessions = 100;
+constexpr long kSoakReportEvery = 100000;
+// The soak's permanent sessions store into the configuration file: a copy on the sandbox's
+// private /mnt/user (on one file system with the backup, as the store needs).
+constexpr const char* kSoakConfigCopy = "/mnt/user/cfgd-soak.ini";
 
 struct Settings {
     const char* daemon = nullptr;      // the cfgd of the benchmark's own build
@@ -66,26 +70,28 @@ struct Settings {
     int cpu = 0;
     unsigned f1 = 0, f2 = 2, f3 = 0;
     bool echoOnly = false;  // no daemon: the bare loop alone, with a stand-in answer
-    long soakSessions = 0;  // > 0: the soak instead of the round-trip measurement
+    long soakRequests = 0;  // > 0: the soak instead of the round-trip measurement
 };
 
 constexpr const char* kUsage =
     "Usage: cfgd_bench [-d CFGD] [-f INIFILE] [-n REQUESTS] [-w WARMUP] [-r ROUNDS] [-c CPU]\n"
     "                  [-p F1,F2,F3] [-e]\n"
-    "       cfgd_bench [-d CFGD] [-f INIFILE] [-c CPU] --soak SESSIONS\n"
+    "       cfgd_bench [-d CFGD] [-f INIFILE] [-c CPU] --soak REQUESTS\n"
     "Runs inside the sandbox (sandbox/sandbox.sh test cfgd_bench). Starts CFGD (default: the\n"
     "%s of the build this program belongs to) and an echo server, pins both and itself to\n"
     "CPU (default 0) and measures READ_PARAM F1 F2 F3 (default 0 2 0): WARMUP requests\n"
     "(default %ld), then ROUNDS (default %d) rounds of REQUESTS (default %ld) on each server.\n"
     "-e measures the echo server alone with an empty answer; it starts no daemon and may run\n"
     "outside the sandbox.\n"
-    "--soak runs SESSIONS sessions that read CAN, LAN and route parameters, every tenth also\n"
-    "writing route 1's frames per packet, and reports cfgd's open descriptors and VmRSS after\n"
-    "the first %ld sessions and at the end.\n";
+    "--soak sends REQUESTS requests in sessions that read every parameter in turn and write\n"
+    "CAN bit rates, filters and routes, ending permanently, temporarily or aborted; it runs on\n"
+    "a copy of INIFILE (all routes and filters in use; default: the repository's\n"
+    "%s) and reports cfgd's open descriptors and VmRSS after %ld\n"
+    "requests and every %ld after.\n";
 
 [[noreturn]] void usage() {
     std::fprintf(stderr, kUsage, kDaemonName, kDefaultWarmUp, kDefaultRounds, kDefaultRequests,
-                 kSoakWarmUpSessions);
+                 soak::kConfiguration, soak::kWarmUpRequests, kSoakReportEvery);
     std::exit(2);
 }
 
@@ -144,14 +150,14 @@ Settings parseSettings(int argc, char** argv) {
                 s.echoOnly = true;
                 break;
             case kSoakOption:
-                good = readNumber(std::string_view(optarg), s.soakSessions, 1L);
+                good = readNumber(std::string_view(optarg), s.soakRequests, 1L);
                 break;
             default:
                 good = false;
         }
         if (!good) usage();
     }
-    if (optind != argc || (s.echoOnly && s.soakSessions > 0)) usage();
+    if (optind != argc || (s.echoOnly && s.soakRequests > 0)) usage();
     return s;
 }
 
@@ -484,30 +490,99 @@ int runAgainstDaemon(const Settings& s) {
     return 0;
 }
 
-// The daemon's open descriptors and resident memory, as one report line.
-void printDaemonUse(const char* when, long sessions) {
-    std::printf("%s %ld sessions: cfgd holds %d descriptors, VmRSS %ld kB\n", when, sessions,
-                soak::openDescriptors(procfs(), daemonPid), residentKilobytes(daemonPid));
+// Copies the file at `from` to `to`; fails the run when it cannot.
+void copyFile(const char* from, const char* to) {
+    std::FILE* in = std::fopen(from, "rb");
+    if (in == nullptr) fail("cannot read %s: %s", from, std::strerror(errno));
+    std::FILE* out = std::fopen(to, "wb");
+    if (out == nullptr) fail("cannot write %s: %s", to, std::strerror(errno));
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0)
+        if (std::fwrite(buffer, 1, n, out) != n) fail("cannot write %s", to);
+    (void)std::fclose(in);  // read-only
+    if (std::fclose(out) != 0) fail("cannot write %s: %s", to, std::strerror(errno));
 }
 
-int runSoak(const Settings& s) {
+// One report line of the daemon's use; its change since the warm-up once there is one.
+soak::Use reportUse(const char* when, long requests, long sessions, double seconds,
+                    const soak::Use& warm) {
+    const soak::Use now = soak::use(procfs(), daemonPid);
+    if (now.descriptors < 0 || now.residentKilobytes < 0) fail("cannot read cfgd's use");
+    std::printf("%-14s %8ld requests, %6ld sessions, %6.1f s: %d descriptors, VmRSS %ld kB", when,
+                requests, sessions, seconds, now.descriptors, now.residentKilobytes);
+    if (warm.descriptors >= 0)
+        std::printf(" (%+d, %+ld kB)", now.descriptors - warm.descriptors,
+                    now.residentKilobytes - warm.residentKilobytes);
+    std::printf("\n");
+    std::fflush(stdout);
+    return now;
+}
+
+int runSoak(Settings s) {
+    std::string source;
+    if (s.configFile != nullptr) {
+        source = s.configFile;
+    } else {
+        const char* repository = std::getenv(soak::kRepositoryVariable);
+        if (repository == nullptr)
+            fail("%s is not set; give the file with -f", soak::kRepositoryVariable);
+        source = std::string(repository) + "/" + soak::kConfiguration;
+    }
+    copyFile(source.c_str(), kSoakConfigCopy);
+    s.configFile = kSoakConfigCopy;
     startDaemon(s);
     client::Connection cfgd;
     connectToDaemon(cfgd);
     std::printf(
-        "soak: %ld sessions of %zu reads (CAN, LAN, routes); every %uth session also writes "
-        "route 1's FPP and applies it\n",
-        s.soakSessions, std::size(soak::kReads), soak::kWriteEvery);
+        "soak: %ld requests on a copy of %s; each session reads %u of the %zu readable "
+        "parameters, the next session the next %u; 1 session in %ld writes (1 in %ld of those a "
+        "route's FPP, the others a CAN bit rate or a filter's kind and term in turn), ending "
+        "permanently, temporarily and aborted in turn\n",
+        s.soakRequests, source.c_str(), soak::kReadsPerSession, soak::readable().size(),
+        soak::kReadsPerSession, soak::kWriteEvery, soak::kRouteEvery);
     std::fflush(stdout);
+
+    soak::Soak sessions;
+    soak::Use warm;
+    bool level = true, sameDescriptors = true;
+    long growth = 0;  // the most VmRSS grew after the warm-up
+    long requests = 0;
+    long nextReport = kSoakReportEvery;
+    const long warmUp = std::min(soak::kWarmUpRequests, s.soakRequests);
     const double start = secondsNow();
-    for (long n = 1; n <= s.soakSessions; ++n) {
-        if (!soak::session(cfgd, n)) fail("session %ld failed", n);
-        if (n == std::min(kSoakWarmUpSessions, s.soakSessions)) printDaemonUse("after", n);
+    while (requests < s.soakRequests) {
+        const long made = sessions.session(cfgd);
+        if (made < 0) fail("a request failed after %ld requests", requests);
+        requests += made;
+        const double seconds = secondsNow() - start;
+        if (warm.descriptors < 0 && requests >= warmUp)
+            warm = reportUse("after warm-up", requests, sessions.sessions(), seconds, warm);
+        if (requests < nextReport && requests < s.soakRequests) continue;
+        nextReport += kSoakReportEvery;
+        const soak::Use now = reportUse(requests < s.soakRequests ? "" : "at the end", requests,
+                                        sessions.sessions(), seconds, warm);
+        if (warm.descriptors < 0) continue;  // a report within the warm-up
+        level = level && soak::level(warm, now);
+        sameDescriptors = sameDescriptors && now.descriptors == warm.descriptors;
+        growth = std::max(growth, now.residentKilobytes - warm.residentKilobytes);
     }
     const double seconds = secondsNow() - start;
-    printDaemonUse("at the end, after", s.soakSessions);
-    std::printf("%.1f s, %.2f ms per session\n", seconds,
-                seconds * 1e3 / static_cast<double>(s.soakSessions));
+    std::printf("%ld requests in %ld sessions: %.1f s, %.1f us per request\n", requests,
+                sessions.sessions(), seconds, seconds * 1e6 / static_cast<double>(requests));
+    std::printf("sessions: %ld %s", sessions.count(soak::Kind::Read, soak::End::Permanent),
+                soak::kKindNames[static_cast<int>(soak::Kind::Read)]);
+    for (const soak::Kind kind : {soak::Kind::Can, soak::Kind::Filter, soak::Kind::Route}) {
+        std::printf("; %s writes", soak::kKindNames[static_cast<int>(kind)]);
+        for (const soak::End end : {soak::End::Permanent, soak::End::Temporary, soak::End::Aborted})
+            std::printf(" %ld %s", sessions.count(kind, end),
+                        soak::kEndNames[static_cast<int>(end)]);
+    }
+    std::printf(
+        "\nafter warm-up: descriptors %s, VmRSS grew at most %+ld kB (bound +%ld kB%s): %s\n",
+        sameDescriptors ? "level" : "CHANGED", growth, soak::kResidentSlackKilobytes,
+        soak::kResidentMeasures ? "" : ", not judged under AddressSanitizer",
+        level ? "level" : "NOT LEVEL");
     return 0;
 }
 
@@ -524,6 +599,6 @@ int main(int argc, char** argv) {
     pinToCpu(s.cpu);
     (void)signal(SIGPIPE, SIG_IGN);  // output to a closed pipe must not skip the clean-up
     std::atexit(cleanUp);
-    if (s.soakSessions > 0) return runSoak(s);                 // cleanUp stops the daemon
+    if (s.soakRequests > 0) return runSoak(s);                 // cleanUp stops the daemon
     return s.echoOnly ? runEchoOnly(s) : runAgainstDaemon(s);  // cleanUp stops the servers
 }
