@@ -9,9 +9,11 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "model/config_model.h"
+#include "model/handler.h"
 #include "sim_driver.h"
 #include "sys/system.h"
 
@@ -39,7 +41,7 @@ class FakeSystem final : public sys::System {
     std::vector<unsigned long> interfaceQueries;
     // The file steps work on the real files under the root; each can be made to fail.
     int openStreamErrno = 0;  // non-zero: openStream fails with it
-    long writeLimit = -1;     // from 0 on: a stream takes this many bytes, then fails (ENOSPC)
+    int writeErrno = 0;       // non-zero: the stream opened takes no byte, each write fails so
     int syncErrno = 0;        // non-zero: syncStream fails with it
     int closeErrno = 0;       // non-zero: closeStream closes the stream, then fails with it
     int renameErrno = 0;      // non-zero: renameFile fails with it and renames nothing
@@ -76,11 +78,25 @@ class FakeSystem final : public sys::System {
     std::string root_;
 };
 
+// A handler's result and the answer text it left.
+using Reply = std::pair<int, std::string>;
+
+// The header that opens a configuration file of the given format version.
+std::string configHeader(const std::string& version);
+
 // A test with the fake seam installed and a freshly allocated model.
 class SeamTest : public ::testing::Test {
   protected:
     SeamTest();
     ~SeamTest() override;
+
+    // One request of group f1 handed straight to a read or set handler.
+    Reply handle(ReadHandler handler, uint8_t f1, uint8_t f2, uint8_t f3, const char* value = "");
+    Reply applied(ApplyHandler handler, unsigned instance);
+    // One request through the session rules and the dispatch. The answer starts with a stale
+    // text, which the processing must clear.
+    AnswerMessage send(uint8_t mt, uint8_t f1 = 0, uint8_t f2 = 0, uint8_t f3 = 0,
+                       const char* value = "");
 
     FakeSystem fake;
     ConfigModel* model;
