@@ -11,8 +11,6 @@
 
 namespace {
 
-using Reply = std::pair<int, std::string>;  // a handler's result and answer text
-
 class CanGroupTest : public SeamTest {
   protected:
     CanGroupTest() {
@@ -21,10 +19,7 @@ class CanGroupTest : public SeamTest {
         m().stamps.can = m().session.counter;  // live state already fetched in this session
     }
     Reply call(bool write, uint8_t f2, uint8_t f3, const char* value = "") {
-        RequestMessage request{0, write ? SET_PARAM : READ_PARAM, 4, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", value);
-        AnswerMessage answer{};
-        return {(write ? setCan : readCan)(request, answer, m()), answer.da};  // in this order
+        return handle(write ? setCan : readCan, 4, f2, f3, value);
     }
 };
 

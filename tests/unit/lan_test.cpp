@@ -13,7 +13,6 @@
 
 namespace {
 
-using Reply = std::pair<int, std::string>;  // a handler's result and answer text
 using Lines = std::vector<std::string>;
 
 class LanTest : public SeamTest {
@@ -27,10 +26,7 @@ class LanTest : public SeamTest {
     }
     LanInterface& lan() { return m().lan[0]; }
     Reply call(bool write, uint8_t f2, uint8_t f3, const char* value = "") {
-        RequestMessage request{0, write ? SET_PARAM : READ_PARAM, 2, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", value);
-        AnswerMessage answer{};
-        return {(write ? setLan : readLan)(request, answer, m()), answer.da};  // in this order
+        return handle(write ? setLan : readLan, 2, f2, f3, value);
     }
 };
 

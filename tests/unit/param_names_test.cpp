@@ -42,14 +42,6 @@ class ParamNames : public SeamTest {
                       POS_ANSW);
         send(FINISH_SESSION);
     }
-    AnswerMessage send(uint8_t mt, uint8_t f1 = 0, uint8_t f2 = 0, uint8_t f3 = 0,
-                       const char* da = "") {
-        RequestMessage request{0, mt, f1, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", da);
-        AnswerMessage answer{};
-        (void)procMsg(request, answer, m());  // the answer's type tells
-        return answer;
-    }
     void start(uint8_t writes) { ASSERT_EQ(send(START_SESSION, kAddress, 0, writes).mt, POS_ANSW); }
     AnswerMessage read(const Param& p) { return send(READ_PARAM, p.f1, p.f2, p.f3); }
     // A temporary write in a session of its own, so that nothing is stored.

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "config/config_path.h"
@@ -14,15 +13,6 @@ constexpr const char* kMixedText =
 
 class Session : public SeamTest {
   protected:
-    AnswerMessage send(uint8_t mt, uint8_t f1 = 0, uint8_t f2 = 0, uint8_t f3 = 0,
-                       const char* da = "") {
-        RequestMessage request{0, mt, f1, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", da);
-        AnswerMessage answer{};
-        std::strcpy(answer.da, "stale text");
-        (void)procMsg(request, answer, m());  // the answer's type tells
-        return answer;
-    }
     void start(uint8_t writes) { ASSERT_EQ(send(START_SESSION, kAddress, 0, writes).mt, POS_ANSW); }
     // GUI "show device info": a write whose effect is easy to see.
     AnswerMessage writeGui(uint8_t mt, const char* value) { return send(mt, 8, 1, 0, value); }

@@ -17,7 +17,6 @@
 
 namespace {
 
-using Reply = std::pair<int, std::string>;  // a handler's result and answer text
 using Lines = std::vector<std::string>;
 
 class WlanTest : public SeamTest {
@@ -37,28 +36,15 @@ class WlanTest : public SeamTest {
     }
     WlanInterface& wlan() { return m().wlan; }
     Reply call(bool write, uint8_t f2, uint8_t f3, const char* value = "") {
-        RequestMessage request{0, write ? SET_PARAM : READ_PARAM, 3, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", value);
-        AnswerMessage answer{};
-        return {(write ? storeWlanInformation : readWlan)(request, answer, m()), answer.da};
+        return handle(write ? storeWlanInformation : readWlan, 3, f2, f3, value);
     }
-    Reply apply(unsigned index) {
-        AnswerMessage answer{};
-        return {setWlanConfig(index, m(), answer), answer.da};  // in this order
-    }
+    Reply apply(unsigned index) { return applied(setWlanConfig, index); }
     // A temporary session (nothing is stored) with the given writes; its answer to FINISH_SESSION.
     AnswerMessage session(const std::vector<std::pair<uint8_t, const char*>>& writes, uint8_t f2) {
-        AnswerMessage answer{};
-        const auto send = [&](uint8_t mt, uint8_t f1, uint8_t sub2, uint8_t sub3, const char* v) {
-            RequestMessage request{0, mt, f1, sub2, sub3, {}};
-            std::snprintf(request.da, sizeof request.da, "%s", v);
-            (void)procMsg(request, answer, m());  // the answer tells
-        };
-        send(START_SESSION, 40, 0, static_cast<uint8_t>(writes.size()), "");
+        send(START_SESSION, 40, 0, static_cast<uint8_t>(writes.size()));
         for (const auto& [f3, value] : writes)
             send(SET_TEMP_PARAM, 3, f2, f3, value);
-        send(FINISH_SESSION, 0, 0, 0, "");
-        return answer;
+        return send(FINISH_SESSION);
     }
 };
 
