@@ -161,11 +161,16 @@ TEST_F(RouteGroupTest, LiveStateIsFetchedOncePerSessionAndReset) {
     held.stats[route_stat::LanMsgs] = 42;
     held.fppStats[1] = 9;
     fake.driver.routeNode(0).route = held;
+    route(1) = route(0);
+    route(1).DrvIndex = 1;
+    held.info.flags |= kDrvRunRequest;  // this one the driver runs
+    fake.driver.routeNode(1).route = held;
 
     ++m().session.counter;
     EXPECT_EQ(read(1, 22), "42");
     EXPECT_EQ(read(1, 28), "0; 9; ");
     EXPECT_EQ(read(1, 1), "1");  // no longer running
+    EXPECT_EQ(read(2, 1), "2");
     const auto opened = fake.driver.opened.size();
     EXPECT_EQ(m().stamps.routes, m().session.counter);
 
