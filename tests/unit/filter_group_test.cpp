@@ -27,7 +27,8 @@ class FilterGroup : public SeamTest {
 };
 
 // One session through the daemon's dispatch: refusals, creation, reads, and at its end a
-// deletion reported inside its success.
+// deletion reported inside its success. (How a filter reaches its routes is the route filter
+// tests' part.)
 TEST_F(FilterGroup, SessionAnswers) {
     fake.writeFile(kDefaultConfigPath, "");  // the daemon makes sure it exists; the end stores
     const std::tuple<uint8_t, unsigned, unsigned, std::string, int, std::string> steps[] = {
@@ -36,6 +37,7 @@ TEST_F(FilterGroup, SessionAnswers) {
         {SET_PARAM, 32, 0, "7", -1, "unknown filter type 7"},
         {SET_PARAM, 5, 2, "", -1, "false filter index (5) - create filter by setting kind"},
         {SET_PARAM, 32, 0, "3", 0, ""},
+        {READ_PARAM, 32, 1, "", 0, "1"},  // created passing
         {SET_PARAM, 32, 1, "0", 0, ""},
         {READ_PARAM, 0, 2, "", 0, "31;"},
         {READ_PARAM, 32, 1, "", 0, "0"},
