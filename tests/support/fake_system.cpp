@@ -43,10 +43,6 @@ std::string FakeSystem::readFile(const char* devicePath) const {
     return content.str();
 }
 
-bool FakeSystem::fileExists(const char* devicePath) const {
-    return fs::exists(pathOf(devicePath));
-}
-
 void FakeSystem::removeFile(const char* devicePath) const {
     std::error_code ignored;
     fs::remove(pathOf(devicePath), ignored);
@@ -54,7 +50,7 @@ void FakeSystem::removeFile(const char* devicePath) const {
 
 int FakeSystem::runCommand(const char* command) {
     commands.emplace_back(command);
-    if (moveFiles && commandResult == 0) moveFile(command);
+    if (commandResult == 0) moveFile(command);
     if (commandResult < 0) errno = EAGAIN;  // as system(3) does when no shell could start
     return commandResult;
 }
@@ -69,18 +65,6 @@ void FakeSystem::moveFile(const char* command) const {
     if (!underRoot(from) || !underRoot(to)) return;  // never anything outside the root
     std::error_code ignored;
     fs::rename(from, to, ignored);
-}
-
-int FakeSystem::openNode(const char* path, int) {
-    return driver.open(path);
-}
-
-int FakeSystem::ioctlNode(int fd, unsigned long request, void* argument) {
-    return driver.ioctl(fd, request, argument);
-}
-
-int FakeSystem::closeNode(int fd) {
-    return driver.close(fd);
 }
 
 int FakeSystem::queryInterface(unsigned long request, void* interfaceRequest) {
@@ -121,12 +105,6 @@ int FakeSystem::getHostName(char* name, std::size_t size) {
     std::snprintf(name, size, "%s", hostName.c_str());
     return 0;
 }
-
-void FakeSystem::sleepNanoseconds(long nanoseconds) {
-    sleeps.push_back(nanoseconds);
-}
-
-void FakeSystem::syncDisks() {}
 
 sys::FilePath FakeSystem::placeFile(const char* devicePath) {
     sys::FilePath placed{};

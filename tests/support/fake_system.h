@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <string_view>
@@ -26,6 +27,8 @@ class FakeSystem final : public sys::System {
 
     // Test controls and records.
     std::vector<std::string> commands;
+    // Every command's result. At 0 (the shell ran and the command succeeded) an "mv -f FROM TO"
+    // under the root really moves the file.
     int commandResult = 0;
     std::string hostName = "host-under-test";
     std::vector<std::string> hostNamesSet;
@@ -46,26 +49,27 @@ class FakeSystem final : public sys::System {
     int closeErrno = 0;       // non-zero: closeStream closes the stream, then fails with it
     int renameErrno = 0;      // non-zero: renameFile fails with it and renames nothing
     int streamSyncs = 0;
-    // "mv -f FROM TO" commands under the root really move the file when this is set and
-    // commandResult is 0 (the shell ran and mv succeeded).
-    bool moveFiles = false;
 
     // Files of the device, under the private root.
     std::string pathOf(const char* devicePath) const { return root_ + devicePath; }
     void writeFile(const char* devicePath, std::string_view content) const;
     std::string readFile(const char* devicePath) const;
-    bool fileExists(const char* devicePath) const;
+    bool fileExists(const char* devicePath) const {
+        return std::filesystem::exists(pathOf(devicePath));
+    }
     void removeFile(const char* devicePath) const;
 
     int runCommand(const char* command) override;
-    int openNode(const char* path, int flags) override;
-    int ioctlNode(int fd, unsigned long request, void* argument) override;
-    int closeNode(int fd) override;
+    int openNode(const char* path, int) override { return driver.open(path); }
+    int ioctlNode(int fd, unsigned long request, void* argument) override {
+        return driver.ioctl(fd, request, argument);
+    }
+    int closeNode(int fd) override { return driver.close(fd); }
     int queryInterface(unsigned long request, void* interfaceRequest) override;
     int setHostName(const char* name, std::size_t length) override;
     int getHostName(char* name, std::size_t size) override;
-    void sleepNanoseconds(long nanoseconds) override;
-    void syncDisks() override;
+    void sleepNanoseconds(long nanoseconds) override { sleeps.push_back(nanoseconds); }
+    void syncDisks() override {}
     sys::FilePath placeFile(const char* devicePath) override;
     std::FILE* openStream(const char* path, const char* mode) override;
     int syncStream(std::FILE* stream) override;

@@ -30,7 +30,6 @@ using Strings = std::vector<std::string>;
 
 class Store : public SeamTest {
   protected:
-    Store() { fake.moveFiles = true; }
     int store(std::vector<unsigned> places = {}) {
         for (unsigned place : places)
             m().changed.place[place] = 1;
