@@ -98,9 +98,8 @@ TEST_F(CanGroupTest, ApplyCommandLines) {
     CanInterface& b = m().can[1];  // inactive: left down
     b.ManBr = b.Autoresume = b.Loopback = b.Oneshot = b.Triplesampling = 1;
     b.timing = {125, 1, 12, 2, 1, 3};
-    AnswerMessage answer{};
     for (unsigned instance : {0u, 1u, 2u})
-        EXPECT_EQ(applyCanInterface(instance, m(), answer), 0);
+        EXPECT_EQ(applied(applyCanInterface, instance), Reply(0, ""));
     const std::vector<std::string> expected = {
         "ip link set can0 down",
         "ip link set can0 type can bitrate 500000 sample-point 0.875 listen-only on loopback off "
@@ -109,8 +108,7 @@ TEST_F(CanGroupTest, ApplyCommandLines) {
         "ip link set can1 type can tq 125 prop-seg 1 phase-seg1 12 phase-seg2 2 sjw 1 listen-only "
         "off loopback on triple-sampling on one-shot on berr-reporting off restart-ms 1"};
     EXPECT_EQ(fake.commands, expected);
-    EXPECT_EQ(applyCanInterface(3, m(), answer), -1);
-    EXPECT_STREQ(answer.da, "false interface intdex 3");
+    EXPECT_EQ(applied(applyCanInterface, 3), Reply(-1, "false interface intdex 3"));
 }
 
 constexpr uint32_t kKept = 77;  // a value the parse did not reach
