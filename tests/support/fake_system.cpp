@@ -190,6 +190,14 @@ AnswerMessage SeamTest::send(uint8_t mt, uint8_t f1, uint8_t f2, uint8_t f3, con
     return answer;
 }
 
+std::string shown(const AnswerMessage& a) {
+    const std::string kind = a.mt == POS_ANSW   ? "POS"
+                             : a.mt == NEG_ANSW ? "NEG"
+                                                : std::to_string(a.mt);
+    return kind + " to " + std::to_string(a.type) + " " + std::to_string(a.f1) + "/" +
+           std::to_string(a.f2) + "/" + std::to_string(a.f3) + ": " + a.da;
+}
+
 std::string configHeader(const std::string& version) {
     return "#########################################\n# KIV configuration file\n"
            "# Format version " +

@@ -85,6 +85,9 @@ class FakeSystem final : public sys::System {
 // A handler's result and the answer text it left.
 using Reply = std::pair<int, std::string>;
 
+// An answer as "POS to 42 1/7/3: text" (NEG for a refusal, the number for any other type).
+std::string shown(const AnswerMessage& answer);
+
 // The header that opens a configuration file of the given format version.
 std::string configHeader(const std::string& version);
 
