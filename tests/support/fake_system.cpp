@@ -80,14 +80,14 @@ int FakeSystem::queryInterface(unsigned long request, void* interfaceRequest) {
         std::memcpy(query->ifr_hwaddr.sa_data, known->second.mac.data(), 6);
         return 0;
     }
-    if (request == SIOCGIFADDR && !known->second.ipv4.empty()) {
+    if (request == SIOCGIFADDR) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         inet_pton(AF_INET, known->second.ipv4.c_str(), &address.sin_addr);
         std::memcpy(&query->ifr_addr, &address, sizeof address);
         return 0;
     }
-    errno = request == SIOCGIFADDR ? EADDRNOTAVAIL : EINVAL;
+    errno = EINVAL;
     return -1;
 }
 

@@ -38,7 +38,7 @@ class FakeSystem final : public sys::System {
     // Network interfaces the kernel queries see, by name; unknown names fail with ENODEV.
     struct Interface {
         std::array<uint8_t, 6> mac;
-        std::string ipv4;  // dotted; empty: the interface has no address (EADDRNOTAVAIL)
+        std::string ipv4;  // dotted
     };
     std::map<std::string, Interface> interfaces;
     std::vector<unsigned long> interfaceQueries;
