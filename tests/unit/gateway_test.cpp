@@ -94,7 +94,7 @@ TEST_F(Gateway, StartWithoutTheDriverLeavesEveryRouteWithoutNode) {
     EXPECT_EQ(startGatewayDriver(m()), -2);
     EXPECT_EQ(fake.commands, Commands{kModprobe});  // no helper restart either
     for (unsigned i = 0; i < kMaxRoutes; ++i)
-        EXPECT_EQ(m().routes[i].DrvIndex, kNoDriverNode) << i;
+        EXPECT_EQ(m().routes[i].DrvIndex, 255) << i;
 
     // Active without a node needs the driver; inactive without one is nobody's business.
     EXPECT_EQ(apply(1).first, -2);

@@ -68,10 +68,9 @@ TEST_F(LanTest, CommandLinesOfTheNetworkLayer) {
     for (int command : {0, 2, -1})
         (void)nw_dhcp_server(command);
     const std::string server = "/etc/init.d/S41udhcpd.sh ";
-    const Lines expected = {
-        ("/etc/init.d/udhcpc.sh start eth0 \"" + longName).substr(0, kNwCommandChars),
-        "/etc/init.d/udhcpc.sh stop eth0 \"gw\"", server + "start", server + "restart",
-        server + "stop"};
+    const Lines expected = {("/etc/init.d/udhcpc.sh start eth0 \"" + longName).substr(0, 249),
+                            "/etc/init.d/udhcpc.sh stop eth0 \"gw\"", server + "start",
+                            server + "restart", server + "stop"};
     EXPECT_EQ(fake.commands, expected);
     EXPECT_EQ(nw_update_resolv_conf(nullptr), -1);
 }

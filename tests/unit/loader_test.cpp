@@ -172,7 +172,7 @@ TEST_F(Loader, LanRoutesAndDhcpServerSections) {
     EXPECT_TRUE(r1.image.info.flags & kDrvTcpDelay);
     EXPECT_STREQ(m().routes[2].RtInfo, "");  // beyond FWD_GEN's count
     for (unsigned i = 0; i < 8; ++i)
-        EXPECT_EQ(m().routes[i].DrvIndex, kNoDriverNode) << i;
+        EXPECT_EQ(m().routes[i].DrvIndex, 255) << i;
 
     EXPECT_EQ(m().dhcp.max_leases, 255);
     EXPECT_EQ(dotted(m().dhcp.start_addr) + " " + dotted(m().dhcp.end_addr),

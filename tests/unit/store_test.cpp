@@ -26,6 +26,7 @@ namespace {
 // As the store writes it: the line feed that ends it opens the first section.
 const std::string kHeader131 = configHeader("1.3.1").erase(configHeader("1.3.1").size() - 1) + " ";
 const std::string kAbsent = "(absent)", kSection = "(section)";
+constexpr const char *kBackup = "/mnt/user/kiv_config.old", *kTemporary = "/tmp/kiv_config.tmp";
 using Strings = std::vector<std::string>;
 
 class Store : public SeamTest {
@@ -108,10 +109,10 @@ TEST_F(Store, WritesHeaderSectionsAndKeysInTheLibrarysForm) {
                             "PSEG2 2, PROPSEG 0\n"
                             "samplepoint                    = 875\n"
                             "\n\n");
-    EXPECT_EQ(fake.readFile(kBackupConfigPath), before);
-    EXPECT_FALSE(fake.fileExists(kTemporaryConfigPath));
-    EXPECT_EQ(fake.commands, std::vector<std::string>{"mv -f " + fake.pathOf(kTemporaryConfigPath) +
-                                                      " " + fake.pathOf(kDefaultConfigPath)});
+    EXPECT_EQ(fake.readFile(kBackup), before);
+    EXPECT_FALSE(fake.fileExists(kTemporary));
+    EXPECT_EQ(fake.commands, std::vector<std::string>{"mv -f " + fake.pathOf(kTemporary) + " " +
+                                                      fake.pathOf(kDefaultConfigPath)});
 }
 
 // Every written key of every group reads back as it was stored: a second store of the reloaded
@@ -278,7 +279,7 @@ TEST_F(Store, DirectoryGivesDefaultsAndIsNeverStoredOver) {
     EXPECT_STREQ(m().general.Description, "Module description");
     EXPECT_EQ(store({flag::General, flag::Can + 1}), -1);
     EXPECT_STREQ(answer.da, "");
-    EXPECT_FALSE(fake.fileExists(kBackupConfigPath) || fake.fileExists(kTemporaryConfigPath));
+    EXPECT_FALSE(fake.fileExists(kBackup) || fake.fileExists(kTemporary));
     EXPECT_TRUE(std::filesystem::is_directory(path));
 }
 
@@ -327,7 +328,7 @@ TEST_F(Store, EachFileStepFailingLeavesAWholeFile) {
     for (const auto& c : cases) {
         for (Knob knob : {open, write, sync, close, rename, shell})
             fake.*knob = 0;
-        for (const char* path : {kBackupConfigPath, kTemporaryConfigPath})
+        for (const char* path : {kBackup, kTemporary})
             fake.removeFile(path);
         fake.writeFile(kDefaultConfigPath, before);
         m().changed.clearAll();
@@ -335,8 +336,7 @@ TEST_F(Store, EachFileStepFailingLeavesAWholeFile) {
         EXPECT_EQ(store({c.flag}), c.result) << c.text;
         EXPECT_STREQ(answer.da, c.text.c_str());
         if (fresh.empty()) fresh = stored();
-        EXPECT_EQ(std::tuple(state(kDefaultConfigPath), state(kBackupConfigPath),
-                             state(kTemporaryConfigPath)),
+        EXPECT_EQ(std::tuple(state(kDefaultConfigPath), state(kBackup), state(kTemporary)),
                   std::tuple(c.config, c.backup, c.temporary))
             << c.text;
     }
@@ -386,13 +386,13 @@ TEST_F(Store, InterruptedStoreIsUndoneAtStartUp) {
     };
     for (const auto& [file, backup, result, after] : cases) {
         fake.removeFile(kDefaultConfigPath);
-        fake.removeFile(kBackupConfigPath);
+        fake.removeFile(kBackup);
         if (file != nullptr) fake.writeFile(kDefaultConfigPath, file);
-        if (backup != nullptr) fake.writeFile(kBackupConfigPath, backup);
+        if (backup != nullptr) fake.writeFile(kBackup, backup);
         EXPECT_EQ(restoreInterruptedStore(), result)
             << (file ? file : "-") << (backup ? backup : "-");
         EXPECT_EQ(stored(), after);
-        EXPECT_EQ(fake.fileExists(kBackupConfigPath), backup != nullptr && result == 0);
+        EXPECT_EQ(fake.fileExists(kBackup), backup != nullptr && result == 0);
     }
 }
 
