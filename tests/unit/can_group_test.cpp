@@ -23,7 +23,7 @@ class CanGroupTest : public SeamTest {
     }
 };
 
-TEST_F(CanGroupTest, RequestsThatChangeNothingAndTheirTexts) {
+TEST_F(CanGroupTest, RefusalsChangeNothingWritesStoreTheirValues) {
     // write?, f2, f3, value, result, answer text
     const std::tuple<bool, uint8_t, uint8_t, const char*, int, const char*> cases[] = {
         // The minimum text names the maximum: clients have always been shown it so.
@@ -45,9 +45,7 @@ TEST_F(CanGroupTest, RequestsThatChangeNothingAndTheirTexts) {
         EXPECT_EQ(m().changed.isSet(flag::Can, f2), write && f2 <= 2);  // even if refused
         EXPECT_EQ(std::memcmp(&before, &m().can, sizeof before), 0);
     }
-}
 
-TEST_F(CanGroupTest, WritesStoreTheirValues) {
     CanInterface& c = m().can[1];
     c.ManBr = c.Listenonly = c.Loopback = 1;
     // The lowest bit rate is accepted; a switch is on unless the first character is '0'.

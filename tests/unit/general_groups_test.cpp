@@ -20,7 +20,7 @@ constexpr int kNone = -1;  // no change flag
 
 using SmallGroups = SeamTest;
 
-TEST_F(SmallGroups, AnswersAndMarks) {
+TEST_F(SmallGroups, AnswersMarksAndGuiFlags) {
     GeneralRecord& g = m().general;
     std::strcpy(g.bspVersion, "9.8.7");
     g.KL15pwdn = 1;
@@ -52,11 +52,9 @@ TEST_F(SmallGroups, AnswersAndMarks) {
     }
     EXPECT_EQ(std::string(std::begin(m().gui.show), std::end(m().gui.show)), std::string(9, 0));
     EXPECT_EQ(Texts({g.Description, g.hostName}), Texts({"0", "newname"}));
-    AnswerMessage answer{};  // the apply succeeds though the power-down hook fails
-    EXPECT_EQ(applyGeneral(0, m(), answer), 0);
-}
+    // The apply succeeds though the power-down hook fails.
+    EXPECT_EQ(applied(applyGeneral, 0), Reply(0, ""));
 
-TEST_F(SmallGroups, GuiFlagsFollowTheFirstCharacter) {
     // One value per flag: the first three begin with '1' and set theirs, the others clear theirs.
     const char* values[] = {"1", "10", "1abc", "0", " 1", "true", "2", "", "01"};
     for (uint8_t f3 = 0; f3 < std::size(values); ++f3) {

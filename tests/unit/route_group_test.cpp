@@ -60,7 +60,7 @@ TEST_F(RouteGroupTest, ReadsAnswerTheRecordAndTheDriverImage) {
     EXPECT_TRUE(fake.driver.opened.empty());  // refreshed already in this session
 }
 
-TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOn) {
+TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOnRefusalsToo) {
     // f3, value, what the record then shows through a read of the same f3; names are cut at
     // their field
     const std::tuple<uint8_t, const char*, const char*> cases[] = {
@@ -91,9 +91,7 @@ TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOn) {
     EXPECT_EQ(route(4).image.info.cdm, 10u);
     ASSERT_EQ(call(true, 5, 36, "99999").first, 0);
     EXPECT_EQ(route(4).image.info.cdm, 65535u);
-}
 
-TEST_F(RouteGroupTest, StateWritesAndRefusals) {
     // value, RouteFlags after, image run bit after
     const std::tuple<const char*, uint32_t, bool> states[] = {
         {"2", kRouteActive | kRouteRunning, true},
