@@ -123,7 +123,7 @@ const std::string kApFileTail =
     "   Count=0                         # Number of entries in filter table,up to 16"
     "#   mac_1=00:50:23:45:76:22         # mac address}\n\n";
 
-TEST_F(WlanTest, InterfaceWritesReadBack) {
+TEST_F(WlanTest, InterfaceWritesReadBackUntilTheNextSession) {
     const std::string longText(200, 'w');
     // f3, value written, write reply, value read back
     const std::tuple<uint8_t, std::string, Reply, std::string> cases[] = {
@@ -159,9 +159,8 @@ TEST_F(WlanTest, InterfaceWritesReadBack) {
     // The static address is also the AP's address in the platform record.
     EXPECT_EQ(call(true, 1, 9, "192.168.9.1"), Reply(0, ""));
     EXPECT_EQ(m().platform.ip_address.s_addr, inet_addr("192.168.9.1"));
-}
 
-TEST_F(WlanTest, FirstReadOfASessionFetchesLiveStateAndThePlatformFile) {
+    // The first read of a session fetches the live state and the platform file.
     fake.interfaces["eth0"] = {{0x00, 0x1a, 0x2b, 0xc3, 0xd4, 0xef}, "192.168.7.20"};
     fake.writeFile(kPlatformConfigPath, "WLAN_MODE=UAP\n");
     m().session.counter = 3;
