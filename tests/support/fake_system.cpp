@@ -2,14 +2,12 @@
 
 #include "config/config_path.h"
 #include "config/ini_layout.h"
+#include "core/session.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -49,10 +47,6 @@ std::string FakeSystem::readFile(const char* devicePath) const {
     return content.str();
 }
 
-bool FakeSystem::fileExists(const char* devicePath) const {
-    return fs::exists(pathOf(devicePath));
-}
-
 void FakeSystem::removeFile(const char* devicePath) const {
     std::error_code ignored;
     fs::remove(pathOf(devicePath), ignored);
@@ -60,7 +54,7 @@ void FakeSystem::removeFile(const char* devicePath) const {
 
 int FakeSystem::runCommand(const char* command) {
     commands.emplace_back(command);
-    if (moveFiles && commandResult == 0) moveFile(command);
+    if (commandResult == 0) moveFile(command);
     if (commandResult < 0) errno = EAGAIN;  // as system(3) does when no shell could start
     return commandResult;
 }
@@ -77,18 +71,6 @@ void FakeSystem::moveFile(const char* command) const {
     fs::rename(from, to, ignored);
 }
 
-int FakeSystem::openNode(const char* path, int) {
-    return driver.open(path);
-}
-
-int FakeSystem::ioctlNode(int fd, unsigned long request, void* argument) {
-    return driver.ioctl(fd, request, argument);
-}
-
-int FakeSystem::closeNode(int fd) {
-    return driver.close(fd);
-}
-
 int FakeSystem::queryInterface(unsigned long request, void* interfaceRequest) {
     interfaceQueries.push_back(request);
     auto* query = static_cast<ifreq*>(interfaceRequest);
@@ -102,14 +84,14 @@ int FakeSystem::queryInterface(unsigned long request, void* interfaceRequest) {
         std::memcpy(query->ifr_hwaddr.sa_data, known->second.mac.data(), 6);
         return 0;
     }
-    if (request == SIOCGIFADDR && !known->second.ipv4.empty()) {
+    if (request == SIOCGIFADDR) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         inet_pton(AF_INET, known->second.ipv4.c_str(), &address.sin_addr);
         std::memcpy(&query->ifr_addr, &address, sizeof address);
         return 0;
     }
-    errno = request == SIOCGIFADDR ? EADDRNOTAVAIL : EINVAL;
+    errno = EINVAL;
     return -1;
 }
 
@@ -124,16 +106,9 @@ int FakeSystem::setHostName(const char* name, std::size_t length) {
 }
 
 int FakeSystem::getHostName(char* name, std::size_t size) {
-    if (size == 0) return -1;
     std::snprintf(name, size, "%s", hostName.c_str());
     return 0;
 }
-
-void FakeSystem::sleepNanoseconds(long nanoseconds) {
-    sleeps.push_back(nanoseconds);
-}
-
-void FakeSystem::syncDisks() {}
 
 sys::FilePath FakeSystem::placeFile(const char* devicePath) {
     sys::FilePath placed{};
@@ -144,50 +119,18 @@ sys::FilePath FakeSystem::placeFile(const char* devicePath) {
     return placed;
 }
 
-namespace {
-
-// A stream on a file that takes only so many bytes, as a full disk would.
-struct LimitedFile {
-    int fd;
-    long room;
-};
-
-ssize_t writeLimited(void* cookie, const char* data, size_t size) {
-    auto* file = static_cast<LimitedFile*>(cookie);
-    const size_t taken = std::min(size, static_cast<size_t>(std::max(file->room, 0L)));
-    if (taken == 0) {
-        errno = ENOSPC;
-        return -1;
-    }
-    const ssize_t written = ::write(file->fd, data, taken);
-    if (written > 0) file->room -= written;
-    // The stream takes a short write as its end; the write that a file stream would retry
-    // with would fail so.
-    if (written >= 0 && static_cast<size_t>(written) < size) errno = ENOSPC;
-    return written;
-}
-
-int closeLimited(void* cookie) {
-    auto* file = static_cast<LimitedFile*>(cookie);
-    const int result = ::close(file->fd);
-    delete file;
-    return result;
-}
-
-}  // namespace
-
 std::FILE* FakeSystem::openStream(const char* path, const char* mode) {
     if (openStreamErrno != 0) {
         errno = openStreamErrno;
         return nullptr;
     }
-    if (writeLimit < 0) return std::fopen(path, mode);
-    const int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (fd < 0) return nullptr;
-    cookie_io_functions_t functions{};
-    functions.write = writeLimited;
-    functions.close = closeLimited;
-    return fopencookie(new LimitedFile{fd, writeLimit}, mode, functions);
+    if (writeErrno == 0) return std::fopen(path, mode);
+    cookie_io_functions_t full{};  // a full disk: nothing reaches a file
+    full.write = [](void* cookie, const char*, size_t) -> ssize_t {
+        errno = *static_cast<int*>(cookie);
+        return -1;
+    };
+    return fopencookie(&writeErrno, mode, full);
 }
 
 int FakeSystem::syncStream(std::FILE* stream) {
@@ -226,4 +169,41 @@ SeamTest::SeamTest() : model(allocateModel()) {
 SeamTest::~SeamTest() {
     releaseModel(model);
     sys::install(nullptr);
+}
+
+Reply SeamTest::handle(ReadHandler handler, uint8_t f1, uint8_t f2, uint8_t f3, const char* value) {
+    RequestMessage request{0, READ_PARAM, f1, f2, f3, {}};
+    std::snprintf(request.da, sizeof request.da, "%s", value);
+    AnswerMessage answer{};
+    const int result = handler(request, answer, m());
+    return {result, answer.da};
+}
+
+Reply SeamTest::applied(ApplyHandler handler, unsigned instance) {
+    AnswerMessage answer{};
+    const int result = handler(instance, m(), answer);
+    return {result, answer.da};
+}
+
+AnswerMessage SeamTest::send(uint8_t mt, uint8_t f1, uint8_t f2, uint8_t f3, const char* value) {
+    RequestMessage request{0, mt, f1, f2, f3, {}};
+    std::snprintf(request.da, sizeof request.da, "%s", value);
+    AnswerMessage answer{};
+    std::snprintf(answer.da, sizeof answer.da, "stale text");
+    (void)procMsg(request, answer, m());  // the answer's type tells
+    return answer;
+}
+
+std::string shown(const AnswerMessage& a) {
+    const std::string kind = a.mt == POS_ANSW   ? "POS"
+                             : a.mt == NEG_ANSW ? "NEG"
+                                                : std::to_string(a.mt);
+    return kind + " to " + std::to_string(a.type) + " " + std::to_string(a.f1) + "/" +
+           std::to_string(a.f2) + "/" + std::to_string(a.f3) + ": " + a.da;
+}
+
+std::string configHeader(const std::string& version) {
+    return "#########################################\n# KIV configuration file\n"
+           "# Format version " +
+           version + "\n#########################################\n";
 }

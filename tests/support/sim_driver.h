@@ -65,7 +65,6 @@ class SimDriver {
     std::vector<std::string> opened;  // paths, in order
     int badCloses = 0;                // closes of a descriptor that was not open
     int openDescriptors() const { return static_cast<int>(descriptors_.size()); }
-    const RouteNode& routeNode(int node) const { return routeNodes_.at(node); }
     RouteNode& routeNode(int node) { return routeNodes_.at(node); }
     std::vector<unsigned long> requestsOn(int node) const;
 

@@ -45,28 +45,15 @@ std::string understood(std::string line) {
 }
 
 TEST(CfgctlArguments, RefusesWhatCannotBeSentAndGroupsTheOperands) {
-    for (const char* line : {"",
-                             "-l",
-                             "--verbose get 0 2 0",
-                             "put 0 2 0",
-                             "get",
-                             "get 0 2 0 1",
-                             "get 0 256 0",
-                             "get 0 -1 0",
-                             "get 0x1 2 0",
-                             "set 0 4 0",
-                             "--temp get 0 2 0",
-                             "-t 0 get 0 2 0",
-                             "-t 5s get 0 2 0",
-                             "get can1.baudrate",
-                             "set can1.bitrate",
-                             "set lan0.mac x",
-                             "get host.user_name",
-                             "dump --php",
-                             "apply",
-                             "apply a b",
-                             "names x",
-                             "--temp dump"})
+    // Command words and numbers that cannot be sent; then options out of place, unknown names
+    // and operands that do not fit the command.
+    for (const char* line :
+         {"", "-l", "--verbose get 0 2 0", "put 0 2 0", "get", "get 0 2 0 1", "get 0 256 0",
+          "get 0 -1 0", "get 0x1 2 0", "set 0 4 0", "--temp get 0 2 0"})
+        EXPECT_EQ(understood(line), "refused") << line;
+    for (const char* line : {"-t 0 get 0 2 0", "-t 5s get 0 2 0", "get can1.baudrate",
+                             "set can1.bitrate", "set lan0.mac x", "get host.user_name",
+                             "dump --php", "apply", "apply a b", "names x", "--temp dump"})
         EXPECT_EQ(understood(line), "refused") << line;
     // Behind the command word "-5" is a value, not an option; a value may be empty.
     EXPECT_EQ(understood("-l /run/lock --temp --abort -t 9 set 4 1 3 -5 255 0 255  7 8 9 x"),

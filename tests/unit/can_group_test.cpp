@@ -11,8 +11,6 @@
 
 namespace {
 
-using Reply = std::pair<int, std::string>;  // a handler's result and answer text
-
 class CanGroupTest : public SeamTest {
   protected:
     CanGroupTest() {
@@ -21,14 +19,11 @@ class CanGroupTest : public SeamTest {
         m().stamps.can = m().session.counter;  // live state already fetched in this session
     }
     Reply call(bool write, uint8_t f2, uint8_t f3, const char* value = "") {
-        RequestMessage request{0, write ? SET_PARAM : READ_PARAM, 4, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", value);
-        AnswerMessage answer{};
-        return {(write ? setCan : readCan)(request, answer, m()), answer.da};  // in this order
+        return handle(write ? setCan : readCan, 4, f2, f3, value);
     }
 };
 
-TEST_F(CanGroupTest, RequestsThatChangeNothingAndTheirTexts) {
+TEST_F(CanGroupTest, RefusalsChangeNothingWritesStoreTheirValues) {
     // write?, f2, f3, value, result, answer text
     const std::tuple<bool, uint8_t, uint8_t, const char*, int, const char*> cases[] = {
         // The minimum text names the maximum: clients have always been shown it so.
@@ -50,9 +45,7 @@ TEST_F(CanGroupTest, RequestsThatChangeNothingAndTheirTexts) {
         EXPECT_EQ(m().changed.isSet(flag::Can, f2), write && f2 <= 2);  // even if refused
         EXPECT_EQ(std::memcmp(&before, &m().can, sizeof before), 0);
     }
-}
 
-TEST_F(CanGroupTest, WritesStoreTheirValues) {
     CanInterface& c = m().can[1];
     c.ManBr = c.Listenonly = c.Loopback = 1;
     // The lowest bit rate is accepted; a switch is on unless the first character is '0'.
@@ -103,9 +96,8 @@ TEST_F(CanGroupTest, ApplyCommandLines) {
     CanInterface& b = m().can[1];  // inactive: left down
     b.ManBr = b.Autoresume = b.Loopback = b.Oneshot = b.Triplesampling = 1;
     b.timing = {125, 1, 12, 2, 1, 3};
-    AnswerMessage answer{};
     for (unsigned instance : {0u, 1u, 2u})
-        EXPECT_EQ(applyCanInterface(instance, m(), answer), 0);
+        EXPECT_EQ(applied(applyCanInterface, instance), Reply(0, ""));
     const std::vector<std::string> expected = {
         "ip link set can0 down",
         "ip link set can0 type can bitrate 500000 sample-point 0.875 listen-only on loopback off "
@@ -114,8 +106,7 @@ TEST_F(CanGroupTest, ApplyCommandLines) {
         "ip link set can1 type can tq 125 prop-seg 1 phase-seg1 12 phase-seg2 2 sjw 1 listen-only "
         "off loopback on triple-sampling on one-shot on berr-reporting off restart-ms 1"};
     EXPECT_EQ(fake.commands, expected);
-    EXPECT_EQ(applyCanInterface(3, m(), answer), -1);
-    EXPECT_STREQ(answer.da, "false interface intdex 3");
+    EXPECT_EQ(applied(applyCanInterface, 3), Reply(-1, "false interface intdex 3"));
 }
 
 constexpr uint32_t kKept = 77;  // a value the parse did not reach

@@ -4,7 +4,6 @@
 #include <tuple>
 
 #include "config/config_path.h"
-#include "core/session.h"
 #include "fake_system.h"
 #include "filters/filter_group.h"
 #include "filters/filter_store.h"
@@ -12,38 +11,35 @@
 
 namespace {
 
-using Outcome = std::pair<int, std::string>;
-
 class FilterGroup : public SeamTest {
   protected:
-    Outcome set(unsigned f2, unsigned f3, const std::string& data, uint8_t mt = SET_PARAM,
-                decltype(&setFilter) handler = setFilter) {
-        RequestMessage rq{0, mt, 9, uint8_t(f2), uint8_t(f3), {}};
-        data.copy(rq.da, sizeof rq.da - 1);
-        AnswerMessage a{};
-        return {handler(rq, a, m()), a.da};  // braces: the handler runs first
+    Reply set(uint8_t f2, uint8_t f3, const std::string& data) {
+        return handle(setFilter, 9, f2, f3, data.c_str());
     }
     bool routeMarked(unsigned route) { return m().changed.isSet(flag::Route, route); }
 };
 
 // One session through the daemon's dispatch: refusals, creation, reads, and at its end a
-// deletion reported inside its success.
+// deletion reported inside its success. (How a filter reaches its routes is the route filter
+// tests' part.)
 TEST_F(FilterGroup, SessionAnswers) {
     fake.writeFile(kDefaultConfigPath, "");  // the daemon makes sure it exists; the end stores
-    const std::tuple<uint8_t, unsigned, unsigned, std::string, int, std::string> steps[] = {
-        {START_SESSION, 0, 30, "", 0, ""},
-        {SET_PARAM, 32, 0, "0x3", 0, "filter does not exist anyway"},  // base 10
-        {SET_PARAM, 32, 0, "7", -1, "unknown filter type 7"},
-        {SET_PARAM, 5, 2, "", -1, "false filter index (5) - create filter by setting kind"},
-        {SET_PARAM, 32, 0, "3", 0, ""},
-        {SET_PARAM, 32, 1, "0", 0, ""},
-        {READ_PARAM, 0, 2, "", 0, "31;"},
-        {READ_PARAM, 32, 1, "", 0, "0"},
-        {SET_PARAM, 32, 0, "0", 0, ""},
-        {FINISH_SESSION, 0, 0, "", 0, "filter 31 not found or deleted"},
+    const std::tuple<uint8_t, uint8_t, uint8_t, const char*, std::string> steps[] = {
+        {START_SESSION, 0, 30, "", "POS to 9 1/0/30: "},
+        {SET_PARAM, 32, 0, "0x3", "POS to 9 9/32/0: filter does not exist anyway"},  // base 10
+        {SET_PARAM, 32, 0, "7", "NEG to 9 9/32/0: unknown filter type 7"},
+        {SET_PARAM, 5, 2, "",
+         "NEG to 9 9/5/2: false filter index (5) - create filter by setting kind"},
+        {SET_PARAM, 32, 0, "3", "POS to 9 9/32/0: "},
+        {READ_PARAM, 32, 1, "", "POS to 9 9/32/1: 1"},  // created passing
+        {SET_PARAM, 32, 1, "0", "POS to 9 9/32/1: "},
+        {READ_PARAM, 0, 2, "", "POS to 9 9/0/2: 31;"},
+        {READ_PARAM, 32, 1, "", "POS to 9 9/32/1: 0"},
+        {SET_PARAM, 32, 0, "0", "POS to 9 9/32/0: "},
+        {FINISH_SESSION, 0, 0, "", "POS to 9 0/0/0: filter 31 not found or deleted"},
     };
-    for (const auto& [mt, f2, f3, data, result, text] : steps)
-        EXPECT_EQ(set(f2, f3, data, mt, procMsg), (Outcome{result, text}));
+    for (const auto& [mt, f2, f3, data, answer] : steps)
+        EXPECT_EQ(shown(send(mt, 9, f2, f3, data)), answer);
 }
 
 // A conversion keeps the mode; the same kind changes nothing. 4 to 1 and 4 to 2 follow the
@@ -85,7 +81,7 @@ TEST_F(FilterGroup, WritesMarkFilterAndRoutesAndCrossWriteTheCount) {
     // The filter count goes into the route count (Count), not into a filter count.
     EXPECT_EQ(std::pair(m().filters.relationCount, m().general.Count), std::pair(1u, 1u));
     // A failed range term takes the filter away; its route still applies again.
-    EXPECT_EQ(set(3, 2, "0x100"), (Outcome{-1, "parsing filter term failed (3)"}));
+    EXPECT_EQ(set(3, 2, "0x100"), Reply(-1, "parsing filter term failed (3)"));
     EXPECT_TRUE(findFilter(m().filters, 2) == nullptr && routeMarked(1));
     AnswerMessage a{};
     for (unsigned n : {0u, 33u}) {  // so do both ends of the apply

@@ -6,8 +6,6 @@
 #include <tuple>
 #include <vector>
 
-#include "config/config_path.h"
-#include "core/session.h"
 #include "fake_system.h"
 #include "filters/filter_store.h"
 #include "filters/route_filters.h"
@@ -72,25 +70,6 @@ TEST_F(RouteFilters, ListsByRouteSettings) {
               "0: id = 0x00000000 mask = 0x00000000\n\n\n");
     fake.driver.failRequest(kSet, EINVAL);  // refused, but not the accept-all list
     EXPECT_EQ(std::pair(apply(2), apply(3)), std::pair(-1, 0));
-}
-
-// A filter made by requests reaches the route's node and file once the route applies it.
-TEST_F(RouteFilters, FilterCreatedInASessionReachesTheRoute) {
-    fake.writeFile(kDefaultConfigPath, "");  // the daemon makes sure it exists; the end stores
-    const RequestMessage requests[] = {{0, START_SESSION, 2, 1, 2, ""},
-                                       {0, SET_PARAM, 9, 1, 0, "1"},
-                                       {0, SET_PARAM, 9, 1, 2, "0x100-0x1FF"},
-                                       {0, FINISH_SESSION, 0, 0, 0, ""}};
-    for (const RequestMessage& request : requests) {
-        AnswerMessage a{};
-        ASSERT_EQ(procMsg(request, a, m()), 0) << a.da;
-    }
-    ASSERT_EQ(parseFilterList(m().filters, "1", 0, false), 0);
-    EXPECT_EQ(apply(0), 0);
-    EXPECT_EQ(fake.readFile("/tmp/canoip0_filter.cfg"),
-              "filters defined: 1, join filters is: false, unify filters is: false\n"
-              "0: id = 0x00000100 mask = 0x80000700\n\n\n");
-    EXPECT_EQ(fake.driver.routeNode(0).filters, (Pairs{{0x100, 0x80000700}}));
 }
 
 TEST_F(RouteFilters, UnopenableFileEndsTheDaemon) {

@@ -56,11 +56,7 @@ class Gateway : public SeamTest {
             running ? held.info.flags | kDrvRunRequest : held.info.flags & ~kDrvRunRequest;
         fake.driver.routeNode(node < 0 ? static_cast<int>(i) : node).route = held;
     }
-    std::pair<int, std::string> apply(unsigned n) {
-        AnswerMessage answer{};
-        const int result = applyRoute(n, m(), answer);
-        return {result, answer.da};
-    }
+    Reply apply(unsigned n) { return applied(applyRoute, n); }
 };
 
 TEST_F(Gateway, ProcFilesAndModuleCommands) {
@@ -98,13 +94,14 @@ TEST_F(Gateway, StartWithoutTheDriverLeavesEveryRouteWithoutNode) {
     EXPECT_EQ(startGatewayDriver(m()), -2);
     EXPECT_EQ(fake.commands, Commands{kModprobe});  // no helper restart either
     for (unsigned i = 0; i < kMaxRoutes; ++i)
-        EXPECT_EQ(m().routes[i].DrvIndex, kNoDriverNode) << i;
+        EXPECT_EQ(m().routes[i].DrvIndex, 255) << i;
 
     // Active without a node needs the driver; inactive without one is nobody's business.
     EXPECT_EQ(apply(1).first, -2);
-    EXPECT_EQ(apply(2), std::pair(0, std::string()));
+    EXPECT_EQ(apply(2), Reply(0, ""));
     EXPECT_TRUE(fake.driver.opened.empty());
     EXPECT_TRUE(fake.driver.requests.empty());
+    EXPECT_EQ(refreshRoute(m(), 0), -1);  // nor can a route without node be read
 }
 
 TEST_F(Gateway, StartTakesOverMatchingRoutesAndAddsTheRest) {
@@ -224,7 +221,7 @@ TEST_P(ApplyRoute, BringsTheDriverInLine) {
     if (c.openError == ENOENT) fake.driver.failOpen("/dev/canoip1", ENOENT);
     if (c.addError != 0) fake.driver.failRequest(kAdd, c.addError);
 
-    EXPECT_EQ(apply(2), std::pair(c.result, std::string(c.text)));
+    EXPECT_EQ(apply(2), Reply(c.result, c.text));
     EXPECT_EQ(fake.driver.requestsOn(1), c.requests);
     EXPECT_EQ(fake.sleeps, std::vector<long>(static_cast<std::size_t>(c.sleeps), 100000000L));
     EXPECT_EQ(r.RouteFlags, c.flagsAfter);
@@ -245,8 +242,8 @@ TEST_F(Gateway, IndexZeroAndBadIndexOnlyRecount) {
     route(0);
     route(3);
     m().general.Count = 7;
-    EXPECT_EQ(apply(0), std::pair(0, std::string()));
-    EXPECT_EQ(apply(9), std::pair(-1, std::string("false route index (9)")));
+    EXPECT_EQ(apply(0), Reply(0, ""));
+    EXPECT_EQ(apply(9), Reply(-1, "false route index (9)"));
     EXPECT_EQ(m().general.Count, 2u);
     EXPECT_TRUE(fake.driver.opened.empty());
     EXPECT_EQ(fake.driver.badCloses, 2);  // descriptor 0, never opened here
@@ -254,26 +251,9 @@ TEST_F(Gateway, IndexZeroAndBadIndexOnlyRecount) {
 
     // With standard input closed the next node is descriptor 0, a node like any other.
     fake.driver.setNextDescriptor(0);
-    EXPECT_EQ(apply(1), std::pair(0, std::string()));
+    EXPECT_EQ(apply(1), Reply(0, ""));
     EXPECT_TRUE(fake.driver.routeNode(0).route.has_value());
     EXPECT_EQ(fake.driver.badCloses, 2);
-}
-
-TEST_F(Gateway, RefreshReadsStateAndStatistics) {
-    // Driver running?, running afterwards.
-    for (const auto& [driverRunning, running] :
-         {std::pair(false, 0u), std::pair(true, kRouteRunning)}) {
-        route(3).RouteFlags = kOnRunning;
-        hold(3, driverRunning);
-        for (uint32_t k = 0; k < route_stat::Count; ++k)
-            fake.driver.routeNode(3).route->stats[k] = 100 + k;
-        EXPECT_EQ(refreshRoute(m(), 3), 0);
-        EXPECT_EQ(m().routes[3].RouteFlags & kRouteRunning, running);
-        EXPECT_EQ(m().routes[3].image.stats[route_stat::LanDiscarded], 109u);
-    }
-    EXPECT_EQ(fake.driver.requestsOn(3), (Requests{kGet, kStats, kGet, kStats}));
-    m().routes[3].DrvIndex = kNoDriverNode;
-    EXPECT_EQ(refreshRoute(m(), 3), -1);
 }
 
 TEST_F(Gateway, CanoipdCommandLines) {

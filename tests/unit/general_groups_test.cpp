@@ -15,21 +15,12 @@
 
 namespace {
 
-using Reply = std::pair<int, std::string>;  // a handler's result and answer text
 using Texts = std::vector<std::string>;
 constexpr int kNone = -1;  // no change flag
 
-class SmallGroups : public SeamTest {
-  protected:
-    Reply call(ReadHandler handler, uint8_t f1, uint8_t f2, uint8_t f3, const char* da = "") {
-        RequestMessage request{0, READ_PARAM, f1, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", da);
-        AnswerMessage answer{};
-        return {handler(request, answer, m()), answer.da};  // in this order
-    }
-};
+using SmallGroups = SeamTest;
 
-TEST_F(SmallGroups, AnswersAndMarks) {
+TEST_F(SmallGroups, AnswersMarksAndGuiFlags) {
     GeneralRecord& g = m().general;
     std::strcpy(g.bspVersion, "9.8.7");
     g.KL15pwdn = 1;
@@ -56,23 +47,21 @@ TEST_F(SmallGroups, AnswersAndMarks) {
         ChangeFlags expected{};
         if (marks != kNone) expected.mark(static_cast<unsigned>(marks));
         m().changed.clearAll();
-        EXPECT_EQ(call(handler, f1, f2, f3, value), reply);
+        EXPECT_EQ(handle(handler, f1, f2, f3, value), reply);
         EXPECT_EQ(m().changed.place, expected.place);
     }
     EXPECT_EQ(std::string(std::begin(m().gui.show), std::end(m().gui.show)), std::string(9, 0));
     EXPECT_EQ(Texts({g.Description, g.hostName}), Texts({"0", "newname"}));
-    AnswerMessage answer{};  // the apply succeeds though the power-down hook fails
-    EXPECT_EQ(applyGeneral(0, m(), answer), 0);
-}
+    // The apply succeeds though the power-down hook fails.
+    EXPECT_EQ(applied(applyGeneral, 0), Reply(0, ""));
 
-TEST_F(SmallGroups, GuiFlagsFollowTheFirstCharacter) {
     // One value per flag: the first three begin with '1' and set theirs, the others clear theirs.
     const char* values[] = {"1", "10", "1abc", "0", " 1", "true", "2", "", "01"};
     for (uint8_t f3 = 0; f3 < std::size(values); ++f3) {
         const uint8_t on = f3 < 3;
         m().gui.show[f3] = !on;
-        EXPECT_EQ(call(setGui, 8, 1, f3, values[f3]), Reply(0, "")) << values[f3];
-        EXPECT_EQ(call(readGui, 8, 1, f3), Reply(0, on ? "1" : "0")) << values[f3];
+        EXPECT_EQ(handle(setGui, 8, 1, f3, values[f3]), Reply(0, "")) << values[f3];
+        EXPECT_EQ(handle(readGui, 8, 1, f3), Reply(0, on ? "1" : "0")) << values[f3];
     }
 }
 

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <memory>
 #include <string>
 
-#include "config/conversions.h"
 #include "config/ini_layout.h"
 #include "fake_system.h"
 
@@ -49,24 +46,6 @@ TEST_F(IniLayout, LegacyKeyNamesSwitchOnlyFor100And120UntilRestored) {
     const int unknown[][3] = {{1, 0, 1}, {1, 2, 1}, {1, 3, 0}, {2, 0, 0}};
     for (const auto& v : unknown)
         EXPECT_EQ(switchedTo(v[0], v[1], v[2]), "-1 " + kCurrentKeys) << v[0] << v[1] << v[2];
-}
-
-TEST_F(IniLayout, WrittenFileStartsWithTheHeaderAndReadsBack) {
-    const char* path = "/kiv_config.ini";
-    std::FILE* stream = std::fopen(fake.pathOf(path).c_str(), "w");
-    ASSERT_NE(stream, nullptr);
-    writeHeader(stream);
-    std::fclose(stream);
-    // The header's last line is ended by the newline that opens the first section.
-    const std::string rule(40, '#');
-    const std::string header =
-        "#" + rule + "\n# KIV configuration file\n# Format version 1.3.1\n#" + rule + " ";
-    ASSERT_EQ(fake.readFile(path), header);
-    // "UDP ; UNDEF!" is written for an unknown protocol: the ';' starts a comment.
-    fake.writeFile(path, header + "\n[rt_0]\nprotocol2 = " + formatProtocol(99) + "\n");
-    std::unique_ptr<dictionary, void (*)(dictionary*)> file{
-        iniparser_load(fake.pathOf(path).c_str()), iniparser_freedict};
-    EXPECT_STREQ(iniparser_getstring(file.get(), "rt_0:protocol2", nullptr), "UDP");
 }
 
 }  // namespace

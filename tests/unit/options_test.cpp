@@ -10,19 +10,14 @@
 
 namespace {
 
-// The texts' exact wording is checked end to end; here the right one has to begin the output.
+// The texts' exact wording, the version and the refusals the end-to-end suite makes (paths of
+// 128 characters, keys out of range) are checked end to end; here the right text has to begin
+// the output.
 TEST(Options, StatusesTextsAndValues) {
-    const std::string p127 = "/" + std::string(126, 'p'), p128 = p127 + "p";
-    const std::string usage = "\nUsage: cfgd [", tooLarge = "filename to large (max. 127)\n";
-    const std::string version = "1.5.5\nbuild for: GWMD-310275 at Jan 25 2017 13:37:14\n";
+    const std::string p127 = "/" + std::string(126, 'p'), usage = "\nUsage: cfgd [";
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         {{}, kContinue, ""},
         {{"-f", "/a.ini", "-f", p127, "-l", "/l", "-q", "255", "-s", "0"}, kContinue, ""},
-        {{"-f", p128}, -1, tooLarge},
-        {{"-l", p128}, -1, tooLarge},
-        {{"-q", "256"}, -1, usage},
-        {{"-s", "-1"}, -1, usage},
-        {{"-v", "-q", "256"}, 2, version},
         {{"-q", "256", "-v"}, -1, usage},
         {{"-x"}, 2, usage},
     };

@@ -10,12 +10,12 @@
 #include "config/loader.h"
 #include "core/session.h"
 #include "fake_system.h"
+#include "filters/filter_store.h"
 #include "model/param_names.h"
 
 namespace {
 
 constexpr uint8_t kAddress = 42;
-constexpr uint8_t kFilterGroup = 9;
 constexpr unsigned kLastSubIndex = 40;
 
 class ParamNames : public SeamTest {
@@ -35,20 +35,9 @@ class ParamNames : public SeamTest {
         // Each route on its node, as the driver start hands them out.
         for (unsigned i = 0; i < kRoutesServed; ++i)
             m().routes[i].DrvIndex = static_cast<uint8_t>(i);
-        // Every filter exists, so that each filter's parameters answer.
-        start(kMaxFilters);
-        for (unsigned n = 1; n <= kMaxFilters; ++n)
-            EXPECT_EQ(send(SET_TEMP_PARAM, kFilterGroup, static_cast<uint8_t>(n), 0, "1").mt,
-                      POS_ANSW);
-        send(FINISH_SESSION);
-    }
-    AnswerMessage send(uint8_t mt, uint8_t f1 = 0, uint8_t f2 = 0, uint8_t f3 = 0,
-                       const char* da = "") {
-        RequestMessage request{0, mt, f1, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", da);
-        AnswerMessage answer{};
-        (void)procMsg(request, answer, m());  // the answer's type tells
-        return answer;
+        // Every filter exists, as a write of its kind makes it, so that its parameters answer.
+        for (uint32_t index = 0; index < kMaxFilters; ++index)
+            (void)insertFilter(m().filters, {index, kRange11, 1, {}, {}, 0, 0});
     }
     void start(uint8_t writes) { ASSERT_EQ(send(START_SESSION, kAddress, 0, writes).mt, POS_ANSW); }
     AnswerMessage read(const Param& p) { return send(READ_PARAM, p.f1, p.f2, p.f3); }

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "config/config_path.h"
@@ -9,20 +8,10 @@
 
 namespace {
 
-constexpr const char* kMixedText =
-    "ERROR: Temporary and permanent requests mixed up during session!";
+const std::string kMixedText = "ERROR: Temporary and permanent requests mixed up during session!";
 
 class Session : public SeamTest {
   protected:
-    AnswerMessage send(uint8_t mt, uint8_t f1 = 0, uint8_t f2 = 0, uint8_t f3 = 0,
-                       const char* da = "") {
-        RequestMessage request{0, mt, f1, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", da);
-        AnswerMessage answer{};
-        std::strcpy(answer.da, "stale text");
-        (void)procMsg(request, answer, m());  // the answer's type tells
-        return answer;
-    }
     void start(uint8_t writes) { ASSERT_EQ(send(START_SESSION, kAddress, 0, writes).mt, POS_ANSW); }
     // GUI "show device info": a write whose effect is easy to see.
     AnswerMessage writeGui(uint8_t mt, const char* value) { return send(mt, 8, 1, 0, value); }
@@ -32,19 +21,15 @@ class Session : public SeamTest {
 
 TEST_F(Session, StartOpensAFreshSessionAndAnswersNeedNoAnswer) {
     m().changed.setAll();
-    AnswerMessage a = send(START_SESSION, kAddress, 7, 3);
-    EXPECT_EQ(a.type, kAddress);
-    EXPECT_EQ(a.f1, 1);
-    EXPECT_EQ(a.f3, 3);
-    EXPECT_STREQ(a.da, "");
+    EXPECT_EQ(shown(send(START_SESSION, kAddress, 7, 3)), "POS to 42 1/7/3: ");
     EXPECT_EQ(m().session.counter, 1u);
     for (unsigned place = 0; place < flag::Count; ++place)
         EXPECT_FALSE(m().changed.isSet(place));
     start(0);
     EXPECT_EQ(m().session.counter, 2u);
-    EXPECT_EQ(send(READ_PARAM, 12, 3, 4).type, kAddress);
+    EXPECT_EQ(shown(send(READ_PARAM, 12, 3, 4)), "POS to 42 12/3/4: ");
     for (uint8_t mt : {uint8_t{POS_ANSW}, uint8_t{NEG_ANSW}, uint8_t{8}, uint8_t{255}})
-        EXPECT_EQ(send(mt, 1, 2, 3).type, 0) << int(mt);  // type 0 cannot be sent
+        EXPECT_EQ(shown(send(mt, 1, 2, 3)), "0 to 0 0/0/0: ") << +mt;  // type 0 cannot be sent
 }
 
 TEST_F(Session, AcceptsOneWriteMoreThanAnnounced) {
@@ -52,9 +37,8 @@ TEST_F(Session, AcceptsOneWriteMoreThanAnnounced) {
         start(static_cast<uint8_t>(announced));
         for (int i = 0; i <= announced; ++i)
             EXPECT_EQ(send(SET_PARAM, 6).mt, POS_ANSW) << i;
-        AnswerMessage refused = send(SET_PARAM, 6);
-        EXPECT_EQ(refused.mt, NEG_ANSW);
-        EXPECT_STREQ(refused.da, "ERROR: Exeeded number of write requests!");
+        EXPECT_EQ(shown(send(SET_PARAM, 6)),
+                  "NEG to 42 6/0/0: ERROR: Exeeded number of write requests!");
         send(FINISH_SESSION);
     }
 }
@@ -62,17 +46,13 @@ TEST_F(Session, AcceptsOneWriteMoreThanAnnounced) {
 TEST_F(Session, TemporaryAfterPermanentIsDonePermanentAfterTemporaryIsNot) {
     start(5);
     EXPECT_EQ(writeGui(SET_PARAM, "0").mt, POS_ANSW);
-    AnswerMessage temporary = writeGui(SET_TEMP_PARAM, "1");
-    EXPECT_EQ(temporary.mt, POS_ANSW);
-    EXPECT_STREQ(temporary.da, kMixedText);
+    EXPECT_EQ(shown(writeGui(SET_TEMP_PARAM, "1")), "POS to 42 8/1/0: " + kMixedText);
     EXPECT_EQ(m().gui.show[0], 1);
     send(ABORT_SESSION);
 
     start(5);
     EXPECT_EQ(writeGui(SET_TEMP_PARAM, "0").mt, POS_ANSW);
-    AnswerMessage permanent = writeGui(SET_PARAM, "1");
-    EXPECT_EQ(permanent.mt, NEG_ANSW);
-    EXPECT_STREQ(permanent.da, kMixedText);
+    EXPECT_EQ(shown(writeGui(SET_PARAM, "1")), "NEG to 42 8/1/0: " + kMixedText);
     EXPECT_EQ(m().gui.show[0], 0);
 }
 
@@ -88,9 +68,7 @@ TEST_F(Session, FinishAppliesOnlyAnnouncedSessionsThatWrote) {
 
     start(1);
     send(SET_TEMP_PARAM, 1, 0, 0, "loud");
-    AnswerMessage finished = send(FINISH_SESSION);
-    EXPECT_EQ(finished.type, kAddress);
-    EXPECT_EQ(finished.mt, POS_ANSW);
+    EXPECT_EQ(shown(send(FINISH_SESSION)), "POS to 42 0/0/0: ");
     EXPECT_EQ(fake.hostNamesSet, std::vector<std::string>{"loud"});
     EXPECT_EQ(m().session.temporary, 0);
 }
@@ -99,11 +77,10 @@ TEST_F(Session, FailedApplyKeepsTheWriteKindIntoTheNextSession) {
     fake.setHostNameErrno = EPERM;
     start(1);
     send(SET_PARAM, 1, 0, 0, "denied");
-    AnswerMessage finished = send(FINISH_SESSION);
-    EXPECT_EQ(finished.mt, NEG_ANSW);
-    EXPECT_STREQ(finished.da, "sethostname failed (Operation not permitted)");
+    EXPECT_EQ(shown(send(FINISH_SESSION)),
+              "NEG to 42 0/0/0: sethostname failed (Operation not permitted)");
     start(1);
-    EXPECT_STREQ(writeGui(SET_TEMP_PARAM, "1").da, kMixedText);
+    EXPECT_EQ(writeGui(SET_TEMP_PARAM, "1").da, kMixedText);
 }
 
 TEST_F(Session, AbandonedAndAbortedSessionsAreReloadedFromTheFile) {
@@ -114,9 +91,7 @@ TEST_F(Session, AbandonedAndAbortedSessionsAreReloadedFromTheFile) {
     EXPECT_STREQ(m().general.Description, "from file");
 
     send(SET_PARAM, 0, 4, 0, "changed again");
-    AnswerMessage aborted = send(ABORT_SESSION, 3, 4, 5);
-    EXPECT_EQ(aborted.mt, POS_ANSW);
-    EXPECT_EQ(aborted.f3, 5);
+    EXPECT_EQ(shown(send(ABORT_SESSION, 3, 4, 5)), "POS to 42 3/4/5: ");
     EXPECT_STREQ(m().general.Description, "from file");
 
     send(SET_PARAM, 0, 4, 0, "after abort");

@@ -17,7 +17,6 @@
 
 namespace {
 
-using Reply = std::pair<int, std::string>;  // a handler's result and answer text
 using Lines = std::vector<std::string>;
 
 class WlanTest : public SeamTest {
@@ -37,28 +36,15 @@ class WlanTest : public SeamTest {
     }
     WlanInterface& wlan() { return m().wlan; }
     Reply call(bool write, uint8_t f2, uint8_t f3, const char* value = "") {
-        RequestMessage request{0, write ? SET_PARAM : READ_PARAM, 3, f2, f3, {}};
-        std::snprintf(request.da, sizeof request.da, "%s", value);
-        AnswerMessage answer{};
-        return {(write ? storeWlanInformation : readWlan)(request, answer, m()), answer.da};
+        return handle(write ? storeWlanInformation : readWlan, 3, f2, f3, value);
     }
-    Reply apply(unsigned index) {
-        AnswerMessage answer{};
-        return {setWlanConfig(index, m(), answer), answer.da};  // in this order
-    }
+    Reply apply(unsigned index) { return applied(setWlanConfig, index); }
     // A temporary session (nothing is stored) with the given writes; its answer to FINISH_SESSION.
     AnswerMessage session(const std::vector<std::pair<uint8_t, const char*>>& writes, uint8_t f2) {
-        AnswerMessage answer{};
-        const auto send = [&](uint8_t mt, uint8_t f1, uint8_t sub2, uint8_t sub3, const char* v) {
-            RequestMessage request{0, mt, f1, sub2, sub3, {}};
-            std::snprintf(request.da, sizeof request.da, "%s", v);
-            (void)procMsg(request, answer, m());  // the answer tells
-        };
-        send(START_SESSION, 40, 0, static_cast<uint8_t>(writes.size()), "");
+        send(START_SESSION, 40, 0, static_cast<uint8_t>(writes.size()));
         for (const auto& [f3, value] : writes)
             send(SET_TEMP_PARAM, 3, f2, f3, value);
-        send(FINISH_SESSION, 0, 0, 0, "");
-        return answer;
+        return send(FINISH_SESSION);
     }
 };
 
@@ -137,7 +123,7 @@ const std::string kApFileTail =
     "   Count=0                         # Number of entries in filter table,up to 16"
     "#   mac_1=00:50:23:45:76:22         # mac address}\n\n";
 
-TEST_F(WlanTest, InterfaceWritesReadBack) {
+TEST_F(WlanTest, InterfaceWritesReadBackUntilTheNextSession) {
     const std::string longText(200, 'w');
     // f3, value written, write reply, value read back
     const std::tuple<uint8_t, std::string, Reply, std::string> cases[] = {
@@ -173,9 +159,8 @@ TEST_F(WlanTest, InterfaceWritesReadBack) {
     // The static address is also the AP's address in the platform record.
     EXPECT_EQ(call(true, 1, 9, "192.168.9.1"), Reply(0, ""));
     EXPECT_EQ(m().platform.ip_address.s_addr, inet_addr("192.168.9.1"));
-}
 
-TEST_F(WlanTest, FirstReadOfASessionFetchesLiveStateAndThePlatformFile) {
+    // The first read of a session fetches the live state and the platform file.
     fake.interfaces["eth0"] = {{0x00, 0x1a, 0x2b, 0xc3, 0xd4, 0xef}, "192.168.7.20"};
     fake.writeFile(kPlatformConfigPath, "WLAN_MODE=UAP\n");
     m().session.counter = 3;
