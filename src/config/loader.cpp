@@ -254,10 +254,10 @@ int checkHeader(const char* path, int& major, int& minor, int& patch) {
     const char* label = strcasestr(text, ini::kHeaderVersionLabel);
     if (label == nullptr) return -1;
     const char* at = label + std::strlen(ini::kHeaderVersionLabel);
-    if (!readVersionNumber(at, major)) return -1;
-    ++at;  // the dot
-    if (!readVersionNumber(at, minor)) return -1;
-    ++at;
+    // One character is skipped after a number, whatever it is (the dot). A number that ends
+    // the scanned text has nothing after it: there the next number is missing.
+    if (!readVersionNumber(at, major) || *at++ == '\0') return -1;
+    if (!readVersionNumber(at, minor) || *at++ == '\0') return -1;
     if (!readVersionNumber(at, patch)) return -1;
 
     const bool older =

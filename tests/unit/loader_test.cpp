@@ -112,6 +112,7 @@ TEST_F(Loader, OlderFormatsUseTheirKeyNames) {
 }
 
 TEST_F(Loader, HeaderVersion) {
+    const std::string kTitle = "# KIV configuration file\n";
     struct Case {
         std::string text;
         int result, major, minor, patch;
@@ -123,6 +124,11 @@ TEST_F(Loader, HeaderVersion) {
         {"# Format version 1.3.1\n", -1, 0, 0, 0},                      // no title
         {configHeader("1.x.1"), -1, 1, 0, 0},                           // stops at the bad number
         {std::string(2100, '#') + configHeader("1.3.1"), -1, 0, 0, 0},  // beyond the scanned part
+        // The scanned part ends right behind a number: nothing is read beyond it.
+        {kTitle + std::string(2047 - kTitle.size() - 16, '#') + "Format version 1.3.1", -1, 1, 0,
+         0},
+        {kTitle + std::string(2047 - kTitle.size() - 18, '#') + "Format version 1.3.1", -1, 1, 3,
+         0},
     };
     for (const Case& c : cases) {
         fake.writeFile(kDefaultConfigPath, c.text);
