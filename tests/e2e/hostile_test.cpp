@@ -32,13 +32,13 @@ std::string fileWith(const std::string& description) {
 }
 
 std::string readDescription() {
-    return text(kRead, kGeneral, kDescription, 0);
+    return text(READ_PARAM, kGeneral, kDescription, 0);
 }
 std::string description(const std::string& value) {
     return ok(kGeneral, kDescription, 0, value.c_str());
 }
 std::string setDescription(const std::string& value) {
-    return text(kSet, kGeneral, kDescription, 0, value.c_str());
+    return text(SET_PARAM, kGeneral, kDescription, 0, value.c_str());
 }
 
 // An answer text as it goes out: cut to what a queue message holds.
@@ -127,13 +127,13 @@ TEST(Hostile, InterleavedSessionsShareOneSessionState) {
         std::string request, answer, stored;  // stored: what the file holds afterwards
     };
     const Step steps[] = {
-        {kFirst, text(kStart, kFirst, 0, 2), ok(1, 0, 2), "kept"},
+        {kFirst, text(START_SESSION, kFirst, 0, 2), ok(1, 0, 2), "kept"},
         {kFirst, setDescription("by the first"), description(""), "kept"},
-        {kSecond, text(kStart, kSecond, 0, 1), ok(1, 0, 1), "kept"},
+        {kSecond, text(START_SESSION, kSecond, 0, 1), ok(1, 0, 1), "kept"},
         {kSecond, readDescription(), description("kept"), "kept"},  // sent by the first
         {kSecond, setDescription("by the second"), description(""), "kept"},
-        {kSecond, text(kFinish, 0, 0, 0), ok(0, 0, 0), "by the second"},  // by the first
-        {kSecond, text(kFinish, 0, 0, 0), ok(0, 0, 0), "by the second"},
+        {kSecond, text(FINISH_SESSION, 0, 0, 0), ok(0, 0, 0), "by the second"},  // by the first
+        {kSecond, text(FINISH_SESSION, 0, 0, 0), ok(0, 0, 0), "by the second"},
     };
     for (const Step& step : steps) {
         ASSERT_TRUE(send(d.queue, step.request));
@@ -153,8 +153,8 @@ TEST(Hostile, SessionsAnsweredToTypesZeroAndOneAreServedUnheard) {
     ASSERT_NE(d.up(), "") << d.process.output();
     for (unsigned address : {0u, 1u}) {
         const std::string value = "via type " + std::to_string(address);
-        for (const std::string& request :
-             {text(kStart, address, 0, 1), setDescription(value), text(kFinish, 0, 0, 0)})
+        for (const std::string& request : {text(START_SESSION, address, 0, 1),
+                                           setDescription(value), text(FINISH_SESSION, 0, 0, 0)})
             ASSERT_TRUE(send(d.queue, request));
         const pid_t daemon = d.process.pid();
         msqid_ds state{};
@@ -178,14 +178,14 @@ TEST(Hostile, MalformedAndOversizedTextsAreDroppedOrRefused) {
     ASSERT_NE(d.up(), "") << d.process.output();
     ASSERT_TRUE(d.start(kFirst, 0, 5));
     const std::string read = readDescription();
-    const std::string fourWrite = text(kSet, kGeneral, kDescription, 0);
+    const std::string fourWrite = text(SET_PARAM, kGeneral, kDescription, 0);
     const std::string fiveHead = "a:5" + fourWrite.substr(3, fourWrite.size() - 4);
     const std::string open = fiveHead + "s:2:\"da\";s:999:\"";  // a value without its end
     const auto filled = [&](std::size_t size) {
         return open + std::string(size - open.size(), 'x');
     };
     const std::size_t largest = std::stoul(readFile("/proc/sys/kernel/msgmax"));
-    const std::string tooLong = text(kNegative, 0, 0, 0, "ERROR: Argument list too long!");
+    const std::string tooLong = text(NEG_ANSW, 0, 0, 0, "ERROR: Argument list too long!");
     const std::string whole = filled(kQueueTextSize).substr(open.size());
     const struct {
         std::string request, answer;  // answer "": none

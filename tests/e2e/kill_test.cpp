@@ -94,35 +94,35 @@ std::optional<std::string> exchange(
 }
 
 std::string positive(const Request& r) {
-    return ok(r.mt == kStart ? 1 : r.f1, r.f2, r.f3);
+    return ok(r.mt == START_SESSION ? 1 : r.f1, r.f2, r.f3);
 }
 
 // The permanent session that stores n.
 std::vector<Request> storing(long n) {
     const Values v = valuesOf(n);
-    return {{kStart, kAnswerType, 0, 3, ""},
-            {kSet, 0, 4, 0, v.description},
-            {kSet, 4, 1, 2, v.bitRate},
-            {kSet, 8, 1, 8, v.gui},
-            {kFinish, 0, 0, 0, ""}};
+    return {{START_SESSION, kAnswerType, 0, 3, ""},
+            {SET_PARAM, 0, 4, 0, v.description},
+            {SET_PARAM, 4, 1, 2, v.bitRate},
+            {SET_PARAM, 8, 1, 8, v.gui},
+            {FINISH_SESSION, 0, 0, 0, ""}};
 }
 
 // What the daemon holds: the three stored values and the route's name; empty when a request
 // failed.
 std::vector<std::string> held(int queue) {
-    const Request session[] = {{kStart, kAnswerType, 0, 0, ""},
-                               {kRead, 0, 4, 0, ""},
-                               {kRead, 4, 1, 2, ""},
-                               {kRead, 8, 1, 8, ""},
-                               {kRead, 5, 1, 0, ""},
-                               {kFinish, 0, 0, 0, ""}};
+    const Request session[] = {{START_SESSION, kAnswerType, 0, 0, ""},
+                               {READ_PARAM, 0, 4, 0, ""},
+                               {READ_PARAM, 4, 1, 2, ""},
+                               {READ_PARAM, 8, 1, 8, ""},
+                               {READ_PARAM, 5, 1, 0, ""},
+                               {FINISH_SESSION, 0, 0, 0, ""}};
     std::vector<std::string> values;
     for (const Request& r : session) {
         const std::string answer = exchange(queue, r).value_or("");
         RequestMessage parsed{};
-        if (parseRequest(answer.data(), answer.size(), parsed) != 0 || parsed.mt != kPositive)
+        if (parseRequest(answer.data(), answer.size(), parsed) != 0 || parsed.mt != POS_ANSW)
             return {};
-        if (r.mt == kRead) values.emplace_back(parsed.da);
+        if (r.mt == READ_PARAM) values.emplace_back(parsed.da);
     }
     return values;
 }
@@ -176,7 +176,7 @@ TEST(Store, SurvivesSigkillAtRandomMoments) {
             Clock::duration(std::uniform_int_distribution<Clock::rep>(0, span.count())(random));
         for (bool killed = false; !killed;) {
             for (const Request& r : storing(acked + 1)) {
-                finishSent = r.mt == kFinish;
+                finishSent = r.mt == FINISH_SESSION;
                 const std::optional<std::string> answer = exchange(d->queue, r, deadline);
                 killed = !answer;
                 if (killed) break;
