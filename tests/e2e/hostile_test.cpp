@@ -77,18 +77,13 @@ TEST(Hostile, ClientDyingInItsSessionFreesTheLockAndLosesItsWrites) {
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {  // no destructors: they would end the test's daemon
-            const char* value = "by the dead";
             client::Connection c;
             RequestMessage answer{};
-            client::RequestQueueMessage write;
-            const std::size_t length =
-                client::formatRequest(write, SET_PARAM, kGeneral, kDescription, 0, value);
-            const bool done =
-                c.open(d.lock.c_str()) == client::Status::Ok &&
-                c.startSession(1, answer) == client::Status::Ok &&
-                (death == KilledBeforeItsAnswer ? c.send(write, length)
-                                                : c.exchange(SET_PARAM, kGeneral, kDescription, 0,
-                                                             value, answer)) == client::Status::Ok;
+            const bool done = c.open(d.lock.c_str()) == client::Status::Ok &&
+                              c.startSession(1, answer) == client::Status::Ok &&
+                              send(c.queueId(), setDescription("by the dead")) &&
+                              (death == KilledBeforeItsAnswer ||
+                               receive(c.queueId(), c.answerType(), kAnswerMs).has_value());
             if (done && death != Exits) (void)raise(SIGKILL);
             _exit(done ? 0 : 1);
         }
@@ -220,12 +215,11 @@ TEST(Hostile, FloodWithoutReadingAnswersHoldsTheDaemonInItsSend) {
     const auto sending = [&] {
         return readFile(proc + "syscall").starts_with(std::to_string(SYS_msgsnd) + " ");
     };
-    const std::string request = readDescription;
     // Room for kHeld answers and one request: a flood's answers (longer than two requests) do
     // not all fit, however fast client and daemon run.
     constexpr std::size_t kHeld = 64;
     msqid_ds limits = queueState(d);
-    limits.msg_qbytes = kHeld * description(std::string(100, 'a')).size() + request.size();
+    limits.msg_qbytes = kHeld * description(std::string(100, 'a')).size() + readDescription.size();
     ASSERT_EQ(msgctl(d.queue, IPC_SET, &limits), 0);
     for (const bool paced : {true, false}) {
         const std::string value(100, paced ? 'a' : 'b'), answer = description(value);
@@ -237,7 +231,7 @@ TEST(Hostile, FloodWithoutReadingAnswersHoldsTheDaemonInItsSend) {
                      kAnswerMs));
         }
         std::size_t sent = 0;
-        for (; sent < 10 * kHeld && send(d.queue, request); ++sent) {
+        for (; sent < 10 * kHeld && send(d.queue, readDescription); ++sent) {
             if (paced) {  // taken and answered, or held in the daemon's send
                 ASSERT_TRUE(poll(
                     [&] {
