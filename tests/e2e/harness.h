@@ -23,23 +23,15 @@
 #include <thread>
 #include <vector>
 
+#include "client.h"
+#include "soak_session.h"
+
 extern char** environ;
 
 namespace e2e {
 
 constexpr int kStartMs = 20000;  // start-up runs every apply; sanitizer builds are slow
 constexpr int kAnswerMs = 5000;  // an answer, or a command, that is due
-
-enum : unsigned {
-    kStart = 0,
-    kRead = 1,
-    kSet = 2,
-    kPositive = 3,
-    kNegative = 4,
-    kFinish = 5,
-    kAbort = 6,
-    kSetTemporary = 7
-};
 
 // Calls `done` every few milliseconds until it returns true; false once `timeoutMs` passed.
 inline bool poll(const std::function<bool()>& done, int timeoutMs) {
@@ -48,6 +40,12 @@ inline bool poll(const std::function<bool()>& done, int timeoutMs) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
+}
+
+// A path the sandbox gives in the environment variable `name`; empty outside.
+inline std::string sandbox(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
 }
 
 // The whole content of a file; empty when it cannot be read.
@@ -124,14 +122,9 @@ inline std::string text(unsigned mt, unsigned f1, unsigned f2, unsigned f3,
 }
 // The positive answer to a request at f1 f2 f3 (a START_SESSION's has f1 1).
 inline std::string ok(unsigned f1, unsigned f2, unsigned f3, const char* da = "") {
-    return text(kPositive, f1, f2, f3, da);
+    return text(POS_ANSW, f1, f2, f3, da);
 }
 
-// A System V queue message as msgsnd and msgrcv take it.
-struct QueueMessage {
-    long type;
-    char text[8192];
-};
 // Puts `text` on the daemon's queue `id` as a client does (requests go as type 1); any size
 // up to the system's limit for one message.
 inline bool send(int id, const std::string& text, long type = 1) {
@@ -159,8 +152,7 @@ inline std::optional<std::string> receive(int id, long type, int timeoutMs) {
 // (started with "&"), which may land there at any time, unless `background`.
 // commands().size() marks where the next commands will begin.
 inline std::vector<std::string> commands(std::size_t first = 0, bool background = false) {
-    const char* path = std::getenv("CFGD_SANDBOX_LOG");
-    std::istringstream in(path != nullptr ? readFile(path) : "");
+    std::istringstream in(readFile(sandbox("CFGD_SANDBOX_LOG")));
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
         if (background || !line.starts_with("canoipd ")) lines.push_back(line);
@@ -171,9 +163,7 @@ inline std::vector<std::string> commands(std::size_t first = 0, bool background 
 // Runs one of the sandbox's stubs (such as rmmod, which unloads the simulated gateway module)
 // by its path inside the sandbox; its exit status, or -1.
 inline int runStub(const std::string& name, const std::vector<std::string>& arguments) {
-    const char* directory = std::getenv("CFGD_SANDBOX_BIN");
-    if (directory == nullptr) return -1;
-    Process stub(std::string(directory) + "/" + name, arguments);
+    Process stub(sandbox("CFGD_SANDBOX_BIN") + "/" + name, arguments);
     return stub.wait(kAnswerMs);
 }
 
@@ -195,13 +185,10 @@ struct Daemon {
         queue = msgget(key, 0);  // made before the lock file is written
         return line;
     }
-    // The answer to `request` in the current session.
-    std::string ask(const std::string& request) {
-        EXPECT_TRUE(send(queue, request)) << request;
-        return receive(queue, session, kAnswerMs).value_or("(no answer)");
-    }
+    // The answer to `request` in the current session is `expected`.
     ::testing::AssertionResult answers(const std::string& request, const std::string& expected) {
-        const std::string answer = ask(request);
+        EXPECT_TRUE(send(queue, request)) << request;
+        const std::string answer = receive(queue, session, kAnswerMs).value_or("(no answer)");
         if (answer == expected) return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure()
                << request << "\n  answered " << answer << "\n  expected " << expected;
@@ -209,16 +196,16 @@ struct Daemon {
     // The usual requests, each answered positively.
     ::testing::AssertionResult start(long id, unsigned f2 = 0, unsigned f3 = 0) {
         session = id;
-        return answers(text(kStart, id, f2, f3), ok(1, f2, f3));
+        return answers(text(START_SESSION, id, f2, f3), ok(1, f2, f3));
     }
-    ::testing::AssertionResult end(unsigned mt = kFinish) {
+    ::testing::AssertionResult end(unsigned mt = FINISH_SESSION) {
         return answers(text(mt, 0, 0, 0), ok(0, 0, 0));
     }
     ::testing::AssertionResult reads(unsigned f1, unsigned f2, unsigned f3, const char* value) {
-        return answers(text(kRead, f1, f2, f3), ok(f1, f2, f3, value));
+        return answers(text(READ_PARAM, f1, f2, f3), ok(f1, f2, f3, value));
     }
     ::testing::AssertionResult sets(unsigned f1, unsigned f2, unsigned f3, const char* value,
-                                    unsigned mt = kSet) {
+                                    unsigned mt = SET_PARAM) {
         return answers(text(mt, f1, f2, f3, value), ok(f1, f2, f3));
     }
 
@@ -234,6 +221,10 @@ struct Daemon {
         const std::string path = "/mnt/user/e2e-" + std::to_string(++started) + ".ini";
         if (!content.empty()) std::ofstream(path) << content;
         return path;
+    }
+    // A file with the benchmark's configuration: every route and every filter in use.
+    static std::string fullFile() {
+        return freshFile(readFile(sandbox(soak::kRepositoryVariable) + "/" + soak::kConfiguration));
     }
 
     static inline int started = 0;

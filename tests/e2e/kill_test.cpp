@@ -26,10 +26,7 @@ using Clock = std::chrono::steady_clock;
 constexpr long kDefaultKills = 40;
 constexpr const char* kKillsVariable = "CFGD_KILL_ROUNDS";
 constexpr long kAnswerType = 70;
-constexpr const char* kBackup = "/mnt/user/kiv_config.old";
-constexpr const char* kTemporary = "/tmp/kiv_config.tmp";
 constexpr const char* kRouteName = "kept by every store";  // in the file, never written
-constexpr const char* kDefaultDescription = "Module description";
 
 // What store n writes: in the file's first section, a middle one and its last.
 struct Values {
@@ -40,32 +37,29 @@ Values valuesOf(long n) {
     return {"store " + std::to_string(n), rates[n % 4], n % 2 ? "1" : "0"};
 }
 
-// A configuration file as the daemon writes it, holding store n and a route no store touches.
-std::string fileOf(long n) {
-    const Values v = valuesOf(n);
+// A configuration file as the daemon writes it, holding store 0 and a route no store touches.
+std::string firstFile() {
     return "#########################################\n# KIV configuration file\n"
            "# Format version 1.3.1\n#########################################\n"
-           "[general]\ndescription = " +
-           v.description + "\n[can_0]\nbaudrate = " + v.bitRate +
-           "\n[fwd_gen]\ncount = 1\n[rt_0]\nrtinfo = " + kRouteName +
+           "[general]\ndescription = store 0\n[can_0]\nbaudrate = 125000\n[fwd_gen]\ncount = 1\n"
+           "[rt_0]\nrtinfo = " +
+           std::string(kRouteName) +
            "\nactive = FALSE\ninterface1 = can0\ndestination2 = 198.51.100.40:5000\n"
-           "[gui]\nshow_filter_info = " +
-           v.gui + "\n";
+           "[gui]\nshow_filter_info = 0\n";
 }
 
-// Which store each file of the store holds, for the report of a restart.
+// Which store each file of the store holds (or its size), for the report of a restart.
 std::string evidence(const std::string& file) {
     std::string report;
-    for (const std::string& path : {file, std::string(kBackup), std::string(kTemporary)}) {
+    for (const std::string& path :
+         {file, std::string("/mnt/user/kiv_config.old"), std::string("/tmp/kiv_config.tmp")}) {
         const std::string content = readFile(path);
         const std::size_t at = content.find("= store ");
-        report += path + ": ";
-        if (access(path.c_str(), F_OK) != 0)
-            report += "missing; ";
-        else if (at == std::string::npos)
-            report += std::to_string(content.size()) + " bytes, no store; ";
-        else
-            report += content.substr(at + 2, content.find('\n', at) - at - 2) + "; ";
+        report +=
+            path + ": " +
+            (at == std::string::npos ? std::to_string(content.size()) + " bytes"
+                                     : content.substr(at + 2, content.find('\n', at) - at - 2)) +
+            "; ";
     }
     return report;
 }
@@ -75,8 +69,8 @@ struct Request {
     std::string value;  // empty: none
 };
 
-// Sends a request as the client does and polls for its answer until `deadline`; nullopt when
-// none came by then.
+// Sends a request as the client does (its value with the terminator, so that no tail of a
+// longer one stays behind) and polls for its answer until `deadline`; nullopt when none came.
 std::optional<std::string> exchange(
     int queue, const Request& r,
     Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs)) {
@@ -94,35 +88,35 @@ std::optional<std::string> exchange(
 }
 
 std::string positive(const Request& r) {
-    return ok(r.mt == kStart ? 1 : r.f1, r.f2, r.f3);
+    return ok(r.mt == START_SESSION ? 1 : r.f1, r.f2, r.f3);
 }
 
 // The permanent session that stores n.
 std::vector<Request> storing(long n) {
     const Values v = valuesOf(n);
-    return {{kStart, kAnswerType, 0, 3, ""},
-            {kSet, 0, 4, 0, v.description},
-            {kSet, 4, 1, 2, v.bitRate},
-            {kSet, 8, 1, 8, v.gui},
-            {kFinish, 0, 0, 0, ""}};
+    return {{START_SESSION, kAnswerType, 0, 3, ""},
+            {SET_PARAM, 0, 4, 0, v.description},
+            {SET_PARAM, 4, 1, 2, v.bitRate},
+            {SET_PARAM, 8, 1, 8, v.gui},
+            {FINISH_SESSION, 0, 0, 0, ""}};
 }
 
 // What the daemon holds: the three stored values and the route's name; empty when a request
 // failed.
 std::vector<std::string> held(int queue) {
-    const Request session[] = {{kStart, kAnswerType, 0, 0, ""},
-                               {kRead, 0, 4, 0, ""},
-                               {kRead, 4, 1, 2, ""},
-                               {kRead, 8, 1, 8, ""},
-                               {kRead, 5, 1, 0, ""},
-                               {kFinish, 0, 0, 0, ""}};
+    const Request session[] = {{START_SESSION, kAnswerType, 0, 0, ""},
+                               {READ_PARAM, 0, 4, 0, ""},
+                               {READ_PARAM, 4, 1, 2, ""},
+                               {READ_PARAM, 8, 1, 8, ""},
+                               {READ_PARAM, 5, 1, 0, ""},
+                               {FINISH_SESSION, 0, 0, 0, ""}};
     std::vector<std::string> values;
     for (const Request& r : session) {
         const std::string answer = exchange(queue, r).value_or("");
         RequestMessage parsed{};
-        if (parseRequest(answer.data(), answer.size(), parsed) != 0 || parsed.mt != kPositive)
+        if (parseRequest(answer.data(), answer.size(), parsed) != 0 || parsed.mt != POS_ANSW)
             return {};
-        if (r.mt == kRead) values.emplace_back(parsed.da);
+        if (r.mt == READ_PARAM) values.emplace_back(parsed.da);
     }
     return values;
 }
@@ -131,7 +125,7 @@ TEST(Store, SurvivesSigkillAtRandomMoments) {
     const char* wanted = std::getenv(kKillsVariable);
     const long kills =
         wanted != nullptr && std::atol(wanted) > 0 ? std::atol(wanted) : kDefaultKills;
-    const std::string file = Daemon::freshFile(fileOf(0));
+    const std::string file = Daemon::freshFile(firstFile());
     std::optional<Daemon> d;
     long made = 0;            // kills so far
     long acked = 0;           // the last store whose FINISH_SESSION was answered
@@ -153,7 +147,6 @@ TEST(Store, SurvivesSigkillAtRandomMoments) {
         if (whole && n == acked) outcome = "the last acknowledged store";
         if (whole && n == acked + 1 && finishSent) outcome = "the store in flight";
         if (whole && n == acked - 1) outcome = "the store before the last";
-        if (values[0] == kDefaultDescription) outcome = "the defaults";
         if (made > 0) ++outcomes[outcome];  // the first start follows no kill
         ASSERT_NE(outcome.find("store"), std::string::npos)
             << "after kill " << made << " during store " << acked + 1
@@ -176,7 +169,7 @@ TEST(Store, SurvivesSigkillAtRandomMoments) {
             Clock::duration(std::uniform_int_distribution<Clock::rep>(0, span.count())(random));
         for (bool killed = false; !killed;) {
             for (const Request& r : storing(acked + 1)) {
-                finishSent = r.mt == kFinish;
+                finishSent = r.mt == FINISH_SESSION;
                 const std::optional<std::string> answer = exchange(d->queue, r, deadline);
                 killed = !answer;
                 if (killed) break;

@@ -29,7 +29,7 @@ TEST(WlanDaemon, ModeChangeToApRebootsAfterEachAnswer) {
     };
 
     EXPECT_TRUE(d.start(61, 0, 1));
-    EXPECT_TRUE(d.sets(kWlanGroup, 1, kModeParameter, "2", kSetTemporary));
+    EXPECT_TRUE(d.sets(kWlanGroup, 1, kModeParameter, "2", SET_TEMP_PARAM));
     EXPECT_TRUE(d.end());
     // The apply brings the interface up as an AP (DHCP client on, as the file's defaults say);
     // the reboot runs after the answer, its five seconds spent in the stub.
