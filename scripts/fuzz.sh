@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets (fuzz/) with clang in build-fuzz and runs each in turn for
-# SECONDS_PER_TARGET (default 60), or only the TARGETs named after it, on a working corpus under build-fuzz, seeded from
-# fuzz/corpus/<target>; then prints per target the inputs run and what was found. The log and
-# any saved input of a target are in build-fuzz/fuzz-work/<target>/.
+# Builds the libFuzzer targets (fuzz/) with clang in build-fuzz and runs each in turn (or only
+# the TARGETs named) for SECONDS_PER_TARGET (default 60) on a working corpus under build-fuzz,
+# seeded from fuzz/corpus/<target>; then prints per target the inputs run and what was found.
+# The log and any saved input of a target are in build-fuzz/fuzz-work/<target>/.
 # Exit status: 0 nothing found, 1 a target found a crash, leak, timeout or sanitizer report,
 # 2 clang with libFuzzer is missing (nothing was run).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh fuzz
 
 seconds=${1:-60}
 build=build-fuzz

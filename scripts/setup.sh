@@ -5,6 +5,8 @@ set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmock-dev
           clang-format util-linux procps iproute2 net-tools
           php-cli)  # the PHP client library's tests; its sysvmsg and sysvsem come with it
+# `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.
+[ "${1:-}" = fuzz ] && packages+=(clang libclang-rt-dev)
 missing=()
 # The device build and the armel unit tests: Debian's armel cross compiler, the armel C library,
 # iniparser and GoogleTest from the archive (multiarch), and qemu user emulation to run tests.
