@@ -105,8 +105,10 @@ TEST_F(Store, EveryGroupReadsBackAsItWasStored) {
     copyText(m().general.hostName, "gw-9");
     LanInterface& lan = m().lan[0];
     lan.UseDHCP = 1;
+    copyText(lan.IfName, "uplink");
     inet_pton(AF_INET, "10.0.0.2", &lan.IPv4);
     inet_pton(AF_INET, "255.0.0.0", &lan.Subnetmask);
+    inet_pton(AF_INET, "10.0.0.1", &lan.IPv4Gw);
     inet_pton(AF_INET6, "fe80::1", &lan.IPv6);
     inet_pton(AF_INET6, "2001:db8::1", &lan.IPv6Gw);
     m().can[1] = {"can1", 1, 125000, 0, 625, 0, 0, 1, {125, 1, 2, 3, 4, 5}, 1, 1, 1, 0, 0, 1, ""};
