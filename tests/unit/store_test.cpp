@@ -128,7 +128,7 @@ TEST_F(Store, EveryGroupReadsBackAsItWasStored) {
     third.image.info.protocol2 = 17;  // the file has no text for other numbers
     third.image.info.cdm = 10;        // nor for values the loader would clamp
     define({{0, kRange11, 1, {}, {}, 0x100, 0x1FF},
-            {5, kMask29, 1 | kFilterInverted, {}, "masked", 0x12345, 0x1FFFFFFF}});
+            {5, kMask29, 1 | kFilterInverted, "note", "masked", 0x12345, 0x1FFFFFFF}});
     ASSERT_EQ(parseFilterList(m().filters, "0,5", 2, true), 0);
     m().gui.show[3] = 1;
     m().dhcp = {1, {}, {}, 9};
@@ -144,8 +144,8 @@ TEST_F(Store, EveryGroupReadsBackAsItWasStored) {
     m().changed.setAll();
     ASSERT_EQ(store(), 0) << answer.da;
     EXPECT_EQ(stored(), written);
-    for (const char* value : {"fe80::1", "can2lan", "tcp", "192.168.5.5:6000", "0,5", "masked",
-                              "0x00012345/0x1FFFFFFF", "10.0.0.60"})
+    for (const char* value : {"fe80::1", "can2lan", "tcp", "192.168.5.5:6000", "0,5", "note",
+                              "masked", "0x00012345/0x1FFFFFFF", "10.0.0.60"})
         EXPECT_NE(strcasestr(written.c_str(), value), nullptr) << value;
 }
 
