@@ -82,8 +82,10 @@ TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOnRefusalsToo) {
         EXPECT_TRUE(route(4).RouteFlags & kRouteActive);
         EXPECT_TRUE(m().changed.isSet(flag::Route, 5));
     }
-    ASSERT_EQ(call(true, 5, 36, "5").first, 0);  // the clamp of FPP, from 10
+    ASSERT_EQ(call(true, 5, 36, "5").first, 0);
     EXPECT_EQ(route(4).image.info.cdm, 10u);
+    ASSERT_EQ(call(true, 5, 36, "99999").first, 0);
+    EXPECT_EQ(route(4).image.info.cdm, 65535u);
 
     // value, RouteFlags after, image run bit after
     const std::tuple<const char*, uint32_t, bool> states[] = {
