@@ -1,10 +1,5 @@
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "can/can_group.h"
 #include "fake_system.h"
@@ -115,7 +110,6 @@ TEST(ParseBrRegs, KeywordsResultsAndDerivedTq) {
     // text, result, then tq, prop_seg, phase_seg1, phase_seg2, sjw and brp afterwards
     const std::tuple<const char*, int, std::vector<uint32_t>> cases[] = {
         // Without TQ it follows from BRP at 24 MHz, truncated.
-        {"BRP 3; RJW 1; PSEG1 13; PSEG2 2; PROPSEG 0", 0, {125, 0, 13, 2, 1, 3}},
         {"BRP 1; RJW 1; PSEG1 1; PSEG2 1; PROPSEG 1", 0, {41, 1, 1, 1, 1, 1}},
         // 200001000 is no float: single precision gives 8333374 where double gives 8333375.
         {"BRP 200001; RJW 1; PSEG1 1; PSEG2 1; PROPSEG 1", 0, {8333374, 1, 1, 1, 1, 200001}},

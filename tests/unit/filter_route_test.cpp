@@ -1,10 +1,6 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
 
-#include <filesystem>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "fake_system.h"
 #include "filters/filter_store.h"

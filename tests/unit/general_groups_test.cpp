@@ -1,11 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <optional>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "core/identity.h"
 #include "fake_system.h"

@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "config/ini_layout.h"
 #include "fake_system.h"
 

@@ -2,10 +2,7 @@
 #include <sys/ioctl.h>
 
 #include <cstring>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "fake_system.h"
 #include "network/lan_group.h"

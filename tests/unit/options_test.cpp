@@ -1,8 +1,4 @@
-#include <gtest/gtest.h>
-
 #include <cstdio>
-#include <string>
-#include <vector>
 
 #include "core/daemon.h"
 #include "core/options.h"

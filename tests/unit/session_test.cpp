@@ -1,9 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <string>
-
-#include "config/config_path.h"
 #include "core/session.h"
+#include "config/config_path.h"
 #include "fake_system.h"
 
 namespace {
@@ -23,8 +19,7 @@ TEST_F(Session, StartOpensAFreshSessionAndAnswersNeedNoAnswer) {
     m().changed.setAll();
     EXPECT_EQ(shown(send(START_SESSION, kAddress, 7, 3)), "POS to 42 1/7/3: ");
     EXPECT_EQ(m().session.counter, 1u);
-    for (unsigned place = 0; place < flag::Count; ++place)
-        EXPECT_FALSE(m().changed.isSet(place));
+    EXPECT_EQ(m().changed.place, ChangeFlags{}.place);
     start(0);
     EXPECT_EQ(m().session.counter, 2u);
     EXPECT_EQ(shown(send(READ_PARAM, 12, 3, 4)), "POS to 42 12/3/4: ");

@@ -1,13 +1,9 @@
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <iniparser.h>
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "config/config_path.h"
 #include "config/ini_layout.h"
@@ -15,7 +11,6 @@
 #include "config/store.h"
 #include "fake_system.h"
 #include "filters/filter_store.h"
-#include "filters/filter_term.h"
 #include "filters/route_filters.h"
 #include "model/handler.h"
 #include "network/dhcp_server.h"
@@ -28,6 +23,11 @@ const std::string kHeader131 = configHeader("1.3.1").erase(configHeader("1.3.1")
 const std::string kAbsent = "(absent)", kSection = "(section)";
 constexpr const char *kBackup = "/mnt/user/kiv_config.old", *kTemporary = "/tmp/kiv_config.tmp";
 using Strings = std::vector<std::string>;
+
+// A key as the library writes it out.
+std::string key(const std::string& name, const std::string& value) {
+    return name + std::string(30 - name.size(), ' ') + " = " + value + "\n";
+}
 
 class Store : public SeamTest {
   protected:
@@ -55,15 +55,9 @@ class Store : public SeamTest {
         resetModel(m());
         ASSERT_EQ(loadConfiguration(m()), 0);
     }
-    Filter* define(uint32_t index, uint32_t kind, const char* term, bool inverted = false) {
-        Filter record{};
-        record.index = index;
-        record.filter_type = kind;
-        record.filter_mode = inverted ? 1 | kFilterInverted : 1;
-        const bool range = kind == kRange11 || kind == kRange29;
-        EXPECT_EQ(range ? parseRangeTerm(record, term, m().filters) : parseMaskTerm(record, term),
-                  1);
-        return insertFilter(m().filters, record);
+    void define(std::initializer_list<Filter> filters) {
+        for (const Filter& filter : filters)
+            ASSERT_NE(insertFilter(m().filters, filter), nullptr);
     }
     RouteRecord& route(unsigned record, const char* info) {
         RouteRecord& r = m().routes[record];
@@ -88,29 +82,16 @@ TEST_F(Store, WritesHeaderSectionsAndKeysInTheLibrarysForm) {
     can.Samplepoint = 875;
     can.timing = {125, 0, 13, 2, 1, 3};
     ASSERT_EQ(store({flag::General, flag::Host, flag::Can + 1}), 0) << answer.da;
-    EXPECT_EQ(stored(), kHeader131 +
-                            "\n[general]\n"
-                            "description                    = \n"
-                            "lighttpdport                   = 8080\n"
-                            "kl15pwdn                       = 1\n"
-                            "\n\n[host]\n"
-                            "devicename                     = gw-1\n"
-                            "\n\n[can_0]\n"
-                            "ifname                         = can0\n"
-                            "active                         = 1\n"
-                            "baudrate                       = 250000\n"
-                            "listenonly                     = 0\n"
-                            "autoresume                     = 1\n"
-                            "loopback                       = 0\n"
-                            "oneshot                        = 0\n"
-                            "triplesampling                 = 0\n"
-                            "manbr                          = 1\n"
-                            "br_register                    = BRP 3, RJW 1, TQ 125, PSEG1 13, "
-                            "PSEG2 2, PROPSEG 0\n"
-                            "samplepoint                    = 875\n"
-                            "\n\n");
+    EXPECT_EQ(stored(),
+              kHeader131 + "\n[general]\n" + key("description", "") + key("lighttpdport", "8080") +
+                  key("kl15pwdn", "1") + "\n\n[host]\n" + key("devicename", "gw-1") +
+                  "\n\n[can_0]\n" + key("ifname", "can0") + key("active", "1") +
+                  key("baudrate", "250000") + key("listenonly", "0") + key("autoresume", "1") +
+                  key("loopback", "0") + key("oneshot", "0") + key("triplesampling", "0") +
+                  key("manbr", "1") +
+                  key("br_register", "BRP 3, RJW 1, TQ 125, PSEG1 13, PSEG2 2, PROPSEG 0") +
+                  key("samplepoint", "875") + "\n\n");
     EXPECT_EQ(fake.readFile(kBackup), before);
-    EXPECT_FALSE(fake.fileExists(kTemporary));
     EXPECT_EQ(fake.commands, std::vector<std::string>{"mv -f " + fake.pathOf(kTemporary) + " " +
                                                       fake.pathOf(kDefaultConfigPath)});
 }
@@ -123,8 +104,10 @@ TEST_F(Store, EveryGroupReadsBackAsItWasStored) {
     copyText(m().general.hostName, "gw-9");
     LanInterface& lan = m().lan[0];
     lan.UseDHCP = 1;
+    copyText(lan.IfName, "uplink");
     inet_pton(AF_INET, "10.0.0.2", &lan.IPv4);
     inet_pton(AF_INET, "255.0.0.0", &lan.Subnetmask);
+    inet_pton(AF_INET, "10.0.0.1", &lan.IPv4Gw);
     inet_pton(AF_INET6, "fe80::1", &lan.IPv6);
     inet_pton(AF_INET6, "2001:db8::1", &lan.IPv6Gw);
     m().can[1] = {"can1", 1, 125000, 0, 625, 0, 0, 1, {125, 1, 2, 3, 4, 5}, 1, 1, 1, 0, 0, 1, ""};
@@ -143,8 +126,8 @@ TEST_F(Store, EveryGroupReadsBackAsItWasStored) {
     third.RouteFlags |= kRouteJoinFilters;
     third.image.info.protocol2 = 17;  // the file has no text for other numbers
     third.image.info.cdm = 10;        // nor for values the loader would clamp
-    define(0, kRange11, "0x100-0x1FF");
-    copyText(define(5, kMask29, "0x00012345/0x1FFFFFFF", true)->Name, "masked");
+    define({{0, kRange11, 1, {}, {}, 0x100, 0x1FF},
+            {5, kMask29, 1 | kFilterInverted, "note", "masked", 0x12345, 0x1FFFFFFF}});
     ASSERT_EQ(parseFilterList(m().filters, "0,5", 2, true), 0);
     m().gui.show[3] = 1;
     m().dhcp = {1, {}, {}, 9};
@@ -160,8 +143,8 @@ TEST_F(Store, EveryGroupReadsBackAsItWasStored) {
     m().changed.setAll();
     ASSERT_EQ(store(), 0) << answer.da;
     EXPECT_EQ(stored(), written);
-    for (const char* value : {"fe80::1", "can2lan", "tcp", "192.168.5.5:6000", "0,5", "masked",
-                              "0x00012345/0x1FFFFFFF", "10.0.0.60"})
+    for (const char* value : {"fe80::1", "can2lan", "tcp", "192.168.5.5:6000", "0,5", "note",
+                              "masked", "0x00012345/0x1FFFFFFF", "10.0.0.60"})
         EXPECT_NE(strcasestr(written.c_str(), value), nullptr) << value;
 }
 
@@ -170,12 +153,8 @@ TEST_F(Store, EveryGroupReadsBackAsItWasStored) {
 TEST_F(Store, GroupFlagsAloneRewriteTheFileUnchanged) {
     const std::string before =
         configHeader("1.3.1") + "; hand-made\n[General]\nDescription=Gate ; c\n[Unknown]\nX=1\n";
-    const std::string rewritten = kHeader131 +
-                                  "\n[general]\n"
-                                  "description                    = Gate\n"
-                                  "\n\n[unknown]\n"
-                                  "x                              = 1\n"
-                                  "\n\n";
+    const std::string rewritten = kHeader131 + "\n[general]\n" + key("description", "Gate") +
+                                  "\n\n[unknown]\n" + key("x", "1") + "\n\n";
     const std::pair<unsigned, bool> cases[] = {{flag::Lan, true},     {flag::Wlan, true},
                                                {flag::Can, true},     {flag::Route, false},
                                                {flag::Filter, false}, {flag::Unused, false}};
@@ -222,19 +201,16 @@ TEST_F(Store, FilterSectionsAreRemovedRewrittenAndCreated) {
                    configHeader("1.3.1") +
                        "[FILTER_0]\nfilter_type = 1\nTerm = 0x100-0x1FF\n"
                        "[FILTER_2]\nfilter_type = 1\nTerm = 0x1-0x2\nExtra = x\n");
-    define(2, kMask11, "0x123/0x7FF");
-    copyText(define(4, kMask11, "0x123/0x7FF", true)->Name, "n");
+    define({{2, kMask11, 1, {}, {}, 0x123, 0x7FF},
+            {4, kMask11, 1 | kFilterInverted, {}, "n", 0x123, 0x7FF}});
     ASSERT_EQ(store({flag::Filter + 1, flag::Filter + 3, flag::Filter + 5}), 0) << answer.da;
     EXPECT_EQ(entries({"filter_0", "filter_0:filter_type", "filter_2:filter_type", "filter_2:term",
                        "filter_2:extra"}),
               (Strings{kAbsent, kAbsent, "3", "0x123/0x7FF", "x"}));
-    EXPECT_NE(stored().find("\n[filter_4]\n"
-                            "filter_type                    = 3\n"
-                            "filter_mode                    = 0\n"
-                            "comment                        = \n"
-                            "name                           = n\n"
-                            "term                           = 0x123/0x7FF\n\n"),
-              std::string::npos)
+    EXPECT_NE(
+        stored().find("\n[filter_4]\n" + key("filter_type", "3") + key("filter_mode", "0") +
+                      key("comment", "") + key("name", "n") + key("term", "0x123/0x7FF") + "\n"),
+        std::string::npos)
         << stored();
 }
 
@@ -262,7 +238,6 @@ TEST_F(Store, OlderFormatsAreRewrittenWholeUnderCurrentNames) {
     ASSERT_EQ(loadConfiguration(m()), 0);
     m().changed.clearAll();
     ASSERT_EQ(store(), 0) << answer.da;
-    EXPECT_EQ(stored().rfind(kHeader131, 0), 0u);
     // Only filter keys lose their older names; the old CAN key stays, and nothing reads it.
     EXPECT_EQ(entries({"can_0:br_register", "can_0:br_reigster"}), (Strings{br, br}));
 }
@@ -351,11 +326,8 @@ TEST_F(Store, CommentSignsAndLineBreaksInValuesChangeTheNextLoad) {
     const struct {
         const char* stored;
         const char* loaded;
-    } cases[] = {{"a;b", "a"},
-                 {"a # b", "a"},
-                 {";all", ""},
-                 {"  blanks  ", "blanks"},
-                 {"two\nlines", "Module description"}};
+    } cases[] = {
+        {"a;b", "a"}, {"#all", ""}, {"  blanks  ", "blanks"}, {"two\nlines", "Module description"}};
     for (const auto& c : cases) {
         fake.writeFile(kDefaultConfigPath, configHeader("1.3.1"));
         copyText(m().general.Description, c.stored);

@@ -4,10 +4,7 @@
 #include <arpa/inet.h>
 
 #include <cstring>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "core/session.h"
 #include "fake_system.h"
@@ -57,9 +54,8 @@ TEST_F(WlanTest, WithoutInterfacesOnlyTheGeneralPartAnswers) {
         {false, 0, 1, "", {0, "eth"}},
         {false, 0, 2, "", {-1, "Unknown subidx II in f3 (f1:3, f2:0, f3:2)"}},
         {false, 1, 0, "", {-1, ""}},
-        {true, 0, 0, "1", {-1, "read only value!"}},
         {true, 0, 1, "uap", {-1, "read only value!"}},
-        {true, 0, 7, "2", {-1, "unknown parameter 3 0"}},
+        {true, 0, 2, "2", {-1, "unknown parameter 3 0"}},
         {true, 1, 9, "10.0.0.1", {0, ""}}};
     const WlanInterface before = wlan();
     for (const auto& [write, f2, f3, value, reply] : cases) {
