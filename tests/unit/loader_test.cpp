@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+
 #include <tuple>
 
 #include "config/config_path.h"
@@ -16,7 +18,7 @@ class Loader : public SeamTest {
     }
 };
 
-// The defaults themselves are the layout's table; here only how the loader takes them.
+// A missing file loads the defaults the device ships with.
 TEST_F(Loader, MissingFileGivesTheDefaults) {
     ASSERT_EQ(loadConfiguration(m()), 0);
     EXPECT_EQ(fake.hostNamesSet, std::vector<std::string>{"VORL-Gateway"});
@@ -27,7 +29,12 @@ TEST_F(Loader, MissingFileGivesTheDefaults) {
                   std::tuple(1, 500000u, 1, 800u));
     }
     EXPECT_STREQ(m().can[2].IfName, "");  // the third record is never loaded
-    EXPECT_TRUE(ini::legacyFormat());     // a file without header is rewritten whole
+    EXPECT_EQ(std::tuple(m().general.LighttpdPort, m().dhcp.max_leases,
+                         std::string(inet_ntoa(m().dhcp.end_addr))),
+              std::tuple(80u, 7u, std::string("192.168.1.17")));
+    EXPECT_EQ(std::vector(std::begin(m().gui.show), std::end(m().gui.show)),
+              (std::vector<uint8_t>{1, 0, 0, 0, 0, 0, 1, 1, 1}));
+    EXPECT_TRUE(ini::legacyFormat());  // a file without header is rewritten whole
 }
 
 TEST_F(Loader, ValuesAreClampedConvertedAndNamesFolded) {
@@ -48,6 +55,10 @@ TEST_F(Loader, ValuesAreClampedConvertedAndNamesFolded) {
     EXPECT_EQ(can1.Baudrate, 500000u);
     EXPECT_EQ(std::string(can1.IfName), std::string(126, 'n'));
     EXPECT_EQ(std::tuple(m().general.Count, m().general.CANoIPdPort), std::tuple(8u, 65535u));
+    // Routes without a section of their own take the defaults.
+    const RouteInfo& route = m().routes[7].image.info;
+    EXPECT_EQ(std::tuple(route.protocol2, route.fpp, route.cdm, route.flags & kDrvTcpDelay),
+              std::tuple(17u, 15u, 500u, kDrvTcpDelay));
 }
 
 // (What a filter's keys load as shows in the store's round trip.)
