@@ -148,14 +148,13 @@ inline std::optional<std::string> receive(int id, long type, int timeoutMs) {
 }
 
 // The sandbox's command log (the stubs record there the commands the daemon runs) from line
-// `first` on; without the lines of the programs the daemon leaves running in the background
-// (started with "&"), which may land there at any time, unless `background`.
-// commands().size() marks where the next commands will begin.
-inline std::vector<std::string> commands(std::size_t first = 0, bool background = false) {
+// `first` on; commands().size() marks where the next commands will begin. Without the lines of
+// the helper the daemon leaves running in the background, which may land there at any time.
+inline std::vector<std::string> commands(std::size_t first = 0) {
     std::istringstream in(readFile(sandbox("CFGD_SANDBOX_LOG")));
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
-        if (background || !line.starts_with("canoipd ")) lines.push_back(line);
+        if (!line.starts_with("canoipd ")) lines.push_back(line);
     lines.erase(lines.begin(), lines.begin() + std::min(first, lines.size()));
     return lines;
 }
