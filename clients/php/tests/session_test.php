@@ -23,14 +23,9 @@ if ($token === false || @file_get_contents('/etc/cfgd-sandbox') !== "$token\n") 
 const LOCK = '/tmp/php-test-lock';
 const CONFIG = '/mnt/user/php-test.ini';  // in /mnt/user, beside the backup the store makes
 
-function check(bool $condition, string $what): void
-{
-    $condition || throw new AssertionError($what);
-}
-
 function same(mixed $expected, mixed $actual, string $what): void
 {
-    check($expected === $actual, "$what: " . var_export($actual, true));
+    $expected === $actual || throw new AssertionError("$what: " . var_export($actual, true));
 }
 
 // The exception that `$call` throws, checked for its class.
@@ -39,23 +34,18 @@ function thrown(string $class, callable $call): Throwable
     try {
         $call();
     } catch (Throwable $e) {
-        check($e instanceof $class, "expected $class, got " . get_class($e) . ': ' . $e->getMessage());
+        $e instanceof $class || throw new AssertionError("expected $class, got " . get_class($e) . ': ' . $e->getMessage());
         return $e;
     }
     throw new AssertionError("expected $class, nothing was thrown");
 }
 
-function commandLog(): array
-{
-    return file(getenv('CFGD_SANDBOX_LOG'), FILE_IGNORE_NEW_LINES);
-}
-
-// One call: reads in a session of their own.
-function readNow(string ...$names): array
+// Reads in a session of their own; each parameter a name or an address [f1, f2, f3].
+function readNow(string|array ...$params): array
 {
     $session = new Session(LOCK);
     $session->start();
-    $values = array_map(fn ($name) => $session->read($name), $names);
+    $values = array_map(fn ($p) => $session->read(...(array) $p), $params);
     $session->finish();
     return $values;
 }
@@ -73,40 +63,23 @@ for ($waited = 0; !str_ends_with((string) @file_get_contents(LOCK), "\n"); $wait
 }
 
 $tests = [
-    'reads by name and by number' => function () {
-        preg_match('/^Ordernr=(.*)$/m', file_get_contents('/tmp/uboot_env'), $order);
-        $session = new Session(LOCK);
-        $session->start();
-        same($order[1], $session->read('general.order_number'), 'order number');
-        same($session->read(4, 2, 2), $session->read('can1.bitrate'), 'by number and by name');
-        same('2', $session->read('can.if_count'), 'CAN interfaces');
-        $session->finish();
-    },
-    'a permanent write is applied and stored' => function () {
+    'writes and reads by name and by number, stored at the finish' => function () {
         $session = new Session(LOCK);
         $session->start(2);
         same('', $session->write('can1.bitrate', 250000), 'remark');
-        // Stored unquoted: a ";" or "#" would cut the value at the next load of the file.
         $session->write(0, 4, 0, 'written from "PHP" = 1');
         $session->finish();
-        same(['250000', 'written from "PHP" = 1'],
-            readNow('can1.bitrate', 'general.description'), 'read back');
-        $stored = file_get_contents(CONFIG);
-        check(preg_match('/\[can_1\]\n(.+\n)*baudrate += 250000\n/', $stored) === 1, $stored);
-        check(in_array('ip link set can1 down', commandLog(), true), 'applied through ip link');
+        same(['250000', 'written from "PHP" = 1'], readNow([4, 2, 2], 'general.description'), 'read back');
+        same(1, preg_match('/\[can_1\]\n(.+\n)*baudrate += 250000\n/', file_get_contents(CONFIG)), 'stored');
     },
     'a temporary write is applied but not stored' => function () {
         $stored = file_get_contents(CONFIG);
-        $logged = count(commandLog());
         $session = new Session(LOCK);
         $session->start(1);
         $session->writeTemporary('can0.auto_resume', '1');
         $session->finish();
         same(['1'], readNow('can0.auto_resume'), 'in force');
         same($stored, file_get_contents(CONFIG), 'the file');
-        $applied = array_slice(commandLog(), $logged);
-        check(count(preg_grep('/^ip link set can0 type can .* restart-ms 1$/', $applied)) === 1,
-            implode("\n", $applied));
     },
     'a refusal carries the daemon\'s text and abort drops the writes' => function () {
         [$description] = readNow('general.description');
@@ -124,8 +97,8 @@ $tests = [
         $session->start(1);
         $e = thrown(UnknownName::class, fn () => $session->read('can1.baudrate'));
         same('unknown parameter name "can1.baudrate"; close: can1.bitrate', $e->getMessage(), 'text');
-        thrown(Cfgd\Error::class, fn () => $session->write('lan0.mac', '00:11:22:33:44:55'));
-        thrown(Cfgd\Error::class, fn () => $session->read('route1.reset_stats'));
+        same('lan0.mac is read only', thrown(Cfgd\Error::class, fn () => $session->write('lan0.mac', '1'))->getMessage(), 'access');
+        same('route1.reset_stats is write only', thrown(Cfgd\Error::class, fn () => $session->read('route1.reset_stats'))->getMessage(), 'access');
         // A route without filters reads "-1", which must not come back as filter 1.
         $session->write('route2.filters', '-1');
         same('-1', $session->read('route2.filters'), 'no filters');
@@ -138,9 +111,7 @@ $tests = [
         exec(escapeshellarg($cfgctl) . ' -l ' . LOCK . ' -t 1 get 0 2 0 2>&1', $output, $status);
         same(3, $status, 'cfgctl while PHP holds the session: ' . implode("\n", $output));
         $first->finish();
-        $second = new Session(LOCK, 1);
-        $second->start();
-        $second->finish();
+        (new Session(LOCK, 1))->start();
     },
     'a session dropped while open is aborted' => function () {
         [$description] = readNow('general.description');
