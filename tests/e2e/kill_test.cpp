@@ -51,21 +51,17 @@ struct Request {
 };
 
 // Sends a request as the client does (its value with the terminator, so that no tail of a
-// longer one stays behind) and polls for its answer until `deadline`; nullopt when none came.
+// longer one stays behind) and waits for its answer until `deadline`; nullopt when none came.
 std::optional<std::string> exchange(
     int queue, const Request& r,
     Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs)) {
-    client::RequestQueueMessage message;
-    const std::size_t length = client::formatRequest(message, r.mt, r.f1, r.f2, r.f3,
+    client::RequestQueueMessage m;
+    const std::size_t length = client::formatRequest(m, r.mt, r.f1, r.f2, r.f3,
                                                      r.value.empty() ? nullptr : r.value.c_str());
-    if (msgsnd(queue, &message, length, 0) != 0) return "(not sent)";
-    QueueMessage answer;
-    for (;;) {
-        const ssize_t n = msgrcv(queue, &answer, sizeof answer.text, kAnswerType, IPC_NOWAIT);
-        if (n >= 0) return std::string(answer.text, static_cast<std::size_t>(n));
-        if (Clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
+    if (!send(queue, std::string(m.text, length))) return "(not sent)";
+    using std::chrono::milliseconds;
+    return receive(queue, kAnswerType,
+                   std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count());
 }
 
 std::string positive(const Request& r) {
