@@ -108,20 +108,21 @@ class Process {
     std::string outputPath_;
 };
 
-// A message text as a client writes it: four elements, five with a value. Answers always carry
-// the value.
+// A message text: four elements, five with a value. Clients send a value with its terminator
+// (text(..., value + '\0')), so that no tail of a longer one before it stays behind; answers
+// carry it without.
 inline std::string text(unsigned mt, unsigned f1, unsigned f2, unsigned f3,
-                        const char* da = nullptr) {
+                        const std::optional<std::string>& da = std::nullopt) {
     char head[128];
     std::snprintf(head, sizeof head,
                   "a:%d:{s:2:\"mt\";i:%u;s:2:\"f1\";i:%u;s:2:\"f2\";i:%u;s:2:\"f3\";i:%u;",
                   da ? 5 : 4, mt, f1, f2, f3);
     std::string text = head;
-    if (da) text += "s:2:\"da\";s:" + std::to_string(std::strlen(da)) + ":\"" + da + "\";";
+    if (da) text += "s:2:\"da\";s:" + std::to_string(da->size()) + ":\"" + *da + "\";";
     return text + "}";
 }
 // The positive answer to a request at f1 f2 f3 (a START_SESSION's has f1 1).
-inline std::string ok(unsigned f1, unsigned f2, unsigned f3, const char* da = "") {
+inline std::string ok(unsigned f1, unsigned f2, unsigned f3, const std::string& da = "") {
     return text(POS_ANSW, f1, f2, f3, da);
 }
 
@@ -197,9 +198,7 @@ struct Daemon {
         session = id;
         return answers(text(START_SESSION, id, f2, f3), ok(1, f2, f3));
     }
-    ::testing::AssertionResult end(unsigned mt = FINISH_SESSION) {
-        return answers(text(mt, 0, 0, 0), ok(0, 0, 0));
-    }
+    ::testing::AssertionResult end() { return answers(text(FINISH_SESSION, 0, 0, 0), ok(0, 0, 0)); }
     ::testing::AssertionResult reads(unsigned f1, unsigned f2, unsigned f3, const char* value) {
         return answers(text(READ_PARAM, f1, f2, f3), ok(f1, f2, f3, value));
     }

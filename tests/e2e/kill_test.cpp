@@ -50,15 +50,13 @@ struct Request {
     std::string value;  // empty: none
 };
 
-// Sends a request as the client does (its value with the terminator, so that no tail of a
-// longer one stays behind) and waits for its answer until `deadline`; nullopt when none came.
+// Sends a request as the client does and waits for its answer until `deadline`; nullopt when
+// none came.
 std::optional<std::string> exchange(
     int queue, const Request& r,
     Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs)) {
-    client::RequestQueueMessage m;
-    const std::size_t length = client::formatRequest(m, r.mt, r.f1, r.f2, r.f3,
-                                                     r.value.empty() ? nullptr : r.value.c_str());
-    if (!send(queue, std::string(m.text, length))) return "(not sent)";
+    const auto value = r.value.empty() ? std::nullopt : std::optional(r.value + '\0');
+    if (!send(queue, text(r.mt, r.f1, r.f2, r.f3, value))) return "(not sent)";
     using std::chrono::milliseconds;
     return receive(queue, kAnswerType,
                    std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count());
