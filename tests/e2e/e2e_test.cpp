@@ -34,20 +34,29 @@ TEST(CommandLine, EndsWithItsTextAndStatus) {
     }
 }
 
-TEST(Daemon, ServesRequestsInOrderAndCleansUpOnTerm) {
-    // Left on the queue before start: the daemon must not serve any of them.
+// A file the library cannot parse (a line longer than it reads) is left as it is, but for the
+// line feed the start-up writes over its first byte; the daemon says so once and serves the
+// defaults. It serves requests in order, none of those left on its queue before it started,
+// and removes its IPC objects and lock file on SIGTERM.
+TEST(Daemon, ServesTheDefaultsBesideAFileItCannotParseAndCleansUpOnTerm) {
     const int early = msgget(6, IPC_CREAT | 0666);
     ASSERT_TRUE(send(early, text(START_SESSION, 33, 9, 9)));
     ASSERT_TRUE(send(early, text(READ_PARAM, 12, 9, 9)));
     ASSERT_TRUE(send(early, "stale", 9));
-    Daemon d(5, 6);
+    const std::string unparsable =
+        "#\n[can_0]\nbaudrate = 125000\ndescription = " + std::string(1030, 'x') + "\n";
+    Daemon d(5, 6, Daemon::freshFile(unparsable));
     ASSERT_EQ(d.up(), "5, 6, " + std::to_string(d.process.pid()) + "\n") << d.process.output();
-    // Requests are served in order: an answer to a stale one would come first.
+    EXPECT_EQ(readFile(d.file), "\n" + unparsable.substr(1));
+    // An answer to a stale request would come first.
     EXPECT_TRUE(d.start(33, 7, 2));
-    EXPECT_TRUE(d.reads(12, 3, 4, ""));
+    EXPECT_TRUE(d.reads(4, 1, 2, "500000"));  // can0's bit rate
     msqid_ds queue{};
     ASSERT_EQ(msgctl(d.queue, IPC_STAT, &queue), 0);
     EXPECT_EQ(queue.msg_qnum, 0u) << "messages nobody asked for, or stale ones kept";
+    const std::string output = d.process.output(), line = "can't parse file " + d.file + "\n";
+    EXPECT_TRUE(output.find(line) != std::string::npos && output.find(line) == output.rfind(line))
+        << output;
 
     const int semaphores = semget(5, 0, 0);
     ASSERT_GE(semaphores, 0);
@@ -57,23 +66,6 @@ TEST(Daemon, ServesRequestsInOrderAndCleansUpOnTerm) {
     semid_ds semaphoreSet{};
     EXPECT_EQ(semctl(semaphores, 0, IPC_STAT, &semaphoreSet), -1);
     EXPECT_NE(access(d.lock.c_str(), F_OK), 0);
-}
-
-// A file the library cannot parse (a line longer than it reads) is left as it is, but for the
-// line feed the start-up writes over its first byte; the daemon says so once and starts on the
-// defaults.
-TEST(Daemon, StartsOnTheDefaultsBesideAFileItCannotParse) {
-    const std::string unparsable =
-        "#\n[can_0]\nbaudrate = 125000\ndescription = " + std::string(1030, 'x') + "\n";
-    Daemon d(9, 10, Daemon::freshFile(unparsable));
-    ASSERT_NE(d.up(), "") << d.process.output();
-    EXPECT_EQ(readFile(d.file), "\n" + unparsable.substr(1));
-    ASSERT_TRUE(d.start(56));
-    EXPECT_TRUE(d.reads(4, 1, 2, "500000"));  // can0's bit rate
-    ASSERT_TRUE(d.end());
-    const std::string output = d.process.output(), line = "can't parse file " + d.file + "\n";
-    EXPECT_TRUE(output.find(line) != std::string::npos && output.find(line) == output.rfind(line))
-        << output;
 }
 
 }  // namespace
