@@ -45,53 +45,39 @@ std::string firstFile() {
            "[gui]\nshow_filter_info = 0\n";
 }
 
-struct Request {
-    unsigned mt, f1, f2, f3;
-    std::string value;  // empty: none
-};
-
-// Sends a request as the client does and waits for its answer until `deadline`; nullopt when
-// none came.
+// Sends a request and waits for its answer until `deadline`; nullopt when none came.
 std::optional<std::string> exchange(
-    int queue, const Request& r,
+    int queue, const std::string& request,
     Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs)) {
-    const auto value = r.value.empty() ? std::nullopt : std::optional(r.value + '\0');
-    if (!send(queue, text(r.mt, r.f1, r.f2, r.f3, value))) return "(not sent)";
+    if (!send(queue, request)) return "(not sent)";
     using std::chrono::milliseconds;
     return receive(queue, kAnswerType,
                    std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count());
 }
 
-std::string positive(const Request& r) {
-    return ok(r.mt == START_SESSION ? 1 : r.f1, r.f2, r.f3);
-}
-
-// The permanent session that stores n.
-std::vector<Request> storing(long n) {
+// The permanent session that stores n: each request with its answer.
+std::vector<std::pair<std::string, std::string>> storing(long n) {
     const Values v = valuesOf(n);
-    return {{START_SESSION, kAnswerType, 0, 3, ""},
-            {SET_PARAM, 0, 4, 0, v.description},
-            {SET_PARAM, 4, 1, 2, v.bitRate},
-            {SET_PARAM, 8, 1, 8, v.gui},
-            {FINISH_SESSION, 0, 0, 0, ""}};
+    return {{text(START_SESSION, kAnswerType, 0, 3), ok(1, 0, 3)},
+            {text(SET_PARAM, 0, 4, 0, v.description + '\0'), ok(0, 4, 0)},
+            {text(SET_PARAM, 4, 1, 2, v.bitRate + '\0'), ok(4, 1, 2)},
+            {text(SET_PARAM, 8, 1, 8, v.gui + '\0'), ok(8, 1, 8)},
+            {text(FINISH_SESSION, 0, 0, 0), ok(0, 0, 0)}};
 }
 
-// What the daemon holds: the three stored values and the route's name; empty when a request
-// failed.
+// What the daemon holds: the three stored values and the route's name, after the start's
+// answer; empty when a request failed.
 std::vector<std::string> held(int queue) {
-    const Request session[] = {{START_SESSION, kAnswerType, 0, 0, ""},
-                               {READ_PARAM, 0, 4, 0, ""},
-                               {READ_PARAM, 4, 1, 2, ""},
-                               {READ_PARAM, 8, 1, 8, ""},
-                               {READ_PARAM, 5, 1, 0, ""},
-                               {FINISH_SESSION, 0, 0, 0, ""}};
     std::vector<std::string> values;
-    for (const Request& r : session) {
-        const std::string answer = exchange(queue, r).value_or("");
+    for (const std::string& request :
+         {text(START_SESSION, kAnswerType, 0, 0), text(READ_PARAM, 0, 4, 0),
+          text(READ_PARAM, 4, 1, 2), text(READ_PARAM, 8, 1, 8), text(READ_PARAM, 5, 1, 0),
+          text(FINISH_SESSION, 0, 0, 0)}) {
+        const std::string answer = exchange(queue, request).value_or("");
         RequestMessage parsed{};
         if (parseRequest(answer.data(), answer.size(), parsed) != 0 || parsed.mt != POS_ANSW)
             return {};
-        if (r.mt == READ_PARAM) values.emplace_back(parsed.da);
+        values.emplace_back(parsed.da);
     }
     return values;
 }
@@ -111,11 +97,11 @@ TEST(Store, SurvivesSigkillAtRandomMoments) {
         ASSERT_NE(d->up(), "") << d->process.output();
         // One whole store: the last acknowledged, the one in flight or the one before the last.
         const std::vector<std::string> values = held(d->queue);
-        ASSERT_EQ(values.size(), 4u) << "after kill " << made;
-        const long n = values[0].starts_with("store ") ? std::atol(values[0].c_str() + 6) : -1;
+        ASSERT_EQ(values.size(), 6u) << "after kill " << made;
+        const long n = values[1].starts_with("store ") ? std::atol(values[1].c_str() + 6) : -1;
         const Values v = valuesOf(std::max(n, 0L));
         EXPECT_TRUE(n >= 0 && (n == acked || n == acked - 1 || (n == acked + 1 && finishSent)) &&
-                    values[1] == v.bitRate && values[2] == v.gui && values[3] == kRouteName)
+                    values[2] == v.bitRate && values[3] == v.gui && values[4] == kRouteName)
             << "after kill " << made << " during store " << acked + 1
             << (finishSent ? " (its finish sent)" : "") << ": " << ::testing::PrintToString(values);
         acked = std::max(acked, n);
@@ -125,20 +111,20 @@ TEST(Store, SurvivesSigkillAtRandomMoments) {
         if (span == Clock::duration{}) {  // the first round measures how long a session takes
             const auto started = Clock::now();
             for (int i = 0; i < 5; ++i, ++acked)
-                for (const Request& r : storing(acked + 1))
-                    ASSERT_EQ(exchange(d->queue, r), positive(r));
+                for (const auto& [request, answer] : storing(acked + 1))
+                    ASSERT_EQ(exchange(d->queue, request), answer);
             span = (Clock::now() - started) * 2 / 5;
         }
         const auto deadline =
             Clock::now() +
             Clock::duration(std::uniform_int_distribution<Clock::rep>(0, span.count())(random));
         for (bool killed = false; !killed;) {
-            for (const Request& r : storing(acked + 1)) {
-                finishSent = r.mt == FINISH_SESSION;
-                const std::optional<std::string> answer = exchange(d->queue, r, deadline);
+            for (const auto& [request, expected] : storing(acked + 1)) {
+                finishSent = request == text(FINISH_SESSION, 0, 0, 0);
+                const std::optional<std::string> answer = exchange(d->queue, request, deadline);
                 killed = !answer;
                 if (killed) break;
-                ASSERT_EQ(*answer, positive(r)) << "store " << acked + 1;
+                ASSERT_EQ(*answer, expected) << "store " << acked + 1;
             }
             if (!killed) {
                 ++acked;
