@@ -24,8 +24,8 @@ TEST(CfgctlLockFile, ReadsTheDaemonsLineAndNothingElse) {
 // tells what it understood: the command, the options given, then f1.f2.f3[=value] each.
 std::string understood(std::string line) {
     std::vector<const char*> argv{"cfgctl"};
-    char* rest = line.empty() ? nullptr : line.data();  // strsep ends each word in place
-    while (rest != nullptr)
+    // strsep ends each word in place
+    for (char* rest = line.empty() ? nullptr : line.data(); rest != nullptr;)
         argv.push_back(strsep(&rest, " "));
     cfgctl::Invocation inv;
     char error[cfgctl::kErrorSize];
