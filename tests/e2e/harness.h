@@ -60,9 +60,8 @@ inline std::string readFile(const std::string& path) {
 // process group of its own, so that a test can end it together with the programs it runs.
 class Process {
   public:
-    Process(const std::string& program, std::vector<std::string> arguments) {
-        static int count = 0;
-        outputPath_ = "/tmp/e2e-" + std::to_string(getpid()) + "-" + std::to_string(++count);
+    Process(const std::string& program, std::vector<std::string> arguments)
+        : outputPath_("/tmp/e2e-" + std::to_string(getpid()) + "-" + std::to_string(++count_)) {
         arguments.insert(arguments.begin(), program);
         std::vector<char*> argv;
         for (std::string& argument : arguments)
@@ -106,6 +105,7 @@ class Process {
     bool ended_ = false;
     int waitStatus_ = -1;  // not an exit status until reaped
     std::string outputPath_;
+    static inline int count_ = 0;
 };
 
 // A message text: four elements, five with a value. Clients send a value with its terminator
@@ -173,7 +173,8 @@ struct Daemon {
     Daemon(int semaphoreKey, int queueKey, const std::string& configuration = freshFile(""),
            const char* program = CFGD_E2E_DAEMON)
         : key(queueKey),
-          lock(freshLock(key)),
+          lock("/tmp/e2e-lock-" + std::to_string(key)),
+          staleLock(unlink(lock.c_str())),
           file(configuration),
           process(program, {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key), "-l",
                             lock, "-f", file}) {}
@@ -207,12 +208,6 @@ struct Daemon {
         return answers(text(mt, f1, f2, f3, value), ok(f1, f2, f3));
     }
 
-    // The lock file's path, without the file a killed daemon of the same key left there.
-    static std::string freshLock(int key) {
-        const std::string path = "/tmp/e2e-lock-" + std::to_string(key);
-        (void)unlink(path.c_str());  // mostly not there
-        return path;
-    }
     static std::string freshFile(const std::string& content) {
         // In /mnt/user, as on the device: a store renames the file to the backup there, which
         // works only within one file system.
@@ -228,6 +223,7 @@ struct Daemon {
     static inline int started = 0;
     const int key;
     const std::string lock;
+    const int staleLock;  // the file a killed daemon of the same key left, removed before start
     const std::string file;
     Process process;
     int queue = -1;
