@@ -34,12 +34,12 @@ TEST(Options, StatusesTextsAndValues) {
         Options o{};
         EXPECT_EQ(parseOptions(static_cast<int>(argv.size()), argv.data(), o, out), status);
         std::fclose(out);
-        EXPECT_EQ(std::string(text, size).substr(0, printed.size()), printed) << args[1];
-        EXPECT_EQ(size == 0, printed.empty()) << args[1];
+        EXPECT_EQ(std::string(text, size).substr(0, printed.size()), printed) << args.back();
+        EXPECT_EQ(size == 0, printed.empty()) << args.back();
         std::free(text);
         const std::string taken = std::string(o.configPath) + " " + o.lockPath + " " +
                                   std::to_string(o.queueKey) + " " + std::to_string(o.semaphoreKey);
-        EXPECT_EQ(status == kContinue ? taken : "", values) << args[1];
+        EXPECT_EQ(status == kContinue ? taken : "", values) << args.back();
     }
 }
 
