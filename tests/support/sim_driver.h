@@ -43,8 +43,6 @@ class SimDriver {
     // Test controls.
     void setLinkInfo(const gw::CanLinkInfo& info) { linkInfo_[info.name] = info; }
     void setForwardDefaults(const ForwardDefaults& defaults) { forwardDefaults_ = defaults; }
-    // Missing module: every open of a driver node fails with ENODEV.
-    void setModuleLoaded(bool loaded) { moduleLoaded_ = loaded; }
     // The next open hands out `fd` (0: as the kernel does once standard input is closed).
     void setNextDescriptor(int fd) { nextDescriptor_ = fd; }
     void failOpen(const std::string& path, int error) { openErrors_[path] = error; }
@@ -74,7 +72,6 @@ class SimDriver {
 
     std::map<std::string, gw::CanLinkInfo> linkInfo_;
     ForwardDefaults forwardDefaults_{};
-    bool moduleLoaded_ = true;
     std::map<std::string, int> openErrors_;
     std::map<unsigned long, int> requestErrors_;
     std::map<int, int> descriptors_;  // descriptor -> node
