@@ -438,21 +438,31 @@ int runEchoOnly(const Settings& s) {
     return 0;
 }
 
+// Connects to the started daemon and opens a session for READ_PARAM F1 F2 F3 of `s`.
+void openReadSession(const Settings& s, client::Connection& cfgd, Exchange& e) {
+    connectToDaemon(cfgd);
+    RequestMessage parsed{};
+    if (cfgd.startSession(0, parsed) != client::Status::Ok) fail("cfgd did not open a session");
+    e.requestLength = client::formatRequest(e.request, READ_PARAM, s.f1, s.f2, s.f3, nullptr);
+}
+
+void finishSession(client::Connection& cfgd) {
+    RequestMessage parsed{};
+    if (cfgd.exchange(FINISH_SESSION, 0, 0, 0, nullptr, parsed) != client::Status::Ok)
+        fail("cfgd did not finish the session");
+    cfgd.endSession();
+}
+
 // The instructions the daemon executes in a run of `reads` READ_PARAM requests in one session,
 // from its start to its end by SIGTERM; -1 when they cannot be counted.
 long countedInstructions(const Settings& s, long reads) {
     (void)unlink(kCallgrindOutput);  // an earlier run's count must not be read
     startDaemon(s, true);
     client::Connection cfgd;
-    connectToDaemon(cfgd);
-    RequestMessage parsed{};
-    if (cfgd.startSession(0, parsed) != client::Status::Ok) fail("cfgd did not open a session");
     Exchange e{};
-    e.requestLength = client::formatRequest(e.request, READ_PARAM, s.f1, s.f2, s.f3, nullptr);
+    openReadSession(s, cfgd, e);
     (void)roundTrips(cfgd, e, reads, 0, kDaemonName);
-    if (cfgd.exchange(FINISH_SESSION, 0, 0, 0, nullptr, parsed) != client::Status::Ok)
-        fail("cfgd did not finish the session");
-    cfgd.endSession();
+    finishSession(cfgd);
     stopChild(daemonPid);  // callgrind writes its count as the daemon ends
     std::FILE* file = std::fopen(kCallgrindOutput, "r");
     if (file == nullptr) return -1;
@@ -483,14 +493,11 @@ void reportInstructions(const Settings& s) {
 int runAgainstDaemon(const Settings& s) {
     startDaemon(s);
     client::Connection cfgd;
-    connectToDaemon(cfgd);
-    RequestMessage parsed{};
-    if (cfgd.startSession(0, parsed) != client::Status::Ok) fail("cfgd did not open a session");
-
-    // The daemon's warm-up also gives the answer the echo server is to send.
     Exchange e{};
-    e.requestLength = client::formatRequest(e.request, READ_PARAM, s.f1, s.f2, s.f3, nullptr);
+    openReadSession(s, cfgd, e);
+    // The daemon's warm-up also gives the answer the echo server is to send.
     (void)roundTrips(cfgd, e, s.warmUp, 0, kDaemonName);
+    RequestMessage parsed{};
     if (parseRequest(e.answer.text, e.answerLength, parsed) != 0 || parsed.mt != POS_ANSW)
         fail("cfgd refused READ_PARAM: %s", parsed.da);
     const std::size_t answerLength = e.answerLength;
@@ -539,9 +546,7 @@ int runAgainstDaemon(const Settings& s) {
         "(%+ld kB)\n",
         rssWarm, rssFirst, s.requests, rssFirst - rssWarm);
 
-    if (cfgd.exchange(FINISH_SESSION, 0, 0, 0, nullptr, parsed) != client::Status::Ok)
-        fail("cfgd did not finish the session");
-    cfgd.endSession();
+    finishSession(cfgd);
     stopChild(daemonPid);
     reportInstructions(s);
     return 0;

@@ -173,35 +173,31 @@ bool readOperands(int argc, const char* const* argv, int at, bool writes, Invoca
     return true;
 }
 
-// The words behind dump, apply and names.
+// The operands of a command that takes nothing or one flag; `operand` is the first, if any.
+bool readFlag(std::size_t operands, const char* const* operand, std::string_view flag, bool& set,
+              char* error, std::size_t errorSize) {
+    if (operands == 0) return true;
+    if (operands == 1 && *operand == flag) {
+        set = true;
+        return true;
+    }
+    // The command word stands right before the operands.
+    std::snprintf(error, errorSize, "%s takes only %.*s", operand[-1],
+                  static_cast<int>(flag.size()), flag.data());
+    return false;
+}
+
+// The words behind the commands other than get and set.
 bool readCommandRest(int argc, const char* const* argv, int at, Invocation& invocation, char* error,
                      std::size_t errorSize) {
     const std::size_t operands = static_cast<std::size_t>(argc - at);
     switch (invocation.command) {
         case Command::Dump:
-            if (operands == 1 && std::string_view(argv[at]) == "--numeric") {
-                invocation.numeric = true;
-                return true;
-            }
-            if (operands == 0) return true;
-            std::snprintf(error, errorSize, "dump takes only --numeric");
-            return false;
+            return readFlag(operands, argv + at, "--numeric", invocation.numeric, error, errorSize);
         case Command::Names:
-            if (operands == 1 && std::string_view(argv[at]) == "--php") {
-                invocation.php = true;
-                return true;
-            }
-            if (operands == 0) return true;
-            std::snprintf(error, errorSize, "names takes only --php");
-            return false;
+            return readFlag(operands, argv + at, "--php", invocation.php, error, errorSize);
         case Command::Rollback:
-            if (operands == 1 && std::string_view(argv[at]) == "--force") {
-                invocation.force = true;
-                return true;
-            }
-            if (operands == 0) return true;
-            std::snprintf(error, errorSize, "rollback takes only --force");
-            return false;
+            return readFlag(operands, argv + at, "--force", invocation.force, error, errorSize);
         case Command::Confirm:
         case Command::Trial:
             if (operands == 0) return true;

@@ -345,7 +345,11 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
     return finished;
 }
 
-int runConfirm(const Invocation& invocation) {
+namespace {
+
+// Runs `act` on the pending trial under its lock, after settling it; without one, says so.
+template <typename Act>
+int withPendingTrial(const Invocation& invocation, Act act) {
     long long left = 0;
     const TrialState state = settleTrial(invocation, left);
     if (state == TrialState::Damaged) return kExitUsage;
@@ -357,20 +361,29 @@ int runConfirm(const Invocation& invocation) {
         std::fputs(kNoTrialText, stderr);
         return kExitRefused;
     }
-    // The values are the daemon's already, but a store writes only what a write marked.
-    const std::vector<ApplyLine> lines = linesOf(trial, false);
-    if (int status = writeLines(invocation, lines, SET_PARAM, true, "confirm"); status != 0) {
-        std::fprintf(stderr, "cfgctl: nothing was stored; the trial goes on\n");
-        return status;
-    }
-    removeTrial(path, trial);
-    std::printf("confirmed: %zu values stored\n", lines.size());
-    return kExitOk;
+    return act(path, trial, left);
+}
+
+}  // namespace
+
+int runConfirm(const Invocation& invocation) {
+    return withPendingTrial(invocation, [&](const std::string& path, const TrialRecord& trial,
+                                            long long) {
+        // The values are the daemon's already, but a store writes only what a write marked.
+        const std::vector<ApplyLine> lines = linesOf(trial, false);
+        if (int status = writeLines(invocation, lines, SET_PARAM, true, "confirm"); status != 0) {
+            std::fprintf(stderr, "cfgctl: nothing was stored; the trial goes on\n");
+            return status;
+        }
+        removeTrial(path, trial);
+        std::printf("confirmed: %zu values stored\n", lines.size());
+        return kExitOk;
+    });
 }
 
 int runRollback(const Invocation& invocation) {
-    const std::string path = trialPath(lockPathOf(invocation));
     if (invocation.force) {
+        const std::string path = trialPath(lockPathOf(invocation));
         TrialLock lock(path);
         TrialRecord trial;
         std::string error;
@@ -384,38 +397,23 @@ int runRollback(const Invocation& invocation) {
         std::printf("trial record %s removed; nothing was written\n", path.c_str());
         return kExitOk;
     }
-    long long left = 0;
-    const TrialState state = settleTrial(invocation, left);
-    if (state == TrialState::Damaged) return kExitUsage;
-    TrialLock lock(path);
-    TrialRecord trial;
-    std::string error;
-    if (state == TrialState::None || readTrial(path, trial, error) != TrialFile::Pending) {
-        std::fputs(kNoTrialText, stderr);
-        return kExitRefused;
-    }
-    const int status = rollBack(invocation, trial);
-    if (unreachable(status)) return status;
-    removeTrial(path, trial);
-    std::printf("rolled back: %zu values restored\n", linesOf(trial, true).size());
-    return status;
+    return withPendingTrial(
+        invocation, [&](const std::string& path, const TrialRecord& trial, long long) {
+            const int status = rollBack(invocation, trial);
+            if (unreachable(status)) return status;
+            removeTrial(path, trial);
+            std::printf("rolled back: %zu values restored\n", linesOf(trial, true).size());
+            return status;
+        });
 }
 
 int runTrialStatus(const Invocation& invocation) {
-    long long left = 0;
-    const TrialState state = settleTrial(invocation, left);
-    if (state == TrialState::Damaged) return kExitUsage;
-    const std::string path = trialPath(lockPathOf(invocation));
-    TrialLock lock(path);
-    TrialRecord trial;
-    std::string error;
-    if (state == TrialState::None || readTrial(path, trial, error) != TrialFile::Pending) {
-        std::fputs(kNoTrialText, stderr);
-        return kExitRefused;
-    }
-    std::printf("trial pending: %lld s left\n", left);
-    printTrial(trial);
-    return kExitOk;
+    return withPendingTrial(invocation,
+                            [](const std::string&, const TrialRecord& trial, long long left) {
+                                std::printf("trial pending: %lld s left\n", left);
+                                printTrial(trial);
+                                return kExitOk;
+                            });
 }
 
 }  // namespace cfgctl
