@@ -55,7 +55,14 @@ constexpr long kDefaultRequests = 100000;
 constexpr long kDefaultWarmUp = 10000;
 constexpr int kDefaultRounds = 3;
 constexpr long kRequestsPerDeadline = 1000;
-constexpr double kTargetRatio = 1.25;
+constexpr double kTargetRatio = 1.10;
+// Instructions per READ: the daemon under callgrind, which counts the instructions it executes
+// exactly, whatever else the machine does. Two runs that differ only in their number of READs;
+// the difference leaves the start-up, the session and the end out.
+constexpr const char* kValgrind = "valgrind";
+constexpr const char* kCallgrindOutput = "/tmp/cfgd_bench.callgrind";
+constexpr long kCountedReadsFew = 1000;
+constexpr long kCountedReadsMany = 11000;
 constexpr long kSoakReportEvery = 100000;
 // The soak's permanent sessions store into the configuration file: a copy on the sandbox's
 // private /mnt/user (on one file system with the backup, as the store needs).
@@ -232,28 +239,34 @@ void cleanUp() {
     stopChild(daemonPid);
 }
 
-// The daemon, with its own keys and lock file, so that it cannot meet any other daemon.
-void startDaemon(const Settings& s) {
+// The daemon, with its own keys and lock file, so that it cannot meet any other daemon; under
+// callgrind when `counted`.
+void startDaemon(const Settings& s, bool counted = false) {
     (void)unlink(kLockPath);  // a line left by an earlier run would name a dead daemon
     char semaphoreKey[16], queueKey[16];
     std::snprintf(semaphoreKey, sizeof semaphoreKey, "%d", kSemaphoreKey);
     std::snprintf(queueKey, sizeof queueKey, "%d", kQueueKey);
-    std::vector<const char*> args = {"cfgd", "-s", semaphoreKey, "-q", queueKey, "-l", kLockPath};
+    const std::string daemon = s.daemon != nullptr ? s.daemon : daemonBesideBenchmark();
+    const std::string output = std::string("--callgrind-out-file=") + kCallgrindOutput;
+    std::vector<const char*> args = {"cfgd"};
+    if (counted) args = {kValgrind, "--tool=callgrind", "-q", output.c_str(), daemon.c_str()};
+    args.insert(args.end(), {"-s", semaphoreKey, "-q", queueKey, "-l", kLockPath});
     if (s.configFile != nullptr) {
         args.push_back("-f");
         args.push_back(s.configFile);
     }
     args.push_back(nullptr);
-    const std::string daemon = s.daemon != nullptr ? s.daemon : daemonBesideBenchmark();
-    std::printf("daemon: %s\n", daemon.c_str());
+    if (!counted) std::printf("daemon: %s\n", daemon.c_str());
     std::fflush(stdout);  // before the child inherits the buffer
     const pid_t pid = fork();
     if (pid < 0) fail("fork: %s", std::strerror(errno));
     if (pid == 0) {
         (void)prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlive the benchmark
-        execv(daemon.c_str(), const_cast<char* const*>(args.data()));
-        std::fprintf(stderr, "cfgd_bench: cannot run %s: %s\n", daemon.c_str(),
-                     std::strerror(errno));
+        if (counted)
+            execvp(kValgrind, const_cast<char* const*>(args.data()));
+        else
+            execv(daemon.c_str(), const_cast<char* const*>(args.data()));
+        std::fprintf(stderr, "cfgd_bench: cannot run %s: %s\n", args[0], std::strerror(errno));
         _exit(127);
     }
     daemonPid = pid;
@@ -425,17 +438,66 @@ int runEchoOnly(const Settings& s) {
     return 0;
 }
 
-int runAgainstDaemon(const Settings& s) {
-    startDaemon(s);
-    client::Connection cfgd;
+// Connects to the started daemon and opens a session for READ_PARAM F1 F2 F3 of `s`.
+void openReadSession(const Settings& s, client::Connection& cfgd, Exchange& e) {
     connectToDaemon(cfgd);
     RequestMessage parsed{};
     if (cfgd.startSession(0, parsed) != client::Status::Ok) fail("cfgd did not open a session");
-
-    // The daemon's warm-up also gives the answer the echo server is to send.
-    Exchange e{};
     e.requestLength = client::formatRequest(e.request, READ_PARAM, s.f1, s.f2, s.f3, nullptr);
+}
+
+void finishSession(client::Connection& cfgd) {
+    RequestMessage parsed{};
+    if (cfgd.exchange(FINISH_SESSION, 0, 0, 0, nullptr, parsed) != client::Status::Ok)
+        fail("cfgd did not finish the session");
+    cfgd.endSession();
+}
+
+// The instructions the daemon executes in a run of `reads` READ_PARAM requests in one session,
+// from its start to its end by SIGTERM; -1 when they cannot be counted.
+long countedInstructions(const Settings& s, long reads) {
+    (void)unlink(kCallgrindOutput);  // an earlier run's count must not be read
+    startDaemon(s, true);
+    client::Connection cfgd;
+    Exchange e{};
+    openReadSession(s, cfgd, e);
+    (void)roundTrips(cfgd, e, reads, 0, kDaemonName);
+    finishSession(cfgd);
+    stopChild(daemonPid);  // callgrind writes its count as the daemon ends
+    std::FILE* file = std::fopen(kCallgrindOutput, "r");
+    if (file == nullptr) return -1;
+    long total = -1;
+    char line[256];
+    while (total < 0 && std::fgets(line, sizeof line, file) != nullptr) {
+        if (std::strncmp(line, "totals: ", 8) == 0) total = std::strtol(line + 8, nullptr, 10);
+    }
+    (void)std::fclose(file);  // read-only
+    return total;
+}
+
+void reportInstructions(const Settings& s) {
+    const long few = countedInstructions(s, kCountedReadsFew);
+    const long many = few < 0 ? -1 : countedInstructions(s, kCountedReadsMany);
+    if (many < 0) {
+        std::printf("cfgd instructions per READ: not counted (%s with callgrind not found)\n",
+                    kValgrind);
+        return;
+    }
+    std::printf(
+        "cfgd instructions per READ: %.1f (callgrind, the daemon alone: %ld instructions in a "
+        "run of %ld READs, %ld in one of %ld)\n",
+        static_cast<double>(many - few) / static_cast<double>(kCountedReadsMany - kCountedReadsFew),
+        many, kCountedReadsMany, few, kCountedReadsFew);
+}
+
+int runAgainstDaemon(const Settings& s) {
+    startDaemon(s);
+    client::Connection cfgd;
+    Exchange e{};
+    openReadSession(s, cfgd, e);
+    // The daemon's warm-up also gives the answer the echo server is to send.
     (void)roundTrips(cfgd, e, s.warmUp, 0, kDaemonName);
+    RequestMessage parsed{};
     if (parseRequest(e.answer.text, e.answerLength, parsed) != 0 || parsed.mt != POS_ANSW)
         fail("cfgd refused READ_PARAM: %s", parsed.da);
     const std::size_t answerLength = e.answerLength;
@@ -484,9 +546,9 @@ int runAgainstDaemon(const Settings& s) {
         "(%+ld kB)\n",
         rssWarm, rssFirst, s.requests, rssFirst - rssWarm);
 
-    if (cfgd.exchange(FINISH_SESSION, 0, 0, 0, nullptr, parsed) != client::Status::Ok)
-        fail("cfgd did not finish the session");
-    cfgd.endSession();
+    finishSession(cfgd);
+    stopChild(daemonPid);
+    reportInstructions(s);
     return 0;
 }
 

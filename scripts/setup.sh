@@ -4,7 +4,8 @@ set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmock-dev
           clang-format util-linux procps iproute2 net-tools
-          php-cli)  # the PHP client library's tests; its sysvmsg and sysvsem come with it
+          php-cli   # the PHP client library's tests; its sysvmsg and sysvsem come with it
+          valgrind) # the benchmark counts the daemon's instructions with callgrind
 # `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.
 [ "${1:-}" = fuzz ] && packages+=(clang libclang-rt-dev)
 missing=()

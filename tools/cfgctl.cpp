@@ -15,10 +15,13 @@
 #include "cfgctl_args.h"
 #include "client.h"
 #include "core/options.h"
+#include "daemon_session.h"
+#include "trial.h"
 
 namespace {
 
 using cfgctl::Command;
+using cfgctl::DaemonSession;
 using cfgctl::Invocation;
 using client::Status;
 
@@ -29,111 +32,28 @@ const char* requestName(const Invocation& invocation) {
     return invocation.temporary ? "set --temp" : "set";
 }
 
-// Prints why the daemon could not be used and gives the exit status for it.
-int reportFailure(Status status, const client::Connection& cfgd, const char* lockPath) {
-    const client::LockLine& lock = cfgd.lockLine();
-    switch (status) {
-        case Status::NoLockFile:
-            std::fprintf(stderr, "cfgctl: cannot read lock file %s: %s (is cfgd running?)\n",
-                         lockPath, std::strerror(errno));
-            return cfgctl::kExitNoDaemon;
-        case Status::BadLockFile:
-            std::fprintf(stderr,
-                         "cfgctl: lock file %s does not hold \"<semaphore key>, <queue key>, "
-                         "<pid>\"\n",
-                         lockPath);
-            return cfgctl::kExitNoDaemon;
-        case Status::NoQueue:
-            std::fprintf(stderr,
-                         "cfgctl: cfgd is not running: no queue or semaphore set for the keys in "
-                         "%s (semaphore key %d, queue key %d, pid %d)\n",
-                         lockPath, lock.semaphoreKey, lock.queueKey, lock.pid);
-            return cfgctl::kExitNoDaemon;
-        case Status::Busy:
-            std::fprintf(stderr, "cfgctl: another client kept cfgd busy for %d s\n",
-                         cfgd.timeoutSeconds());
-            return cfgctl::kExitNoDaemon;
-        case Status::Timeout:
-            // A daemon killed without its clean-up leaves lock file and queue behind.
-            std::fprintf(stderr, "cfgctl: no answer from cfgd within %d s (pid %d%s)\n",
-                         cfgd.timeoutSeconds(), lock.pid,
-                         kill(lock.pid, 0) != 0 && errno == ESRCH ? " is not running" : "");
-            return cfgctl::kExitNoAnswer;
-        case Status::BadAnswer:
-            std::fprintf(stderr, "cfgctl: cfgd sent an answer that does not parse\n");
-            return cfgctl::kExitNoAnswer;
-        case Status::TooLong:
-            std::fprintf(stderr, "cfgctl: request too long for a queue message\n");
-            return cfgctl::kExitUsage;
-        case Status::SystemError:
-        case Status::Ok:
-            break;
-    }
-    std::fprintf(stderr, "cfgctl: %s\n", std::strerror(errno));
-    return cfgctl::kExitNoDaemon;
+// Every command settles a pending trial first; writes are refused while one is pending.
+int settleOrRefuse(const Invocation& invocation, bool writes) {
+    if (writes) return cfgctl::refuseWritesDuringTrial(invocation);
+    long long left = 0;
+    (void)cfgctl::settleTrial(invocation, left);  // reads go on during a trial
+    return cfgctl::kExitOk;
 }
 
-// A value that would not fit into one request; reported before any session starts.
-bool valueFits(unsigned writeType, const cfgctl::Parameter& p, const char* where) {
-    if (client::fitsInRequest(writeType, p.f1, p.f2, p.f3, p.value)) return true;
-    std::fprintf(stderr,
-                 "cfgctl: %s: value is too long: %zu bytes make a request of %zu bytes, at most "
-                 "%zu fit in one\n",
-                 where, std::strlen(p.value),
-                 client::requestTextLength(writeType, p.f1, p.f2, p.f3, p.value), kQueueTextSize);
-    return false;
+// set's parameters as the lines of an apply, with their names where they have one.
+std::vector<cfgctl::ApplyLine> linesOf(const Invocation& invocation) {
+    std::vector<cfgctl::ApplyLine> lines;
+    for (const cfgctl::Parameter& p : invocation.parameters) {
+        cfgctl::ApplyLine line{0, {}, p.value};
+        if (!findParamAt(p.f1, p.f2, p.f3, line.param)) {
+            line.param.f1 = p.f1;
+            line.param.f2 = p.f2;
+            line.param.f3 = p.f3;
+        }
+        lines.push_back(std::move(line));
+    }
+    return lines;
 }
-
-// The daemon, reached through its lock file, with the session rules that every command keeps.
-class Daemon {
-  public:
-    explicit Daemon(const Invocation& invocation)
-        : lockPath_(invocation.lockPath != nullptr ? invocation.lockPath : kDefaultLockPath) {
-        if (invocation.timeoutSeconds > 0) cfgd_.setTimeout(invocation.timeoutSeconds);
-    }
-
-    // 0, or the exit status after the reason was printed.
-    int open() { return check(cfgd_.open(lockPath_)); }
-
-    int start(unsigned writes) {
-        // A START_SESSION that is answered late must not leave the session open.
-        return check(cfgd_.startSession(writes, answer_), true);
-    }
-
-    // One request; its answer in answer(). 0, or the exit status after the reason was printed.
-    int exchange(unsigned mt, const cfgctl::Parameter& p) {
-        return check(cfgd_.exchange(mt, p.f1, p.f2, p.f3, p.value, answer_), true);
-    }
-
-    // FINISH_SESSION or ABORT_SESSION; `keep` holds the semaphore for another session.
-    int end(bool abort, bool keep = false) {
-        const unsigned mt = abort ? ABORT_SESSION : FINISH_SESSION;
-        if (int status = check(cfgd_.exchange(mt, 0, 0, 0, nullptr, answer_)); status != 0)
-            return status;
-        if (!keep) cfgd_.endSession();
-        if (answer_.mt != NEG_ANSW) return cfgctl::kExitOk;
-        std::fprintf(stderr, "cfgctl: %s: %s\n", abort ? "ABORT_SESSION" : "FINISH_SESSION",
-                     answer_.da);
-        return cfgctl::kExitRefused;
-    }
-
-    const RequestMessage& answer() const { return answer_; }
-    bool refused() const { return answer_.mt == NEG_ANSW; }
-    // Some refusals come without a text (a parameter that is not served).
-    const char* refusal() const { return answer_.da[0] != '\0' ? answer_.da : "refused by cfgd"; }
-
-  private:
-    int check(Status status, bool inSession = false) {
-        if (status == Status::Ok) return 0;
-        // Whenever the daemon catches up, this closes the session and drops its writes.
-        if (inSession && status != Status::Busy) cfgd_.sendWithoutWaiting(ABORT_SESSION);
-        return reportFailure(status, cfgd_, lockPath_);
-    }
-
-    const char* lockPath_;
-    client::Connection cfgd_;
-    RequestMessage answer_{};
-};
 
 int runGetSet(const Invocation& invocation) {
     const bool writes = invocation.command == Command::Set;
@@ -141,9 +61,12 @@ int runGetSet(const Invocation& invocation) {
     for (const cfgctl::Parameter& p : invocation.parameters) {
         char where[32];
         std::snprintf(where, sizeof where, "%u %u %u", p.f1, p.f2, p.f3);
-        if (p.value != nullptr && !valueFits(writeType, p, where)) return cfgctl::kExitUsage;
+        if (p.value != nullptr && !cfgctl::valueFits(writeType, p, where))
+            return cfgctl::kExitUsage;
     }
-    Daemon cfgd(invocation);
+    if (invocation.trialSeconds > 0) return cfgctl::runTrialStart(invocation, linesOf(invocation));
+    if (int status = settleOrRefuse(invocation, writes); status != 0) return status;
+    DaemonSession cfgd(invocation);
     if (int status = cfgd.open(); status != 0) return status;
     const unsigned announced =
         writes
@@ -190,7 +113,8 @@ void printValue(const char* value) {
 }
 
 int runDump(const Invocation& invocation) {
-    Daemon cfgd(invocation);
+    (void)settleOrRefuse(invocation, false);  // never refuses a read
+    DaemonSession cfgd(invocation);
     if (int status = cfgd.open(); status != 0) return status;
     if (int status = cfgd.start(0); status != 0) return status;
     for (std::size_t i = 0; i < paramCount(); ++i) {
@@ -235,33 +159,6 @@ bool readWholeFile(const char* path, std::string& text) {
     return true;
 }
 
-const char* nameOf(const cfgctl::ApplyLine& line, char (&numbers)[16]) {
-    if (line.param.name[0] != '\0') return line.param.name;
-    std::snprintf(numbers, sizeof numbers, "%u %u %u", line.param.f1, line.param.f2, line.param.f3);
-    return numbers;
-}
-
-cfgctl::Parameter requestOf(const cfgctl::ApplyLine& line) {
-    return {line.param.f1, line.param.f2, line.param.f3,
-            cfgctl::valueToWrite(line.param, line.value.c_str())};
-}
-
-// The apply file's writes that cfgd would take, each with its current value: read in one
-// session of its own, under the semaphore that the writing session then keeps.
-int readCurrentValues(Daemon& cfgd, const cfgctl::ApplyFile& file,
-                      std::vector<std::optional<std::string>>& current) {
-    if (int status = cfgd.start(0); status != 0) return status;
-    for (const cfgctl::ApplyLine& line : file.writes) {
-        current.emplace_back();
-        if (line.param.access == ParamAccess::WriteOnly) continue;
-        cfgctl::Parameter p = requestOf(line);
-        p.value = nullptr;
-        if (int status = cfgd.exchange(READ_PARAM, p); status != 0) return status;
-        if (!cfgd.refused()) current.back() = cfgd.answer().da;
-    }
-    return cfgd.end(false, true);
-}
-
 int runApply(const Invocation& invocation) {
     const char* path = invocation.file;
     std::string text;
@@ -275,18 +172,22 @@ int runApply(const Invocation& invocation) {
     char numbers[16];
     for (const cfgctl::ApplyLine& line : file.readOnly)
         std::fprintf(stderr, "cfgctl: %s:%u: %s is read only: skipped\n", path, line.line,
-                     nameOf(line, numbers));
+                     cfgctl::labelOf(line.param, numbers));
     const unsigned writeType = invocation.temporary ? SET_TEMP_PARAM : SET_PARAM;
     for (const cfgctl::ApplyLine& line : file.writes) {
         char where[cfgctl::kErrorSize];
         std::snprintf(where, sizeof where, "%s:%u", path, line.line);
-        if (!valueFits(writeType, requestOf(line), where)) return cfgctl::kExitUsage;
+        if (!cfgctl::valueFits(writeType, cfgctl::requestOf(line), where))
+            return cfgctl::kExitUsage;
     }
 
-    Daemon cfgd(invocation);
+    if (invocation.trialSeconds > 0) return cfgctl::runTrialStart(invocation, file.writes);
+    if (int status = settleOrRefuse(invocation, true); status != 0) return status;
+    DaemonSession cfgd(invocation);
     if (int status = cfgd.open(); status != 0) return status;
     std::vector<std::optional<std::string>> current;
-    if (int status = readCurrentValues(cfgd, file, current); status != 0) return status;
+    if (int status = cfgctl::readCurrentValues(cfgd, file.writes, current); status != 0)
+        return status;
     const std::vector<std::size_t> plan = cfgctl::planWrites(file.writes, current);
     if (plan.size() > cfgctl::kMaxWrites) {
         std::fprintf(stderr,
@@ -302,16 +203,18 @@ int runApply(const Invocation& invocation) {
             return status;
         for (std::size_t position : plan) {
             const cfgctl::ApplyLine& line = file.writes[position];
-            if (int status = cfgd.exchange(writeType, requestOf(line)); status != 0) return status;
+            if (int status = cfgd.exchange(writeType, cfgctl::requestOf(line)); status != 0)
+                return status;
             if (cfgd.refused()) {
                 std::fprintf(stderr, "cfgctl: %s:%u: %s = %s: %s (nothing was written)\n", path,
-                             line.line, nameOf(line, numbers), line.value.c_str(), cfgd.refusal());
+                             line.line, cfgctl::labelOf(line.param, numbers), line.value.c_str(),
+                             cfgd.refusal());
                 const int status = cfgd.end(true);
                 return status != 0 ? status : cfgctl::kExitRefused;
             }
             if (cfgd.answer().da[0] != '\0')
                 std::fprintf(stderr, "cfgctl: %s:%u: %s: %s\n", path, line.line,
-                             nameOf(line, numbers), cfgd.answer().da);
+                             cfgctl::labelOf(line.param, numbers), cfgd.answer().da);
         }
         if (int status = cfgd.end(invocation.abort); status != 0) return status;
     }
@@ -364,6 +267,12 @@ int run(const Invocation& invocation) {
             return runApply(invocation);
         case Command::Names:
             return runNames(invocation);
+        case Command::Confirm:
+            return cfgctl::runConfirm(invocation);
+        case Command::Rollback:
+            return cfgctl::runRollback(invocation);
+        case Command::Trial:
+            return cfgctl::runTrialStatus(invocation);
         default:
             return runGetSet(invocation);
     }

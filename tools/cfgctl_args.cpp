@@ -8,6 +8,7 @@
 
 #include "client.h"
 #include "core/options.h"
+#include "trial.h"
 
 namespace cfgctl {
 
@@ -22,6 +23,9 @@ constexpr const char* kUsageFormat =
     "       cfgctl [-l LOCKFILE] [-t SECONDS] [--temp] [--abort] set PARAM VALUE [...]\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] dump [--numeric]\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] [--temp] [--abort] apply FILE\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] set --trial SECONDS PARAM VALUE [...]\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] apply --trial SECONDS FILE\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] confirm|rollback [--force]|trial\n"
     "       cfgctl names [--php]\n"
     "Reads or writes cfgd parameters in one session. PARAM is a name such as can1.bitrate\n"
     "(cfgctl names lists them) or three numbers F1 F2 F3 (group, sub-indices, each 0..255).\n"
@@ -30,6 +34,10 @@ constexpr const char* kUsageFormat =
     "               as \"# name refused: reason\"; --numeric: \"F1 F2 F3 = value\"\n"
     "  apply        writes the \"name = value\" lines of FILE (a dump or part of one) that\n"
     "               differ from cfgd's values, in one session; read-only names are skipped\n"
+    "  --trial S    writes as a trial: applied, not stored, and rolled back after S seconds\n"
+    "               (%d..%d) unless confirmed; no other write is taken while it is pending\n"
+    "  confirm      stores the pending trial's values; rollback: restores the old ones now\n"
+    "               (--force: removes a damaged trial record); trial: shows the pending one\n"
     "  names        lists the names with their numbers and access (rw, r, live, w);\n"
     "               --php: as the PHP client library's table\n"
     "  -l LOCKFILE  the daemon's lock file (default %s)\n"
@@ -44,8 +52,9 @@ struct CommandWord {
     Command command;
 };
 constexpr CommandWord kCommands[] = {
-    {"get", Command::Get},     {"set", Command::Set},     {"dump", Command::Dump},
-    {"apply", Command::Apply}, {"names", Command::Names},
+    {"get", Command::Get},           {"set", Command::Set},     {"dump", Command::Dump},
+    {"apply", Command::Apply},       {"names", Command::Names}, {"confirm", Command::Confirm},
+    {"rollback", Command::Rollback}, {"trial", Command::Trial},
 };
 
 template <typename Number>
@@ -80,6 +89,24 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
         }
     }
     return row[b.size()];
+}
+
+// "--trial SECONDS" at `at`: moves `at` behind it. False, with the reason, when malformed.
+bool readTrialOption(int argc, const char* const* argv, int& at, Invocation& invocation,
+                     char* error, std::size_t errorSize) {
+    if (at >= argc || std::string_view(argv[at]) != "--trial") return true;
+    if (at + 1 >= argc || !readDecimal(std::string_view(argv[at + 1]), invocation.trialSeconds) ||
+        invocation.trialSeconds < kMinTrialSeconds || invocation.trialSeconds > kMaxTrialSeconds) {
+        std::snprintf(error, errorSize, "--trial takes %d..%d seconds", kMinTrialSeconds,
+                      kMaxTrialSeconds);
+        return false;
+    }
+    if (invocation.temporary || invocation.abort) {
+        std::snprintf(error, errorSize, "--trial writes temporarily already: no --temp or --abort");
+        return false;
+    }
+    at += 2;
+    return true;
 }
 
 // Reads the operands of get and set: a name, or three numbers; then the value for set.
@@ -146,26 +173,35 @@ bool readOperands(int argc, const char* const* argv, int at, bool writes, Invoca
     return true;
 }
 
-// The words behind dump, apply and names.
+// The operands of a command that takes nothing or one flag; `operand` is the first, if any.
+bool readFlag(std::size_t operands, const char* const* operand, std::string_view flag, bool& set,
+              char* error, std::size_t errorSize) {
+    if (operands == 0) return true;
+    if (operands == 1 && *operand == flag) {
+        set = true;
+        return true;
+    }
+    // The command word stands right before the operands.
+    std::snprintf(error, errorSize, "%s takes only %.*s", operand[-1],
+                  static_cast<int>(flag.size()), flag.data());
+    return false;
+}
+
+// The words behind the commands other than get and set.
 bool readCommandRest(int argc, const char* const* argv, int at, Invocation& invocation, char* error,
                      std::size_t errorSize) {
     const std::size_t operands = static_cast<std::size_t>(argc - at);
     switch (invocation.command) {
         case Command::Dump:
-            if (operands == 1 && std::string_view(argv[at]) == "--numeric") {
-                invocation.numeric = true;
-                return true;
-            }
-            if (operands == 0) return true;
-            std::snprintf(error, errorSize, "dump takes only --numeric");
-            return false;
+            return readFlag(operands, argv + at, "--numeric", invocation.numeric, error, errorSize);
         case Command::Names:
-            if (operands == 1 && std::string_view(argv[at]) == "--php") {
-                invocation.php = true;
-                return true;
-            }
+            return readFlag(operands, argv + at, "--php", invocation.php, error, errorSize);
+        case Command::Rollback:
+            return readFlag(operands, argv + at, "--force", invocation.force, error, errorSize);
+        case Command::Confirm:
+        case Command::Trial:
             if (operands == 0) return true;
-            std::snprintf(error, errorSize, "names takes only --php");
+            std::snprintf(error, errorSize, "%s takes no operands", argv[at - 1]);
             return false;
         case Command::Apply:
             if (operands == 1) {
@@ -182,9 +218,9 @@ bool readCommandRest(int argc, const char* const* argv, int at, Invocation& invo
 }  // namespace
 
 void printUsage(std::FILE* out) {
-    std::fprintf(out, kUsageFormat, kDefaultLockPath, kMaxTimeoutSeconds,
-                 client::kDefaultTimeoutSeconds, kExitOk, kExitRefused, kExitUsage, kExitNoDaemon,
-                 kExitNoAnswer);
+    std::fprintf(out, kUsageFormat, kMinTrialSeconds, kMaxTrialSeconds, kDefaultLockPath,
+                 kMaxTimeoutSeconds, client::kDefaultTimeoutSeconds, kExitOk, kExitRefused,
+                 kExitUsage, kExitNoDaemon, kExitNoAnswer);
 }
 
 std::vector<std::string> closeMatches(std::string_view name, std::size_t most) {
@@ -279,6 +315,7 @@ bool parseArguments(int argc, const char* const* argv, Invocation& invocation, c
         std::snprintf(error, errorSize, "--temp applies to set and apply only");
         return false;
     }
+    if (writes && !readTrialOption(argc, argv, at, invocation, error, errorSize)) return false;
     if (invocation.command == Command::Get || invocation.command == Command::Set)
         return readOperands(argc, argv, at, writes, invocation, error, errorSize);
     return readCommandRest(argc, argv, at, invocation, error, errorSize);

@@ -25,7 +25,7 @@ inline constexpr std::size_t kMaxWrites = kMaxAnnounced + 1;
 
 inline constexpr std::size_t kErrorSize = 512;  // room for a reason with close matches
 
-enum class Command { Get, Set, Dump, Apply, Names, Help };
+enum class Command { Get, Set, Dump, Apply, Names, Confirm, Rollback, Trial, Help };
 
 struct Parameter {
     uint8_t f1;
@@ -43,6 +43,8 @@ struct Invocation {
     bool numeric = false;        // dump --numeric: addresses instead of names
     bool php = false;            // names --php: the table as the PHP library's file
     const char* file = nullptr;  // apply FILE
+    int trialSeconds = 0;        // set/apply --trial SECONDS; 0: not a trial
+    bool force = false;          // rollback --force: remove the record, write nothing
     std::vector<Parameter> parameters;
 };
 

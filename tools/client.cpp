@@ -118,7 +118,7 @@ Connection::~Connection() {
     endSession();
 }
 
-Status Connection::open(const char* lockPath) {
+Status readLockFile(const char* lockPath, LockLine& line) {
     const int fd = ::open(lockPath, O_RDONLY);
     if (fd < 0) return Status::NoLockFile;
     char text[kLockFileSize + 1];
@@ -129,8 +129,13 @@ Status Connection::open(const char* lockPath) {
         errno = readError;
         return Status::NoLockFile;
     }
-    if (!parseLockLine(std::string_view(text, static_cast<std::size_t>(n)), lock_))
+    if (!parseLockLine(std::string_view(text, static_cast<std::size_t>(n)), line))
         return Status::BadLockFile;
+    return Status::Ok;
+}
+
+Status Connection::open(const char* lockPath) {
+    if (Status status = readLockFile(lockPath, lock_); status != Status::Ok) return status;
     const int queue = msgget(lock_.queueKey, 0);
     if (queue < 0) return errno == ENOENT ? Status::NoQueue : Status::SystemError;
     const int semaphores = semget(lock_.semaphoreKey, 0, 0);

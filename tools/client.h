@@ -36,6 +36,9 @@ enum class Status {
     SystemError,  // another failing call: errno tells why
 };
 
+// Reads the daemon's lock line from `lockPath`: Ok, NoLockFile (errno tells why) or BadLockFile.
+[[nodiscard]] Status readLockFile(const char* lockPath, LockLine& line);
+
 // The length of the request text that carries `value` (nullptr: a request without value). A
 // value travels with its terminator (see formatRequest), so it counts one byte more.
 std::size_t requestTextLength(unsigned mt, unsigned f1, unsigned f2, unsigned f3,

@@ -14,6 +14,17 @@
 // Cfgd\Refused carries the daemon's own text (a refused write leaves the session open: abort()
 // drops its writes), Cfgd\Busy says that another client kept its session, Cfgd\Error anything
 // else. A session dropped while open is aborted.
+//
+// A change that could cut the browser off the device (a LAN address, a CAN bit rate) goes
+// through a trial: Cfgd\Trial has cfgctl apply it without storing it and leave a guard that
+// rolls it back at a deadline unless confirm() comes first. The trial's state is cfgctl's
+// trial file, so cfgctl and PHP can each start, confirm or roll back the other's trial. While
+// one is pending, writes are refused with Cfgd\TrialPending; reads go on.
+//
+//     $trial = new Cfgd\Trial();
+//     $trial->start(['lan0.ipv4' => '198.51.100.11'], 60);
+//     $trial->pending();                        // ['secondsLeft' => 60, 'params' => [...], ...]
+//     $trial->confirm();                        // stored; or rollBack(), or wait for the guard
 
 declare(strict_types=1);
 
@@ -37,6 +48,14 @@ final class Refused extends Error
     public function __construct(string $text, public readonly array $address)
     {
         parent::__construct($text);
+    }
+}
+
+final class TrialPending extends Error
+{
+    public function __construct(public readonly int $secondsLeft)
+    {
+        parent::__construct("a trial is pending ($secondsLeft s left): confirm or roll back first");
     }
 }
 
@@ -75,6 +94,7 @@ final class Session
     public function __construct(
         private readonly string $lockFile = self::DEFAULT_LOCK_FILE,
         private readonly int $timeoutSeconds = self::DEFAULT_TIMEOUT,
+        private readonly string $cfgctl = 'cfgctl',
     ) {
         $this->answerType = self::LOWEST_ANSWER_TYPE + getmypid() % self::ANSWER_TYPES;
     }
@@ -96,6 +116,9 @@ final class Session
         }
         if ($this->open) {
             throw new Error('the session is open already: finish or abort it first');
+        }
+        if ($writes > 0) {
+            $this->refuseDuringTrial();
         }
         $this->connect();
         $this->lock();
@@ -126,6 +149,7 @@ final class Session
     public function write(string|int ...$arguments): string
     {
         [$address, $value] = $this->resolve($arguments, true);
+        $this->refuseDuringTrial();
         return $this->request(self::SET_PARAM, $address, $value);
     }
 
@@ -133,6 +157,7 @@ final class Session
     public function writeTemporary(string|int ...$arguments): string
     {
         [$address, $value] = $this->resolve($arguments, true);
+        $this->refuseDuringTrial();
         return $this->request(self::SET_TEMP_PARAM, $address, $value);
     }
 
@@ -216,6 +241,19 @@ final class Session
             $value = '';
         }
         return [$address, $value];
+    }
+
+    // A write during a trial would be rolled back with it, or stored by its confirm. Without
+    // a trial file this costs one stat(); with one, cfgctl settles a trial whose guard died.
+    private function refuseDuringTrial(): void
+    {
+        if (!file_exists($this->lockFile . Trial::FILE_SUFFIX)) {
+            return;
+        }
+        $trial = (new Trial($this->lockFile, $this->cfgctl, $this->timeoutSeconds))->pending();
+        if ($trial !== null) {
+            throw new TrialPending($trial['secondsLeft']);
+        }
     }
 
     private function request(int $mt, array $address, ?string $value): string
@@ -365,5 +403,189 @@ final class Session
             throw new Error('cfgd sent an answer that does not parse');
         }
         return $answer;
+    }
+}
+
+// Trials run through cfgctl, which owns the trial file and starts the guard; the guard detaches
+// and redirects its own output, so every call returns when cfgctl exits.
+final class Trial
+{
+    public const FILE_SUFFIX = '.trial';  // beside the lock file: /tmp/kiv_lock.trial
+    public const SHORTEST = 5;
+    public const LONGEST = 3600;
+
+    private const NO_TRIAL = 1;           // cfgctl's exit status for "none pending"
+
+    public function __construct(
+        private readonly string $lockFile = Session::DEFAULT_LOCK_FILE,
+        private readonly string $cfgctl = 'cfgctl',
+        private readonly int $timeoutSeconds = Session::DEFAULT_TIMEOUT,
+    ) {
+    }
+
+    /**
+     * Applies `$values` (name => value; an address without a name as 'F1 F2 F3') without
+     * storing them, and rolls them back after `$seconds` unless confirmed.
+     */
+    public function start(array $values, int $seconds): void
+    {
+        if ($values === []) {
+            throw new Error('a trial writes at least one parameter');
+        }
+        if ($seconds < self::SHORTEST || $seconds > self::LONGEST) {
+            throw new Error("a trial lasts 5 to 3600 s, not $seconds");
+        }
+        $arguments = ['set', '--trial', (string) $seconds];
+        $refusals = [];  // how cfgctl starts the line of a value that cfgd refused => its address
+        foreach ($values as $param => $value) {
+            [$label, $address] = self::label((string) $param);
+            $arguments = [...$arguments, ...explode(' ', (string) $param), (string) $value];
+            $refusals["$label = $value: "] = $address;
+        }
+        $this->run($arguments, false, $refusals);
+    }
+
+    /**
+     * The pending trial, or null: ['secondsLeft' => int, 'deadline' => unix time,
+     * 'params' => [name => ['old' => ?string, 'new' => ?string]]], where a null 'new' is a
+     * value read only to be restored. A trial whose guard died is settled first.
+     */
+    public function pending(): ?array
+    {
+        if ($this->run(['trial'], true) === null) {
+            return null;
+        }
+        $path = $this->lockFile . self::FILE_SUFFIX;
+        $text = @file_get_contents($path);
+        if ($text === false) {
+            return null;  // ended between cfgctl's look and ours
+        }
+        $lines = explode("\n", $text);
+        $header = array_splice($lines, 0, 4);
+        if (count($header) < 4 || $header[0] !== 'cfgd-trial 1'
+            || preg_match('/^deadline (\d+)$/D', $header[1], $deadline) !== 1
+            || !in_array('end', $lines, true)) {
+            throw new Error("the trial file $path is damaged");
+        }
+        $params = [];
+        foreach (array_slice($lines, 0, array_search('end', $lines, true)) as $line) {
+            $fields = explode("\t", $line);
+            if (count($fields) !== 4 || preg_match('/^\d+ \d+ \d+$/D', $fields[0]) !== 1) {
+                throw new Error("the trial file $path is damaged");
+            }
+            $params[$fields[1] === '-' ? $fields[0] : $fields[1]] =
+                ['old' => self::value($fields[2]), 'new' => self::value($fields[3])];
+        }
+        $deadline = (int) $deadline[1];
+        return ['secondsLeft' => max(0, $deadline - time()), 'deadline' => $deadline,
+            'params' => $params];
+    }
+
+    /** Stores the trial's values for good and ends its guard. */
+    public function confirm(): void
+    {
+        $this->run(['confirm']);
+    }
+
+    /** Puts the old values back now; `$force` only removes a damaged trial file. */
+    public function rollBack(bool $force = false): void
+    {
+        $this->run($force ? ['rollback', '--force'] : ['rollback']);
+    }
+
+    /** @return array{0: string, 1: int[]} how cfgctl names a parameter, and its address */
+    private static function label(string $param): array
+    {
+        if (!ctype_digit(str_replace(' ', '', $param))) {
+            // Checked here, as a session does, so that a slip gets its close matches.
+            return [$param, Session::address($param)];
+        }
+        $address = array_map('intval', explode(' ', $param));
+        foreach (Session::names() as $name => $entry) {
+            if (array_slice($entry, 0, 3) === $address) {
+                return [$name, $address];
+            }
+        }
+        return [$param, $address];
+    }
+
+    private static function value(string $field): ?string
+    {
+        if ($field === '') {
+            return null;
+        }
+        return strtr(substr($field, 1),
+            ['\\\\' => '\\', '\\n' => "\n", '\\t' => "\t", '\\r' => "\r"]);
+    }
+
+    /**
+     * Runs cfgctl with `$arguments` (no shell in between, so values need no quoting) and
+     * returns its output; with `$orNone`, null for the exit status of "no trial pending".
+     * `$refusals` are the refusal lines to look for, as in start().
+     */
+    private function run(array $arguments, bool $orNone = false, array $refusals = []): ?string
+    {
+        $command = [$this->cfgctl, '-l', $this->lockFile, '-t', (string) $this->timeoutSeconds,
+            ...$arguments];
+        $process = proc_open($command, [0 => ['file', '/dev/null', 'r'], 1 => ['pipe', 'w'],
+            2 => ['pipe', 'w']], $pipes);
+        if ($process === false) {
+            throw new Error("cannot run {$this->cfgctl}");
+        }
+        // Both pipes at once: one left full would hold cfgctl up.
+        $output = [1 => '', 2 => ''];
+        $open = [1 => $pipes[1], 2 => $pipes[2]];
+        while ($open !== []) {
+            $ready = $open;
+            $none = null;
+            if (stream_select($ready, $none, $none, null) === false) {
+                break;
+            }
+            foreach ($ready as $i => $pipe) {
+                $chunk = fread($pipe, 8192);
+                $output[$i] .= $chunk === false ? '' : $chunk;
+                if (feof($pipe)) {
+                    fclose($pipe);
+                    unset($open[$i]);
+                }
+            }
+        }
+        array_map('fclose', $open);
+        $status = proc_close($process);
+        if ($status === 0) {
+            return $output[1];
+        }
+        if ($orNone && $status === self::NO_TRIAL) {
+            return null;
+        }
+        throw self::failure($status, trim($output[2]), $this->cfgctl, $refusals);
+    }
+
+    private static function failure(int $status, string $errors, string $cfgctl,
+        array $refusals): Error
+    {
+        if ($status === self::NO_TRIAL) {
+            if (preg_match('/a trial is pending \((\d+) s left\)/', $errors, $pending) === 1) {
+                return new TrialPending((int) $pending[1]);
+            }
+            if (str_contains($errors, 'no trial pending')) {
+                return new Error('no trial pending');
+            }
+            foreach ($refusals as $start => $address) {
+                $pattern = '/^cfgctl: ' . preg_quote($start, '/') . '(.*?)(?: \(nothing was written\))?$/m';
+                if (preg_match($pattern, $errors, $refusal) === 1) {
+                    return new Refused($refusal[1], $address);
+                }
+            }
+            // As a set without a trial: the last refusal, after remarks on writes that went
+            // through.
+            $pattern = '/^cfgctl: (?:set(?: --\S+(?: \d+)?)* (\d+) (\d+) (\d+)|FINISH_SESSION): (.*)$/m';
+            if (preg_match_all($pattern, $errors, $refusals, PREG_SET_ORDER) > 0) {
+                $refusal = end($refusals);
+                // A refused FINISH_SESSION has no address: [0, 0, 0], as in a session.
+                return new Refused($refusal[4], array_map('intval', array_slice($refusal, 1, 3)));
+            }
+        }
+        return new Error($errors !== '' ? $errors : "$cfgctl exited with status $status");
     }
 }

@@ -188,7 +188,6 @@ struct Driver {
     // days must not grow by that record.
     void forgetRequests() {
         simulated->requests.clear();
-        simulated->filterCalls.clear();
         simulated->opened.clear();
     }
 };

@@ -56,7 +56,7 @@ int readNumber(const CanInterface& can, AnswerMessage& answer) {
 }
 
 int readIfName(const CanInterface& can, AnswerMessage& answer) {
-    answerText(answer, "%s", can.IfName);
+    answerCopy(answer, can.IfName);
     return 0;
 }
 
@@ -181,7 +181,7 @@ int readGroup(const RequestMessage& request, AnswerMessage& answer) {
             answerText(answer, "%u", kCanServed);
             return 0;
         case 1:
-            answerText(answer, "%s", kCanBaseName);
+            answerCopy(answer, kCanBaseName);
             return 0;
         default:
             return failText(answer, kUnknownSubidxIIShort);

@@ -8,6 +8,7 @@
 
 #include "model/config_model.h"
 #include "sys/gateway_driver.h"
+#include "sys/log.h"
 #include "sys/system.h"
 
 namespace {
@@ -46,7 +47,7 @@ int refreshCanInformation(unsigned index, ConfigModel& model) {
     // The node is opened anew for every query; closing it keeps descriptors from piling up.
     (void)system.closeNode(fd);  // nothing to do about a failed close of a node we only read
     if (result < 0) {
-        std::fprintf(stderr, kLinkInfoFailedFormat, __func__, name, error);
+        sys::logError(kLinkInfoFailedFormat, __func__, name, error);
         return 0;
     }
     copyLiveState(info, can);

@@ -20,6 +20,7 @@
 #include "model/config_model.h"
 #include "model/handler.h"
 #include "routing/gateway.h"
+#include "sys/log.h"
 #include "sys/system.h"
 
 using ini::Section;
@@ -283,7 +284,7 @@ int loadConfiguration(ConfigModel& model) {
     }
 
     dictionary* file = parseConfigFile(sys::placeFile(configPath()).c_str());
-    if (file == nullptr) std::fprintf(stderr, "can't parse file %s\n", configPath());
+    if (file == nullptr) sys::logError("can't parse file %s\n", configPath());
 
     loadGeneralAndHost(file, model);
     for (unsigned n = 0; n < ini::sectionSpec(Section::Lan).countRead; ++n)

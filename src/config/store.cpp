@@ -20,6 +20,7 @@
 #include "model/config_model.h"
 #include "model/handler.h"
 #include "network/dhcp_server.h"
+#include "sys/log.h"
 #include "sys/shell_command.h"
 #include "sys/system.h"
 
@@ -589,6 +590,6 @@ int restoreInterruptedStore() {
     if (::stat(backup.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0)
         return 0;
     if (sys::current().renameFile(backup.c_str(), file.c_str()) != 0) return -1;
-    std::printf("%s: %s put back from %s\n", __func__, configPath(), kBackupConfigPath);
+    sys::logLine("%s: %s put back from %s\n", __func__, configPath(), kBackupConfigPath);
     return 1;
 }

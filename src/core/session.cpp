@@ -106,13 +106,13 @@ int setParam(const RequestMessage& request, AnswerMessage& answer, ConfigModel& 
     // A session that announced N writes has N + 1 accepted: the web front end has always
     // counted this way, so the limit stays one above the announcement.
     if (s.writeCount++ > s.announcedWrites) {
-        answerText(answer, "%s", kTooManyWritesText);
+        answerCopy(answer, kTooManyWritesText);
         return finish(answer, -1);
     }
     if (request.mt == SET_PARAM) {
         s.permanent = 1;
         if (s.temporary) {
-            answerText(answer, "%s", kMixedWritesText);
+            answerCopy(answer, kMixedWritesText);
             return finish(answer, -1);
         }
     } else {
@@ -120,7 +120,7 @@ int setParam(const RequestMessage& request, AnswerMessage& answer, ConfigModel& 
         // warning, which a successful write answers inside a POS_ANSW.
         s.temporary = 1;
         if (s.permanent) {
-            answerText(answer, "%s", kMixedWritesText);
+            answerCopy(answer, kMixedWritesText);
             answer.mt = NEG_ANSW;
         }
     }

@@ -118,7 +118,7 @@ int createFilter(const RequestMessage& request, AnswerMessage& answer, ConfigMod
     }
     const int32_t kind = deviceStrtol(request.da, 10);
     if (kind == 0) {
-        answerText(answer, "%s", kNoFilterAnywayText);  // a success that carries a text
+        answerCopy(answer, kNoFilterAnywayText);  // a success that carries a text
         return 0;
     }
     if (!isKind(kind)) {
@@ -231,10 +231,10 @@ int readFilter(const RequestMessage& request, AnswerMessage& answer, ConfigModel
         case Term:
             return formatFilterTerm(*filter, answer.da, sizeof answer.da);
         case Comment:
-            answerText(answer, "%s", filter->Comment);
+            answerCopy(answer, filter->Comment);
             return 0;
         case Name:
-            answerText(answer, "%s", filter->Name);
+            answerCopy(answer, filter->Name);
             return 0;
         default:
             return failUnknownSubidxII(request, answer);

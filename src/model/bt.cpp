@@ -18,7 +18,7 @@ int readBt(const RequestMessage& request, AnswerMessage& answer, ConfigModel&) {
             answerText(answer, "%d", kBtInterfaceCount);
             return 0;
         case kBtPrefixParam:
-            answerText(answer, "%s", kBtInterfacePrefix);
+            answerCopy(answer, kBtInterfacePrefix);
             return 0;
         default:
             return failUnknownSubidxII(request, answer);

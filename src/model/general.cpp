@@ -22,7 +22,7 @@ constexpr const char* kGatewayVersionFormat = "%u.%u.%u";
 // A text of the General record, as it stands.
 template <auto Field>
 int readText(AnswerMessage& answer, const ConfigModel& model) {
-    answerText(answer, "%s", model.general.*Field);
+    answerCopy(answer, model.general.*Field);
     return 0;
 }
 

@@ -11,8 +11,12 @@ void answerText(AnswerMessage& answer, const char* format, ...) {
     va_end(arguments);
 }
 
+void answerCopy(AnswerMessage& answer, const char* text) {
+    copyText(answer.da, text);
+}
+
 int failText(AnswerMessage& answer, const char* text) {
-    answerText(answer, "%s", text);
+    answerCopy(answer, text);
     return -1;
 }
 

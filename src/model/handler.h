@@ -31,6 +31,10 @@ inline constexpr const char* kFalseInterfaceFormat = "false interface intdex %d"
 void answerText(AnswerMessage& answer, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
+// Copies a text into the answer's `da` (bounded, always terminated): the reads of texts, without
+// a format to interpret.
+void answerCopy(AnswerMessage& answer, const char* text);
+
 // The common failures; each writes its text and returns -1.
 int failText(AnswerMessage& answer, const char* text);
 int failUnknownSubidxI(const RequestMessage& request, AnswerMessage& answer);

@@ -20,7 +20,7 @@ int readCount(AnswerMessage& answer) {
 }
 
 int readPrefix(AnswerMessage& answer) {
-    answerText(answer, "%s", kLanBaseName);
+    answerCopy(answer, kLanBaseName);
     return 0;
 }
 
@@ -34,7 +34,7 @@ constexpr int (*kGroupReaders[])(AnswerMessage& answer) = {
 using InterfaceReader = int (*)(const LanInterface& lan, AnswerMessage& answer);
 
 int readIfName(const LanInterface& lan, AnswerMessage& answer) {
-    answerText(answer, "%s", lan.IfName);
+    answerCopy(answer, lan.IfName);
     return 0;
 }
 
@@ -50,7 +50,7 @@ int readAddress(const LanInterface& lan, AnswerMessage& answer) {
 }
 
 int readMac(const LanInterface& lan, AnswerMessage& answer) {
-    answerText(answer, "%s", lan.MAC);
+    answerCopy(answer, lan.MAC);
     return 0;
 }
 

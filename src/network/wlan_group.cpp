@@ -14,6 +14,7 @@
 #include "network/nw.h"
 #include "network/platform_config.h"
 #include "network/wlan_count.h"
+#include "sys/log.h"
 #include "sys/shell_command.h"
 #include "sys/system.h"
 
@@ -116,7 +117,7 @@ int readCount(AnswerMessage& answer, const ConfigModel&) {
 
 int readPrefix(AnswerMessage& answer, const ConfigModel& model) {
     const bool ap = model.platform.wlan_mode == WLAN_MODE_UAP;
-    answerText(answer, "%s", ap ? kWlanApBaseName : kWlanStationBaseName);
+    answerCopy(answer, ap ? kWlanApBaseName : kWlanStationBaseName);
     return 0;
 }
 
@@ -131,7 +132,7 @@ using InterfaceReader = int (*)(const WlanInterface& wlan, AnswerMessage& answer
 
 template <auto Field>
 int readText(const WlanInterface& wlan, AnswerMessage& answer) {
-    answerText(answer, "%s", wlan.*Field);
+    answerCopy(answer, wlan.*Field);
     return 0;
 }
 
@@ -148,7 +149,7 @@ int readAddress(const WlanInterface& wlan, AnswerMessage& answer) {
 }
 
 int readSupportedModes(const WlanInterface&, AnswerMessage& answer) {
-    answerText(answer, "%s", kSupportedModesText);  // the station modes, whatever the record says
+    answerCopy(answer, kSupportedModesText);  // the station modes, whatever the record says
     return 0;
 }
 
@@ -271,7 +272,7 @@ static_assert(kInterfaceWriters[kIPv4Parameter] == writeIPv4);
 // The interface's live MAC and address, and the platform file as the scripts left it; fetched
 // once per session, on the interface's first read.
 void refreshWlanInformation(ConfigModel& model) {
-    std::printf(kLogName, __func__);
+    sys::logLine(kLogName, __func__);
     WlanInterface& wlan = model.wlan;
     const InterfaceName name(wlan);
     (void)nw_get_mac(name.text, wlan.MAC);     // a failed query leaves zeros, which are shown
@@ -508,7 +509,7 @@ int writeAddressFile(const WlanInterface& wlan) {
 // uaputl for the AP. The AP script is handed "/tmp/uaputl<Index>.conf" although the AP file is
 // written to "/mnt/user/uaputl.conf"; kept, as the device's scripts have always been called so.
 int wlanCfg(int command, const WlanInterface& wlan) {
-    std::printf(kLogWlanCfg, __func__, wlan.Mode, command);
+    sys::logLine(kLogWlanCfg, __func__, wlan.Mode, command);
     const bool ap = wlan.Mode == WLAN_MODE_UAP;
     const char* script = ap ? kApScript : kStationScript;
     char file[kPathChars + 1];
@@ -573,7 +574,7 @@ int readWlan(const RequestMessage& request, AnswerMessage& answer, ConfigModel& 
 }
 
 int storeWlanInformation(const RequestMessage& request, AnswerMessage& answer, ConfigModel& model) {
-    std::printf(kLogCall, __func__);
+    sys::logLine(kLogCall, __func__);
     if (request.f2 == kGroupInstance) {
         // Marked although refused: the session's apply then logs the general change.
         model.changed.mark(flag::Wlan);
@@ -594,16 +595,16 @@ int storeWlanInformation(const RequestMessage& request, AnswerMessage& answer, C
 }
 
 int setWlanConfig(unsigned index, ConfigModel& model, AnswerMessage& answer) {
-    std::printf(kLogCall, __func__);
+    sys::logLine(kLogCall, __func__);
     if (index == kGroupInstance) {
-        std::printf(kLogGeneral, __func__);
+        sys::logLine(kLogGeneral, __func__);
         return 0;
     }
     if (index > WLAN_IF_COUNT) {
         answerText(answer, kFalseWlanInterfaceFormat, static_cast<int>(index));
         return -1;
     }
-    std::printf(kLogInterfaceChanged, __func__, static_cast<int>(index));
+    sys::logLine(kLogInterfaceChanged, __func__, static_cast<int>(index));
     WlanInterface& wlan = model.wlan;
     if (!modeSupported(wlan, wlan.Mode)) {
         answerText(answer, kUnsupportedModeFormat, wlan.Mode);
@@ -611,29 +612,29 @@ int setWlanConfig(unsigned index, ConfigModel& model, AnswerMessage& answer) {
     }
     const int kernelIndex = static_cast<int>(index) - 1;
     if (model.wlanChangeIpOnly == 1) {
-        std::printf(kLogChangeIpOnly, __func__, model.wlanChangeIpOnly);
+        sys::logLine(kLogChangeIpOnly, __func__, model.wlanChangeIpOnly);
         changeAddressOnly(model, kernelIndex);
         return 0;
     }
 
     (void)wlanCfg(NW_STOP, wlan);
     (void)nw_ifconfig_down(wlan.BaseName, kernelIndex);
-    std::printf(kLogPlatformMode, __func__, model.platform.wlan_mode);
-    std::printf(kLogMode, __func__, wlan.Mode);
-    std::printf(kLogOldMode, __func__, model.previousWlanMode);
+    sys::logLine(kLogPlatformMode, __func__, model.platform.wlan_mode);
+    sys::logLine(kLogMode, __func__, wlan.Mode);
+    sys::logLine(kLogOldMode, __func__, model.previousWlanMode);
     switch (wlan.Mode) {
         case WLAN_MODE_STATION:
         case WLAN_MODE_ADHOC:
             switchToStation(model);
             break;
         case WLAN_MODE_UAP:
-            std::printf(kLogApCase, __func__);
+            sys::logLine(kLogApCase, __func__);
             switchToAp(model);
             break;
         default:
             // Only a mode of 255 gets here (see modeMask): the station script is started
             // again and the apply fails.
-            std::printf(kLogUnknownMode, __func__);
+            sys::logLine(kLogUnknownMode, __func__);
             (void)wlanCfg(NW_START, wlan);
             return -1;
     }
@@ -643,7 +644,7 @@ int setWlanConfig(unsigned index, ConfigModel& model, AnswerMessage& answer) {
     (void)writePlatformConfig(model.platform);
     if (wlan.UseDHCP) {
         const InterfaceName name(wlan);
-        std::printf(kLogDhcpClient, __func__, name.text);
+        sys::logLine(kLogDhcpClient, __func__, name.text);
         (void)nw_dhcp_client(NW_RESTART, name.text, model.general.hostName);
     }
     (void)wlanCfg(NW_START, wlan);

@@ -48,7 +48,7 @@ const RouteRecord& routeAt(const ConfigModel& model, unsigned index) {
 }
 
 int readName(AnswerMessage& answer, const ConfigModel& model, unsigned index) {
-    answerText(answer, "%s", routeAt(model, index).RtInfo);
+    answerCopy(answer, routeAt(model, index).RtInfo);
     return 0;
 }
 
@@ -69,7 +69,7 @@ int readInterface(AnswerMessage& answer, const ConfigModel& model, unsigned inde
 }
 
 int readNone(AnswerMessage& answer, const ConfigModel&, unsigned) {
-    answerText(answer, "%s", kNoneText);
+    answerCopy(answer, kNoneText);
     return 0;
 }
 
@@ -125,7 +125,7 @@ int readFilterList(AnswerMessage& answer, const ConfigModel& model, unsigned ind
     // Requests number filters from 1, like the Filter group does.
     if (getRtFilters(model.filters, static_cast<int>(index), answer.da, sizeof answer.da, false) <
         0)
-        answerText(answer, "%s", kNoFiltersText);
+        answerCopy(answer, kNoFiltersText);
     return 0;
 }
 
@@ -361,7 +361,7 @@ bool isRoute(uint8_t f2) {
 int readRoute(const RequestMessage& request, AnswerMessage& answer, ConfigModel& model) {
     if (request.f2 == 0) {
         if (request.f3 == RouteSlots) {
-            answerText(answer, "%s", kRouteSlotsText);
+            answerCopy(answer, kRouteSlotsText);
             return 0;
         }
         if (request.f3 == ActiveCount) return answerNumber(answer, recountActiveRoutes(model));

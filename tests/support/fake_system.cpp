@@ -18,6 +18,15 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+
+int failWith(int error) {
+    errno = error;
+    return -1;
+}
+
+}  // namespace
+
 FakeSystem::FakeSystem() {
     // Under TMPDIR when it is set: the fuzz targets write their files thousands of times a
     // second, which a memory file system takes without waiting for a disk.
@@ -47,11 +56,6 @@ std::string FakeSystem::readFile(const char* devicePath) const {
     return content.str();
 }
 
-void FakeSystem::removeFile(const char* devicePath) const {
-    std::error_code ignored;
-    fs::remove(pathOf(devicePath), ignored);
-}
-
 int FakeSystem::runCommand(const char* command) {
     commands.emplace_back(command);
     if (commandResult == 0) moveFile(command);
@@ -76,10 +80,7 @@ int FakeSystem::queryInterface(unsigned long request, void* interfaceRequest) {
     auto* query = static_cast<ifreq*>(interfaceRequest);
     const auto known =
         interfaces.find(std::string(query->ifr_name, strnlen(query->ifr_name, IFNAMSIZ)));
-    if (known == interfaces.end()) {
-        errno = ENODEV;
-        return -1;
-    }
+    if (known == interfaces.end()) return failWith(ENODEV);
     if (request == SIOCGIFHWADDR) {
         std::memcpy(query->ifr_hwaddr.sa_data, known->second.mac.data(), 6);
         return 0;
@@ -91,22 +92,13 @@ int FakeSystem::queryInterface(unsigned long request, void* interfaceRequest) {
         std::memcpy(&query->ifr_addr, &address, sizeof address);
         return 0;
     }
-    errno = EINVAL;
-    return -1;
+    return failWith(EINVAL);
 }
 
 int FakeSystem::setHostName(const char* name, std::size_t length) {
-    if (setHostNameErrno != 0) {
-        errno = setHostNameErrno;
-        return -1;
-    }
+    if (setHostNameErrno != 0) return failWith(setHostNameErrno);
     hostName.assign(name, strnlen(name, length));
     hostNamesSet.push_back(hostName);
-    return 0;
-}
-
-int FakeSystem::getHostName(char* name, std::size_t size) {
-    std::snprintf(name, size, "%s", hostName.c_str());
     return 0;
 }
 
@@ -120,10 +112,7 @@ sys::FilePath FakeSystem::placeFile(const char* devicePath) {
 }
 
 std::FILE* FakeSystem::openStream(const char* path, const char* mode) {
-    if (openStreamErrno != 0) {
-        errno = openStreamErrno;
-        return nullptr;
-    }
+    if (openStreamErrno != 0) return failWith(openStreamErrno), nullptr;
     if (writeErrno == 0) return std::fopen(path, mode);
     cookie_io_functions_t full{};  // a full disk: nothing reaches a file
     full.write = [](void* cookie, const char*, size_t) -> ssize_t {
@@ -136,26 +125,12 @@ std::FILE* FakeSystem::openStream(const char* path, const char* mode) {
 int FakeSystem::syncStream(std::FILE* stream) {
     ++streamSyncs;
     if (std::fflush(stream) != 0) return -1;
-    if (syncErrno != 0) {
-        errno = syncErrno;
-        return -1;
-    }
-    return 0;
+    return syncErrno != 0 ? failWith(syncErrno) : 0;
 }
 
 int FakeSystem::closeStream(std::FILE* stream) {
     const int result = std::fclose(stream);
-    if (closeErrno == 0) return result;
-    errno = closeErrno;
-    return EOF;
-}
-
-int FakeSystem::renameFile(const char* from, const char* to) {
-    if (renameErrno != 0) {
-        errno = renameErrno;
-        return -1;
-    }
-    return std::rename(from, to);
+    return closeErrno != 0 ? failWith(closeErrno) : result;  // EOF is -1
 }
 
 SeamTest::SeamTest() : model(allocateModel()) {

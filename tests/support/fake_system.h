@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -57,7 +59,10 @@ class FakeSystem final : public sys::System {
     bool fileExists(const char* devicePath) const {
         return std::filesystem::exists(pathOf(devicePath));
     }
-    void removeFile(const char* devicePath) const;
+    void removeFile(const char* devicePath) const {
+        std::error_code ignored;
+        std::filesystem::remove(pathOf(devicePath), ignored);
+    }
 
     int runCommand(const char* command) override;
     int openNode(const char* path, int) override { return driver.open(path); }
@@ -67,14 +72,19 @@ class FakeSystem final : public sys::System {
     int closeNode(int fd) override { return driver.close(fd); }
     int queryInterface(unsigned long request, void* interfaceRequest) override;
     int setHostName(const char* name, std::size_t length) override;
-    int getHostName(char* name, std::size_t size) override;
+    int getHostName(char* name, std::size_t size) override {
+        return std::snprintf(name, size, "%s", hostName.c_str()) < 0 ? -1 : 0;
+    }
     void sleepNanoseconds(long nanoseconds) override { sleeps.push_back(nanoseconds); }
     void syncDisks() override {}
     sys::FilePath placeFile(const char* devicePath) override;
     std::FILE* openStream(const char* path, const char* mode) override;
     int syncStream(std::FILE* stream) override;
     int closeStream(std::FILE* stream) override;
-    int renameFile(const char* from, const char* to) override;
+    int renameFile(const char* from, const char* to) override {
+        if (renameErrno != 0) errno = renameErrno;
+        return renameErrno != 0 ? -1 : std::rename(from, to);
+    }
 
   private:
     void moveFile(const char* command) const;

@@ -34,7 +34,6 @@ int SimDriver::open(const std::string& path) {
     if (auto it = openErrors_.find(path); it != openErrors_.end()) return fail(it->second);
     const int node = nodeOf(path);
     if (node == -2) return fail(ENOENT);
-    if (!moduleLoaded_) return fail(ENODEV);
     const int fd = nextDescriptor_++;
     descriptors_[fd] = node;
     return fd;
@@ -87,8 +86,16 @@ int SimDriver::routeRequest(int node, unsigned long request, void* argument) {
     RouteNode& slot = routeNodes_[node];
     switch (request) {
         case gw::kSetFilters:
-        case gw::kSetJoinedFilters:
-            return setFilters(node, request, argument);
+        case gw::kSetJoinedFilters: {
+            uint32_t count;
+            std::memcpy(&count, argument, sizeof count);
+            if (count > kMaxFilterPairs) return fail(EINVAL);
+            slot.filters.resize(count);
+            std::memcpy(slot.filters.data(), static_cast<const uint8_t*>(argument) + sizeof count,
+                        count * sizeof(gw::MaskEntry));
+            slot.filterRequest = request;
+            return 0;
+        }
         case gw::kAddRoute:
             if (slot.route) return fail(EEXIST);
             slot.route.emplace();
@@ -128,17 +135,4 @@ int SimDriver::routeRequest(int node, unsigned long request, void* argument) {
         default:
             return fail(ENOTTY);
     }
-}
-
-int SimDriver::setFilters(int node, unsigned long request, const void* argument) {
-    const auto* list = static_cast<const uint8_t*>(argument);
-    uint32_t count;
-    std::memcpy(&count, list, sizeof count);
-    if (count > kMaxFilterPairs) return fail(EINVAL);
-    FilterCall call{node, request, std::vector<gw::MaskEntry>(count)};
-    std::memcpy(call.entries.data(), list + sizeof count, count * sizeof(gw::MaskEntry));
-    routeNodes_[node].filters = call.entries;
-    routeNodes_[node].filterRequest = request;
-    filterCalls.push_back(std::move(call));
-    return 0;
 }

@@ -32,14 +32,9 @@ class SimDriver {
         int node;
         unsigned long request;
     };
-    struct FilterCall {
-        int node;
-        unsigned long request;
-        std::vector<gw::MaskEntry> entries;  // as many as the list's count says
-    };
     // What one route node holds. Tests may also put a route into it before the daemon runs.
     struct RouteNode {
-        std::vector<gw::MaskEntry> filters;  // the list in force; empty: none was set
+        std::vector<gw::MaskEntry> filters;  // the last list set, as long as its count says
         unsigned long filterRequest = 0;     // the request that set it (joined or not)
         std::optional<DriverRoute> route;    // the route added, as the driver keeps it
         int deletesNeeded = 1;  // deletes until the route is gone (a driver slow to let go)
@@ -48,8 +43,6 @@ class SimDriver {
     // Test controls.
     void setLinkInfo(const gw::CanLinkInfo& info) { linkInfo_[info.name] = info; }
     void setForwardDefaults(const ForwardDefaults& defaults) { forwardDefaults_ = defaults; }
-    // Missing module: every open of a driver node fails with ENODEV.
-    void setModuleLoaded(bool loaded) { moduleLoaded_ = loaded; }
     // The next open hands out `fd` (0: as the kernel does once standard input is closed).
     void setNextDescriptor(int fd) { nextDescriptor_ = fd; }
     void failOpen(const std::string& path, int error) { openErrors_[path] = error; }
@@ -61,7 +54,6 @@ class SimDriver {
 
     // What the daemon did.
     std::vector<Request> requests;
-    std::vector<FilterCall> filterCalls;
     std::vector<std::string> opened;  // paths, in order
     int badCloses = 0;                // closes of a descriptor that was not open
     int openDescriptors() const { return static_cast<int>(descriptors_.size()); }
@@ -77,11 +69,9 @@ class SimDriver {
     // Each returns the request's result and sets errno on failure.
     int controlRequest(unsigned long request, void* argument);
     int routeRequest(int node, unsigned long request, void* argument);
-    int setFilters(int node, unsigned long request, const void* argument);
 
     std::map<std::string, gw::CanLinkInfo> linkInfo_;
     ForwardDefaults forwardDefaults_{};
-    bool moduleLoaded_ = true;
     std::map<std::string, int> openErrors_;
     std::map<unsigned long, int> requestErrors_;
     std::map<int, int> descriptors_;  // descriptor -> node

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -39,6 +40,20 @@ TEST(ParseRequest, ResultsNameTheMalformedElement) {
         EXPECT_EQ(parse(text, r), result) << text;
         // A request without value clears it; a dropped one leaves it alone.
         EXPECT_STREQ(r.da, result == 0 ? "" : "left over") << text;
+    }
+}
+
+// Numbers are read as strtoul reads them in base 10: a number above 255 is refused, one that
+// leaves characters behind fails at the next element.
+TEST(ParseRequest, NumbersAreReadAsStrtoulReadsThem) {
+    for (const char* spelling : {" 7", "\t\n+7", "-0", "-1", "007", "255x", "", "+", "- 1",
+                                 "99999999999999999999999", "-99999999999999999999999"}) {
+        char* end = nullptr;
+        const unsigned long value = std::strtoul(spelling, &end, 10);
+        const int expected = value > 255 ? -3 : *end != '\0' ? -4 : 0;
+        RequestMessage r{};
+        EXPECT_EQ(parse(request("1", spelling, "0"), r), expected) << spelling;
+        EXPECT_EQ(r.f1, expected == -3 ? 0ul : value) << spelling;
     }
 }
 

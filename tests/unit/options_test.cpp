@@ -11,13 +11,19 @@ namespace {
 // the output.
 TEST(Options, StatusesTextsAndValues) {
     const std::string p127 = "/" + std::string(126, 'p'), usage = "\nUsage: cfgd [";
-    const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
-        {{}, kContinue, ""},
-        {{"-f", "/a.ini", "-f", p127, "-l", "/l", "-q", "255", "-s", "0"}, kContinue, ""},
-        {{"-q", "256", "-v"}, -1, usage},
-        {{"-x"}, 2, usage},
+    // arguments, status, the output's beginning, then the path of the file, of the lock file, and
+    // the keys of the queue and of the semaphore
+    const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
+        {{}, kContinue, "", "/mnt/user/kiv_config.ini /tmp/kiv_lock -1 -1"},
+        // The later -f replaces the earlier.
+        {{"-f", "/a.ini", "-f", p127, "-l", "/l", "-q", "255", "-s", "0"},
+         kContinue,
+         "",
+         p127 + " /l 255 0"},
+        {{"-q", "256", "-v"}, -1, usage, ""},
+        {{"-x"}, 2, usage, ""},
     };
-    for (auto [args, status, printed] : cases) {
+    for (auto [args, status, printed, values] : cases) {
         args.insert(args.begin(), "/usr/sbin/cfgd");
         std::vector<char*> argv;
         for (auto& a : args)
@@ -28,20 +34,12 @@ TEST(Options, StatusesTextsAndValues) {
         Options o{};
         EXPECT_EQ(parseOptions(static_cast<int>(argv.size()), argv.data(), o, out), status);
         std::fclose(out);
-        EXPECT_EQ(std::string(text, size).substr(0, printed.size()), printed) << args[1];
-        EXPECT_EQ(size == 0, printed.empty()) << args[1];
+        EXPECT_EQ(std::string(text, size).substr(0, printed.size()), printed) << args.back();
+        EXPECT_EQ(size == 0, printed.empty()) << args.back();
         std::free(text);
-        if (args.size() == 1) {
-            EXPECT_STREQ(o.configPath, "/mnt/user/kiv_config.ini");
-            EXPECT_STREQ(o.lockPath, "/tmp/kiv_lock");
-            EXPECT_EQ(o.queueKey, kNoKey);
-            EXPECT_EQ(o.semaphoreKey, kNoKey);
-        } else if (status == kContinue) {
-            EXPECT_EQ(o.configPath, p127);  // the later -f replaces the earlier
-            EXPECT_STREQ(o.lockPath, "/l");
-            EXPECT_EQ(o.queueKey, 255);
-            EXPECT_EQ(o.semaphoreKey, 0);
-        }
+        const std::string taken = std::string(o.configPath) + " " + o.lockPath + " " +
+                                  std::to_string(o.queueKey) + " " + std::to_string(o.semaphoreKey);
+        EXPECT_EQ(status == kContinue ? taken : "", values) << args.back();
     }
 }
 

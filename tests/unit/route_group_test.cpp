@@ -125,13 +125,12 @@ TEST_F(RouteGroupTest, FilterWritesReachTheDriverAtOnce) {
 
     EXPECT_EQ(call(true, 2, 33, "3"), Reply(0, ""));
     EXPECT_EQ(read(2, 33), "3");
-    ASSERT_EQ(fake.driver.filterCalls.size(), 1u);
-    EXPECT_EQ(fake.driver.filterCalls[0].node, 1);
-    ASSERT_EQ(fake.driver.filterCalls[0].entries.size(), 1u);
-    EXPECT_EQ(fake.driver.filterCalls[0].entries[0].id, 0x123u);
+    EXPECT_EQ(fake.driver.requests.size(), 1u);  // one list, on node 1
+    ASSERT_EQ(fake.driver.routeNode(1).filters.size(), 1u);
+    EXPECT_EQ(fake.driver.routeNode(1).filters[0].id, 0x123u);
     EXPECT_EQ(call(true, 2, 35, "1"), Reply(0, ""));
     EXPECT_EQ(read(2, 35), "1");
-    EXPECT_EQ(fake.driver.filterCalls.size(), 2u);
+    EXPECT_EQ(fake.driver.requestsOn(1).size(), 2u);
     EXPECT_EQ(call(true, 2, 15, ""), Reply(-1, ""));  // the node holds no route to reset
     EXPECT_EQ(fake.driver.openDescriptors(), 0);      // every node closed again
 

@@ -4,60 +4,26 @@
 
 declare(strict_types=1);
 
-require __DIR__ . '/../cfgd.php';
+require __DIR__ . '/helpers.php';
 
 use Cfgd\Busy;
 use Cfgd\Refused;
 use Cfgd\Session;
 use Cfgd\UnknownName;
 
-// Outside the sandbox the daemon would reconfigure this machine.
-$token = getenv('CFGD_SANDBOX');
-if ($token === false || @file_get_contents('/etc/cfgd-sandbox') !== "$token\n") {
-    fwrite(STDERR, "{$argv[0]}: runs only inside the sandbox:\n"
-        . "  sandbox/sandbox.sh test php {$argv[0]} CFGD CFGCTL\n");
-    exit(2);
-}
-[, $daemonPath, $cfgctl] = $argv;
+[$daemonPath, $cfgctl] = sandboxArguments($argv);
 
 const LOCK = '/tmp/php-test-lock';
 const CONFIG = '/mnt/user/php-test.ini';  // in /mnt/user, beside the backup the store makes
 
-function same(mixed $expected, mixed $actual, string $what): void
-{
-    $expected === $actual || throw new AssertionError("$what: " . var_export($actual, true));
-}
-
-// The exception that `$call` throws, checked for its class.
-function thrown(string $class, callable $call): Throwable
-{
-    try {
-        $call();
-    } catch (Throwable $e) {
-        $e instanceof $class || throw new AssertionError("expected $class, got " . get_class($e) . ': ' . $e->getMessage());
-        return $e;
-    }
-    throw new AssertionError("expected $class, nothing was thrown");
-}
-
-// Reads in a session of their own; each parameter a name or an address [f1, f2, f3].
+// Each parameter a name or an address [f1, f2, f3].
 function readNow(string|array ...$params): array
 {
-    $session = new Session(LOCK);
-    $session->start();
-    $values = array_map(fn ($p) => $session->read(...(array) $p), $params);
-    $session->finish();
-    return $values;
+    return readFrom(LOCK, ...$params);
 }
 
-@unlink(LOCK);
-$daemon = proc_open([$daemonPath, '-s', '61', '-q', '62', '-l', LOCK, '-f', CONFIG],
-    [0 => ['file', '/dev/null', 'r'], 1 => ['file', '/tmp/php-test-daemon.out', 'w'],
-     2 => ['file', '/tmp/php-test-daemon.out', 'a']], $pipes);
-for ($waited = 0; !str_ends_with((string) @file_get_contents(LOCK), "\n"); $waited++) {
-    $waited < 2000 || throw new RuntimeException('cfgd did not start: ' . file_get_contents('/tmp/php-test-daemon.out'));
-    usleep(10000);
-}
+$daemon = startDaemon($daemonPath, LOCK, ['-s', '61', '-q', '62', '-f', CONFIG],
+    '/tmp/php-test-daemon.out');
 
 $tests = [
     'writes and reads by name and by number, stored at the finish' => function () {
@@ -116,15 +82,4 @@ $tests = [
     },
 ];
 
-$failed = 0;
-foreach ($tests as $name => $test) {
-    try {
-        $test();
-        echo "ok: $name\n";
-    } catch (Throwable $e) {
-        $failed++;
-        echo "FAILED: $name: " . get_class($e) . ': ' . $e->getMessage() . "\n";
-    }
-}
-proc_terminate($daemon);
-exit($failed === 0 ? 0 : 1);
+runTests($tests, $daemon);

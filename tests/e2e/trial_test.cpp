@@ -1,0 +1,177 @@
+// Trials with cfgctl against the real daemon: a change applied but not stored, rolled back at
+// its deadline by a guard that outlives cfgctl unless confirmed, and the faults around it (the
+// guard killed, the daemon restarted or gone, a refused old value, a damaged record).
+
+#include <algorithm>
+
+#include "harness.h"
+
+namespace e2e {
+namespace {
+
+constexpr int kTrialSeconds = 5;
+constexpr int kGraceMs = 10000;                           // the guard's tries at a gone daemon
+constexpr int kDeadlineMs = kTrialSeconds * 1000 + 2000;  // the deadline and two seconds
+constexpr const char* kNewRate = "ip link set can1 type can bitrate 250000";
+constexpr const char* kOldRate = "ip link set can1 type can bitrate 500000";
+
+struct Outcome {
+    int status;
+    std::string output;
+};
+
+Outcome cfgctl(const Daemon& d, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"-l", d.lock});
+    Process client(CFGD_E2E_CLIENT, arguments);
+    const int status = client.wait(kStartMs);
+    return {status, client.output()};
+}
+
+// How often a command line that starts with `prefix` was logged from line `first` on.
+std::size_t logged(std::size_t first, const std::string& prefix) {
+    const std::vector<std::string> lines = commands(first);
+    return std::ranges::count_if(lines,
+                                 [&](const std::string& l) { return l.starts_with(prefix); });
+}
+
+// A daemon of its own on the defaults (can1 at 500000), with a trial of can1.bitrate 250000.
+struct TrialSetUp {
+    explicit TrialSetUp(int key, int seconds = kTrialSeconds) : d(key, key + 1) {
+        EXPECT_NE(d.up(), "") << d.process.output();
+        stored = readFile(d.file);
+        first = commands().size();
+        started = cfgctl(d, {"set", "--trial", std::to_string(seconds), "can1.bitrate", "250000"});
+        EXPECT_EQ(started.status, 0) << started.output;
+        EXPECT_EQ(logged(first, kNewRate), 1u);
+    }
+    std::string trialFile() const { return d.lock + ".trial"; }
+    int guardPid() const {
+        const std::string record = readFile(trialFile());
+        const std::size_t at = record.find("\nguard ");
+        return at == std::string::npos ? -1 : std::atoi(record.c_str() + at + 7);
+    }
+    bool pending() { return cfgctl(d, {"trial"}).status == 0; }
+
+    Daemon d;
+    std::string stored;
+    std::size_t first = 0;
+    Outcome started;
+};
+
+TEST(Trial, RolledBackAtTheDeadlineWithoutTouchingTheFile) {
+    TrialSetUp t(93);
+    EXPECT_NE(t.started.output.find("can1.bitrate: 500000 -> 250000"), std::string::npos);
+    EXPECT_EQ(cfgctl(t.d, {"get", "can1.bitrate"}).output, "250000\n");  // reads go on
+    EXPECT_TRUE(poll([&] { return !t.pending(); }, kDeadlineMs));
+    EXPECT_EQ(logged(t.first, kOldRate), 1u);
+    EXPECT_EQ(logged(t.first, "mv "), 0u);
+    EXPECT_EQ(readFile(t.d.file), t.stored);
+    EXPECT_EQ(cfgctl(t.d, {"get", "can1.bitrate"}).output, "500000\n");
+}
+
+TEST(Trial, ConfirmedStoresAndNothingRollsBackLater) {
+    TrialSetUp t(95);
+    const Outcome confirmed = cfgctl(t.d, {"confirm"});
+    EXPECT_EQ(confirmed.status, 0) << confirmed.output;
+    EXPECT_NE(readFile(t.d.file).find("250000"), std::string::npos);
+    std::this_thread::sleep_for(std::chrono::milliseconds(kDeadlineMs));
+    EXPECT_EQ(logged(t.first, kOldRate), 0u);
+    EXPECT_EQ(cfgctl(t.d, {"confirm"}).output, "cfgctl: no trial pending\n");
+}
+
+TEST(Trial, OtherWritesAreRefusedUntilRolledBack) {
+    TrialSetUp t(97, 60);
+    const std::string refusal = "confirm or roll back first\n";
+    for (const std::vector<std::string>& write :
+         {std::vector<std::string>{"set", "can0.bitrate", "125000"},
+          {"--temp", "set", "can0.bitrate", "125000"},
+          {"set", "--trial", "5", "can0.bitrate", "125000"},
+          {"apply", "/dev/null"}}) {
+        const Outcome refused = cfgctl(t.d, write);
+        EXPECT_EQ(refused.status, 1) << write[0];
+        EXPECT_TRUE(refused.output.starts_with("cfgctl: a trial is pending (")) << refused.output;
+        EXPECT_TRUE(refused.output.ends_with(refusal)) << refused.output;
+    }
+    EXPECT_EQ(logged(t.first, "ip link set can0 type can"), 0u);
+    const int guard = t.guardPid();
+    EXPECT_EQ(cfgctl(t.d, {"rollback"}).status, 0);
+    EXPECT_EQ(logged(t.first, kOldRate), 1u);
+    EXPECT_TRUE(poll([&] { return kill(guard, 0) != 0; }, kAnswerMs)) << "the guard ended";
+    EXPECT_EQ(cfgctl(t.d, {"rollback"}).status, 1);
+    EXPECT_EQ(cfgctl(t.d, {"set", "can0.bitrate", "125000"}).status, 0);
+}
+
+TEST(Trial, AKilledGuardIsReplacedOrItsTrialRolledBackByTheNextCall) {
+    TrialSetUp t(99);
+    const int guard = t.guardPid();
+    ASSERT_EQ(kill(guard, SIGKILL), 0);
+    EXPECT_TRUE(t.pending());  // before the deadline: a new guard
+    const int replacement = t.guardPid();
+    EXPECT_NE(replacement, guard);
+    EXPECT_EQ(kill(replacement, 0), 0);
+    ASSERT_EQ(kill(replacement, SIGKILL), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(kDeadlineMs));
+    EXPECT_EQ(logged(t.first, kOldRate), 0u) << "nobody rolled back";
+    // After the deadline the next call rolls back first, then does its own work.
+    const Outcome read = cfgctl(t.d, {"get", "can1.bitrate"});
+    EXPECT_NE(read.output.find("rolling the trial back first\n"), std::string::npos);
+    EXPECT_TRUE(read.output.ends_with("\n500000\n")) << read.output;
+    EXPECT_EQ(logged(t.first, kOldRate), 1u);
+    EXPECT_EQ(readFile(t.trialFile()), "");
+}
+
+TEST(Trial, ADaemonRestartedDuringTheTrialIsRolledBackByTheGuard) {
+    TrialSetUp t(101, 60);
+    ASSERT_EQ(kill(t.d.process.pid(), SIGTERM), 0);
+    ASSERT_EQ(t.d.process.wait(kAnswerMs), 255);
+    const std::size_t restart = commands().size();
+    Process again(CFGD_E2E_DAEMON, {"-s", "101", "-q", "102", "-l", t.d.lock, "-f", t.d.file});
+    EXPECT_TRUE(poll([&] { return readFile(t.trialFile()).empty(); }, kDeadlineMs));
+    EXPECT_EQ(logged(restart, kOldRate), 2u) << "its start-up, then the rollback";
+    EXPECT_EQ(readFile(t.d.file), t.stored);
+}
+
+TEST(Trial, GuardGivesUpOnAGoneDaemonAfterTheGracePeriod) {
+    TrialSetUp t(103);
+    ASSERT_EQ(kill(t.d.process.pid(), SIGTERM), 0);
+    EXPECT_TRUE(poll([&] { return readFile(t.trialFile()).empty(); }, kDeadlineMs + kGraceMs));
+    EXPECT_NE(readFile(t.trialFile() + ".log").find("gave up rolling back"), std::string::npos);
+    EXPECT_EQ(readFile(t.d.file), t.stored);
+}
+
+TEST(Trial, ARefusedOldValueIsReportedAndTheOthersRestored) {
+    TrialSetUp t(105, 60);
+    // A record whose first old value the daemon refuses.
+    std::string record = readFile(t.trialFile());
+    const std::size_t at = record.find("\tcan1.bitrate\t");
+    ASSERT_NE(at, std::string::npos);
+    record.insert(at - 5, "4 1 2\tcan0.bitrate\t=4999\t=1000000\n");
+    std::ofstream(t.trialFile()) << record;
+    const Outcome rolledBack = cfgctl(t.d, {"rollback"});
+    EXPECT_EQ(rolledBack.status, 1);
+    EXPECT_NE(rolledBack.output.find("rollback: can0.bitrate = 4999: baud rate not changed"),
+              std::string::npos)
+        << rolledBack.output;
+    EXPECT_EQ(logged(t.first, kOldRate), 1u);
+    EXPECT_EQ(readFile(t.trialFile()), "");
+}
+
+TEST(Trial, ADamagedRecordRefusesWritesUntilRemovedByForce) {
+    Daemon d(107, 108);
+    ASSERT_NE(d.up(), "") << d.process.output();
+    for (const std::string& damaged : {std::string("cfgd-trial 0\nend\n"),
+                                       std::string("cfgd-trial 1\ndeadline 1\ndaemon 1\n")}) {
+        const std::size_t first = commands().size();
+        std::ofstream(d.lock + ".trial") << damaged;
+        const Outcome refused = cfgctl(d, {"set", "can1.bitrate", "250000"});
+        EXPECT_EQ(refused.status, 2);
+        EXPECT_NE(refused.output.find("cfgctl rollback --force removes it"), std::string::npos);
+        EXPECT_EQ(cfgctl(d, {"rollback"}).status, 2);
+        EXPECT_EQ(commands(first).size(), 0u) << "nothing was written";
+        EXPECT_EQ(cfgctl(d, {"rollback", "--force"}).status, 0);
+        EXPECT_EQ(cfgctl(d, {"set", "can1.bitrate", "250000"}).status, 0);
+    }
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,55 @@
+#pragma once
+// The record of a pending trial: the values a trial wrote as temporary writes, the values they
+// replaced, its deadline, the daemon it wrote to and the guard that rolls it back. It lives on
+// the RAM disk beside the daemon's lock file, so that a reboot forgets it together with the
+// trial's writes, which were never stored.
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "model/param_names.h"
+
+namespace cfgctl {
+
+struct TrialEntry {
+    Param param;                       // an address without a name has an empty name
+    std::optional<std::string> old;    // the value before the trial
+    std::optional<std::string> value;  // the trial's; none for a value only restored with others
+};
+
+struct TrialRecord {
+    long long deadline = 0;  // seconds since the epoch
+    int daemonPid = 0;
+    int guardPid = 0;  // 0 while it has none
+    std::vector<TrialEntry> entries;
+};
+
+// "<lock file>.trial": one trial per daemon.
+std::string trialPath(const char* lockPath);
+
+std::string formatTrial(const TrialRecord& trial);
+// False, with the reason in `error`, for a text that is not a whole record of this version.
+[[nodiscard]] bool parseTrial(std::string_view text, TrialRecord& trial, std::string& error);
+
+enum class TrialFile { None, Pending, Damaged };
+// Reads the record at `path`; Damaged comes with the reason in `error`.
+TrialFile readTrial(const std::string& path, TrialRecord& trial, std::string& error);
+// Replaces the record at `path` whole (a temporary file renamed over it).
+[[nodiscard]] bool writeTrial(const std::string& path, const TrialRecord& trial);
+
+// Held while a process reads, acts on and rewrites the record, so that a confirm, a rollback
+// and the guard never act on one trial at the same time.
+class TrialLock {
+  public:
+    explicit TrialLock(const std::string& trialPath);
+    ~TrialLock();
+    TrialLock(const TrialLock&) = delete;
+    TrialLock& operator=(const TrialLock&) = delete;
+
+  private:
+    int fd_;
+};
+
+}  // namespace cfgctl
