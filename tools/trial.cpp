@@ -25,7 +25,6 @@ namespace {
 // daemon that comes back later loads its stored configuration, which the trial never touched.
 constexpr long long kGraceSeconds = 10;
 constexpr unsigned kGuardPollSeconds = 1;
-constexpr const char* kLogSuffix = ".log";  // the guard's standard output and error
 constexpr int kHighestInheritedFd = 255;
 constexpr const char* kPendingFormat =
     "cfgctl: a trial is pending (%lld s left): confirm or roll back first\n";
@@ -164,8 +163,8 @@ int startGuard(const Invocation& invocation, const std::string& path, bool fresh
     for (int fd = 3; fd <= kHighestInheritedFd; ++fd)
         (void)close(fd);
     const int in = ::open("/dev/null", O_RDONLY);
-    const int log = ::open((path + kLogSuffix).c_str(),
-                           O_WRONLY | O_CREAT | O_APPEND | (freshLog ? O_TRUNC : 0), 0600);
+    const int log = ::open(guardLogPath(path).c_str(),
+                           O_WRONLY | O_CREAT | O_APPEND | (freshLog ? O_TRUNC : 0), 0644);
     (void)dup2(in, STDIN_FILENO);
     (void)dup2(log >= 0 ? log : in, STDOUT_FILENO);
     (void)dup2(log >= 0 ? log : in, STDERR_FILENO);
@@ -265,6 +264,11 @@ int refuseWritesDuringTrial(const Invocation& invocation) {
 int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& lines) {
     if (int status = refuseWritesDuringTrial(invocation); status != 0) return status;
     const std::string path = trialPath(lockPathOf(invocation));
+    if (!makeTrialDirectory(path)) {
+        std::fprintf(stderr, "cfgctl: cannot make the trial's directory for %s: %s\n", path.c_str(),
+                     std::strerror(errno));
+        return kExitUsage;
+    }
     TrialLock lock(path);  // a second trial started at the same time waits, then is refused
     TrialRecord trial;
     std::string error;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,9 +16,21 @@ namespace {
 
 constexpr std::string_view kVersionLine = "cfgd-trial 1";
 constexpr std::string_view kEndLine = "end";
-constexpr const char* kTrialSuffix = ".trial";
+constexpr const char* kTrialDirectorySuffix = ".trial";
+constexpr const char* kRecordName = "/record";
 constexpr const char* kLockSuffix = ".lock";
 constexpr const char* kNewSuffix = ".new";
+constexpr const char* kLogSuffix = ".log";
+// Every user that reaches the daemon's queue (open to all) may act on a trial.
+constexpr mode_t kSharedDirectoryMode = 0777;
+constexpr mode_t kSharedFileMode = 0666;
+
+// Opens `path` for writing with the shared mode, whatever the umask; -1 on failure.
+int openShared(const std::string& path, int flags) {
+    const int fd = ::open(path.c_str(), flags | O_CREAT | O_CLOEXEC, kSharedFileMode);
+    if (fd >= 0) (void)fchmod(fd, kSharedFileMode);  // another user's file keeps its mode
+    return fd;
+}
 constexpr char kValueMark = '=';  // a field that holds a value starts with it; none is empty
 constexpr std::string_view kNoName = "-";
 constexpr std::size_t kMaxRecordBytes = 1 << 20;
@@ -109,7 +122,18 @@ bool readEntry(std::string_view line, TrialEntry& entry) {
 }  // namespace
 
 std::string trialPath(const char* lockPath) {
-    return std::string(lockPath) + kTrialSuffix;
+    return std::string(lockPath) + kTrialDirectorySuffix + kRecordName;
+}
+
+bool makeTrialDirectory(const std::string& trialPath) {
+    const std::string directory = trialPath.substr(0, trialPath.rfind('/'));
+    if (mkdir(directory.c_str(), kSharedDirectoryMode) == 0)
+        return chmod(directory.c_str(), kSharedDirectoryMode) == 0;  // past the umask
+    return errno == EEXIST;
+}
+
+std::string guardLogPath(const std::string& trialPath) {
+    return trialPath + kLogSuffix;
 }
 
 std::string formatTrial(const TrialRecord& trial) {
@@ -188,8 +212,12 @@ TrialFile readTrial(const std::string& path, TrialRecord& trial, std::string& er
 bool writeTrial(const std::string& path, const TrialRecord& trial) {
     const std::string fresh = path + kNewSuffix;
     const std::string text = formatTrial(trial);
-    std::FILE* out = std::fopen(fresh.c_str(), "wb");
-    if (out == nullptr) return false;
+    const int fd = openShared(fresh, O_WRONLY | O_TRUNC);
+    std::FILE* out = fd >= 0 ? fdopen(fd, "wb") : nullptr;
+    if (out == nullptr) {
+        if (fd >= 0) (void)close(fd);
+        return false;
+    }
     const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
     if (std::fclose(out) != 0 || !written) {
         (void)std::remove(fresh.c_str());  // a partial record must not stay behind
@@ -199,7 +227,7 @@ bool writeTrial(const std::string& path, const TrialRecord& trial) {
 }
 
 TrialLock::TrialLock(const std::string& trialPath)
-    : fd_(::open((trialPath + kLockSuffix).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    : fd_(openShared(trialPath + kLockSuffix, O_RDONLY)) {
     // Without the lock file (a read-only /tmp) there is nothing to share the trial with either.
     while (fd_ >= 0 && flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
     }

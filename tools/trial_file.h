@@ -26,8 +26,15 @@ struct TrialRecord {
     std::vector<TrialEntry> entries;
 };
 
-// "<lock file>.trial": one trial per daemon.
+// The record "<lock file>.trial/record", one trial per daemon. Its directory, with the record's
+// lock and the guard's log, is open to every user that may reach the daemon, so that a trial
+// started by the web server's user can be confirmed by root and the other way round (the RAM
+// disk's sticky /tmp would let only the record's owner replace or remove it).
 std::string trialPath(const char* lockPath);
+// Makes the record's directory when missing; false when it cannot be made.
+[[nodiscard]] bool makeTrialDirectory(const std::string& trialPath);
+// The guard's log beside the record.
+std::string guardLogPath(const std::string& trialPath);
 
 std::string formatTrial(const TrialRecord& trial);
 // False, with the reason in `error`, for a text that is not a whole record of this version.

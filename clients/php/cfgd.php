@@ -410,7 +410,7 @@ final class Session
 // and redirects its own output, so every call returns when cfgctl exits.
 final class Trial
 {
-    public const FILE_SUFFIX = '.trial';  // beside the lock file: /tmp/kiv_lock.trial
+    public const FILE_SUFFIX = '.trial/record';  // beside the lock file: /tmp/kiv_lock.trial/
     public const SHORTEST = 5;
     public const LONGEST = 3600;
 

@@ -44,7 +44,7 @@ struct TrialSetUp {
         EXPECT_EQ(started.status, 0) << started.output;
         EXPECT_EQ(logged(first, kNewRate), 1u);
     }
-    std::string trialFile() const { return d.lock + ".trial"; }
+    std::string trialFile() const { return d.lock + ".trial/record"; }
     int guardPid() const {
         const std::string record = readFile(trialFile());
         const std::size_t at = record.find("\nguard ");
@@ -162,7 +162,8 @@ TEST(Trial, ADamagedRecordRefusesWritesUntilRemovedByForce) {
     for (const std::string& damaged : {std::string("cfgd-trial 0\nend\n"),
                                        std::string("cfgd-trial 1\ndeadline 1\ndaemon 1\n")}) {
         const std::size_t first = commands().size();
-        std::ofstream(d.lock + ".trial") << damaged;
+        (void)mkdir((d.lock + ".trial").c_str(), 0777);
+        std::ofstream(d.lock + ".trial/record") << damaged;
         const Outcome refused = cfgctl(d, {"set", "can1.bitrate", "250000"});
         EXPECT_EQ(refused.status, 2);
         EXPECT_NE(refused.output.find("cfgctl rollback --force removes it"), std::string::npos);

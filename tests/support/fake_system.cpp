@@ -50,9 +50,8 @@ void FakeSystem::writeFile(const char* devicePath, std::string_view content) con
 }
 
 std::string FakeSystem::readFile(const char* devicePath) const {
-    std::ifstream in(pathOf(devicePath), std::ios::binary);
     std::ostringstream content;
-    content << in.rdbuf();
+    content << std::ifstream(pathOf(devicePath), std::ios::binary).rdbuf();
     return content.str();
 }
 
@@ -86,9 +85,7 @@ int FakeSystem::queryInterface(unsigned long request, void* interfaceRequest) {
         return 0;
     }
     if (request == SIOCGIFADDR) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        inet_pton(AF_INET, known->second.ipv4.c_str(), &address.sin_addr);
+        const sockaddr_in address{AF_INET, 0, {inet_addr(known->second.ipv4.c_str())}, {}};
         std::memcpy(&query->ifr_addr, &address, sizeof address);
         return 0;
     }
@@ -105,9 +102,8 @@ int FakeSystem::setHostName(const char* name, std::size_t length) {
 sys::FilePath FakeSystem::placeFile(const char* devicePath) {
     sys::FilePath placed{};
     std::snprintf(placed.text, sizeof placed.text, "%s%s", root_.c_str(), devicePath);
-    const fs::path parent = fs::path(placed.text).parent_path();
     std::error_code ignored;
-    fs::create_directories(parent, ignored);
+    fs::create_directories(fs::path(placed.text).parent_path(), ignored);
     return placed;
 }
 

@@ -60,9 +60,8 @@ int SimDriver::ioctl(int fd, unsigned long request, void* argument) {
 
 std::vector<unsigned long> SimDriver::requestsOn(int node) const {
     std::vector<unsigned long> made;
-    for (const Request& r : requests) {
+    for (const Request& r : requests)
         if (r.node == node) made.push_back(r.request);
-    }
     return made;
 }
 

@@ -67,8 +67,7 @@ TEST_F(CanGroupTest, ReadsFetchTheLiveStateOncePerSession) {
     std::strcpy(info.name, "can1");
     fake.driver.setLinkInfo(info);
     CanInterface& c = m().can[0];
-    c.Samplepoint = 750;
-    c.Loopback = c.Oneshot = 1;  // the driver does not report one-shot
+    std::tie(c.Samplepoint, c.Loopback, c.Oneshot) = std::tuple(750, 1, 1);  // one-shot: unreported
     m().session.counter = 7;
     const std::string registers = "BRP 3; RJW 1; TQ 125; PSEG1 12; PSEG2 2 ; PROPSEG 1; SP 87.5%";
     const std::string expected[] = {"",        "1",      "0",   "1", "0",
@@ -84,13 +83,9 @@ TEST_F(CanGroupTest, ReadsFetchTheLiveStateOncePerSession) {
 }
 
 TEST_F(CanGroupTest, ApplyCommandLines) {
-    CanInterface& a = m().can[0];
-    a.Active = a.Listenonly = 1;
-    a.Baudrate = 500000;
-    a.Samplepoint = 875;
-    CanInterface& b = m().can[1];  // inactive: left down
-    b.ManBr = b.Autoresume = b.Loopback = b.Oneshot = b.Triplesampling = 1;
-    b.timing = {125, 1, 12, 2, 1, 3};
+    m().can[0] = {"", 1, 500000, 0, 875, 0, 1, 0, {}, 0, 0, 0, 0, 0, 0, "can"};
+    // Inactive: left down.
+    m().can[1] = {"", 0, 0, 0, 0, 0, 0, 1, {125, 1, 12, 2, 1, 3}, 1, 1, 1, 0, 0, 1, "can"};
     for (unsigned instance : {0u, 1u, 2u})
         EXPECT_EQ(applied(applyCanInterface, instance), Reply(0, ""));
     const std::vector<std::string> expected = {

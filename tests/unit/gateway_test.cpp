@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 
 #include <cstring>
+#include <string_view>
 
 #include "fake_system.h"
 #include "routing/canoipd.h"
@@ -11,9 +12,16 @@ namespace {
 
 using Requests = std::vector<unsigned long>;
 using Commands = std::vector<std::string>;
-// The driver's request numbers, written out so that a wrong number in the daemon shows.
-constexpr unsigned long kAdd = 0x400450C8, kDelete = 0x50C9, kRun = 0x50CA, kHalt = 0x50CB,
-                        kGet = 0x800450CC, kStats = 0x800450CD, kFilters = 0x40045A58;
+constexpr unsigned long kAdd = 0x400450C8;
+// Requests by letter: Add, Delete, Run, Halt, Get, Filters. The driver's numbers are written
+// out so that a wrong number in the daemon shows.
+Requests seq(std::string_view letters) {
+    const unsigned long numbers[] = {kAdd, 0x50C9, 0x50CA, 0x50CB, 0x800450CC, 0x40045A58};
+    Requests made;
+    for (char letter : letters)
+        made.push_back(numbers[std::string_view("ADRHGF").find(letter)]);
+    return made;
+}
 const std::string kModprobe =
     "modprobe tarn-gw routesmax=8 defamax=8 defsmax=6 defsdu=50 defcdm=500 deffpp=8 deftcpdly=0 "
     "deftcpkeepcnt=3 deftcpkeepidle=5 deftcpkeepintvl=5 ";
@@ -68,17 +76,16 @@ TEST_F(Gateway, ProcFilesAndModuleCommands) {
         fake.writeFile("/proc/devices", text);
         EXPECT_EQ(findDriverMajor(), major) << text;
     }
-    fake.writeFile("/proc/modules", "tarn-gw 1 0\n");
-    EXPECT_EQ(isModuleLoaded(), -1);
-    fake.writeFile("/proc/modules", "tarn_gw 1 0\n");
-    EXPECT_EQ(isModuleLoaded(), 0);
+    for (const auto& [text, loaded] : {std::pair("tarn-gw 1 0\n", -1), {"tarn_gw 1 0\n", 0}}) {
+        fake.writeFile("/proc/modules", text);
+        EXPECT_EQ(isModuleLoaded(), loaded) << text;
+    }
     fake.removeFile("/proc/devices");
     fake.removeFile("/proc/modules");
     EXPECT_EQ(std::pair(findDriverMajor(), isModuleLoaded()), std::pair(-1, -1));
 
-    EXPECT_EQ(std::vector<int>({controlModule(0), controlModule(1), controlModule(2),
-                                controlModule(3), controlModule(-1)}),
-              std::vector<int>({0, 0, 0, -1, -1}));
+    for (int command : {0, 1, 2, 3, -1})
+        EXPECT_EQ(controlModule(command), command >= 0 && command < 3 ? 0 : -1) << command;
     EXPECT_EQ(fake.commands, (Commands{kModprobe, "rmmod tarn-gw", "rmmod tarn-gw; " + kModprobe}));
 }
 
@@ -106,7 +113,7 @@ TEST_F(Gateway, StartTakesOverMatchingRoutesAndAddsTheRest) {
     hold(0, true);
     hold(1, false);
     fake.driver.routeNode(1).route->info.destination.sin_port = htons(7000);  // no record's
-    hold(2, false, 5);  // record 2's route, on another node
+    hold(2, false, 5);                             // record 2's route, on another node
     fake.driver.failOpen("/dev/canoip3", ENODEV);  // no module: it is loaded
     fake.driver.failOpen("/dev/canoip4", ENOENT);
     for (RouteRecord& r : m().routes)
@@ -115,14 +122,12 @@ TEST_F(Gateway, StartTakesOverMatchingRoutesAndAddsTheRest) {
 
     EXPECT_EQ(startGatewayDriver(m()), -1);  // route 4's node would not open
     EXPECT_EQ(fake.commands, (Commands{kModprobe, kCanoipdStop, kCanoipdStart}));
-    EXPECT_EQ(
-        std::vector<uint32_t>({m().routes[0].RouteFlags, m().routes[1].RouteFlags,
-                               m().routes[2].RouteFlags, m().routes[4].RouteFlags}),
-        std::vector<uint32_t>({kRouteActive | kRouteInDriver | kRouteRunning, 0,
-                               kRouteActive | kRouteInDriver, kRouteActive | kRouteInDriver}));
-    EXPECT_EQ(fake.driver.requestsOn(0), Requests{kGet});
-    EXPECT_EQ(fake.driver.requestsOn(1), (Requests{kGet, kDelete}));
-    EXPECT_EQ(fake.driver.requestsOn(2), Requests{kGet});  // taken over from node 5: not added
+    const uint32_t in = kRouteActive | kRouteInDriver;
+    for (const auto& [i, flags] : {std::pair(0, in | kRouteRunning), {1, 0u}, {2, in}, {4, in}})
+        EXPECT_EQ(m().routes[i].RouteFlags, flags) << i;
+    // Node 2 was taken over from node 5: not added.
+    for (const auto& [node, requests] : {std::pair(0, "G"), {1, "GD"}, {2, "G"}})
+        EXPECT_EQ(fake.driver.requestsOn(node), seq(requests)) << node;
     EXPECT_EQ(m().forwardDefaults.version[2], 3);
     for (unsigned i = 0; i < kMaxRoutes; ++i) {
         const RouteInfo& info = m().routes[i].image.info;
@@ -148,15 +153,6 @@ TEST_F(Gateway, StartTakesOverMatchingRoutesAndAddsTheRest) {
 
 constexpr uint32_t kOn = kRouteActive, kOnRunning = kRouteActive | kRouteRunning;
 
-// The requests of a replacement with `attempts` rounds of halt, delete and asking again.
-Requests replaced(int attempts, const Requests& tail) {
-    Requests made{kGet, kGet};
-    for (int i = 0; i < attempts; ++i)
-        made.insert(made.end(), {kHalt, kDelete, kGet});
-    made.insert(made.end(), tail.begin(), tail.end());
-    return made;
-}
-
 // One apply of route 2 (index 1): what the driver holds, how the record differs from it, the
 // driver's faults, and what must come of it.
 struct ApplyCase {
@@ -165,36 +161,32 @@ struct ApplyCase {
     // RouteFlags configured (kRouteRunning also sets the image's run bit), the port configured
     // after the driver got the route on 5000, bits set in the image's flags after that
     uint32_t flags, port, imageBits;
-    int deletesNeeded, openError, addError, result;
-    const char* text;
-    Requests requests;  // on node 1
-    int sleeps;
+    // deletes until the driver lets go; a failing open (ENOENT) or add (ENOSPC)
+    int deletesNeeded, fault;
+    const char* text;  // the answer; the apply fails where there is one
+    // The requests on node 1: a replacement's rounds of halt, delete and asking again after two
+    // gets, then the tail
+    int rounds;
+    const char* requests;
     uint32_t flagsAfter;
     int heldAfter;  // the node afterwards, as `held`
 };
 class ApplyRoute : public Gateway, public ::testing::WithParamInterface<ApplyCase> {};
 
 const ApplyCase kApplyCases[] = {
-    {"NewRouteIsAddedHalted", -1, kOn, 5000, 0, 1, 0, 0, 0, "",
-     Requests{kGet, kGet, kAdd, kHalt, kFilters}, 0, kOn, 0},
-    {"UnchangedRouteOnlyGetsItsFilters", 0, kOn, 5000, 0, 1, 0, 0, 0, "", Requests{kGet, kFilters},
-     0, kOn, 0},
-    {"RunRequestStartsIt", 0, kOnRunning, 5000, 0, 1, 0, 0, 0, "", Requests{kGet, kRun, kFilters},
-     0, kOnRunning, 1},
-    {"NewPortReplacesAndKeepsRunning", 1, kOnRunning, 6000, 0, 1, 0, 0, 0, "",
-     replaced(1, Requests{kAdd, kRun, kFilters}), 1, kOnRunning, 1},
-    {"NoControlBitReplaces", 0, kOn, 5000, kDrvNoControl, 1, 0, 0, 0, "",
-     replaced(1, Requests{kAdd, kHalt, kFilters}), 1, kOn, 0},
-    {"SwitchedOffIsHaltedDeletedAndReset", 1, 0, 5000, 0, 1, 0, 0, 0, "", Requests{kHalt, kDelete},
-     0, 0, -1},
-    {"RefusedAddSwitchesTheRouteOff", -1, kOn, 5000, 0, 1, 0, ENOSPC, -1,
-     "failed to add route (No space left on device)", Requests{kGet, kGet, kAdd}, 0, 0, -1},
-    {"NineDeletesAreEnough", 1, kOnRunning, 6000, 0, 9, 0, 0, 0, "",
-     replaced(9, Requests{kAdd, kRun, kFilters}), 9, kOnRunning, 1},
-    {"TenAreNotEvenWhenTheTenthRemovesIt", 1, kOnRunning, 6000, 0, 10, 0, 0, -1,
-     "failed to delete old route", replaced(10, Requests{}), 10, kOnRunning, -1},
-    {"NodeThatWillNotOpen", -1, kOn, 5000, 0, 1, ENOENT, 0, -1,
-     "unable to open route (No such file or directory)", Requests{}, 0, kOn, -1},
+    {"NewRouteIsAddedHalted", -1, kOn, 5000, 0, 1, 0, "", 0, "GGAHF", kOn, 0},
+    {"UnchangedRouteOnlyGetsItsFilters", 0, kOn, 5000, 0, 1, 0, "", 0, "GF", kOn, 0},
+    {"RunRequestStartsIt", 0, kOnRunning, 5000, 0, 1, 0, "", 0, "GRF", kOnRunning, 1},
+    {"NewPortReplacesAndKeepsRunning", 1, kOnRunning, 6000, 0, 1, 0, "", 1, "ARF", kOnRunning, 1},
+    {"NoControlBitReplaces", 0, kOn, 5000, kDrvNoControl, 1, 0, "", 1, "AHF", kOn, 0},
+    {"SwitchedOffIsHaltedDeletedAndReset", 1, 0, 5000, 0, 1, 0, "", 0, "HD", 0, -1},
+    {"RefusedAddSwitchesTheRouteOff", -1, kOn, 5000, 0, 1, ENOSPC,
+     "failed to add route (No space left on device)", 0, "GGA", 0, -1},
+    {"NineDeletesAreEnough", 1, kOnRunning, 6000, 0, 9, 0, "", 9, "ARF", kOnRunning, 1},
+    {"TenAreNotEvenWhenTheTenthRemovesIt", 1, kOnRunning, 6000, 0, 10, 0,
+     "failed to delete old route", 10, "", kOnRunning, -1},
+    {"NodeThatWillNotOpen", -1, kOn, 5000, 0, 1, ENOENT,
+     "unable to open route (No such file or directory)", 0, "", kOn, -1},
 };
 
 TEST_P(ApplyRoute, BringsTheDriverInLine) {
@@ -208,21 +200,25 @@ TEST_P(ApplyRoute, BringsTheDriverInLine) {
     r.image.info.flags |= c.imageBits;
     if (c.flags == 0) r.image.info.default80 = 99;  // a switch-off puts the default back
     fake.driver.routeNode(1).deletesNeeded = c.deletesNeeded;
-    if (c.openError == ENOENT) fake.driver.failOpen("/dev/canoip1", ENOENT);
-    if (c.addError != 0) fake.driver.failRequest(kAdd, c.addError);
+    if (c.fault == ENOENT) fake.driver.failOpen("/dev/canoip1", ENOENT);
+    if (c.fault == ENOSPC) fake.driver.failRequest(kAdd, ENOSPC);
+    const int result = *c.text ? -1 : 0;
 
-    EXPECT_EQ(apply(2), Reply(c.result, c.text));
-    EXPECT_EQ(fake.driver.requestsOn(1), c.requests);
-    EXPECT_EQ(fake.sleeps, std::vector<long>(static_cast<std::size_t>(c.sleeps), 100000000L));
+    EXPECT_EQ(apply(2), Reply(result, c.text));
+    std::string requests = c.rounds > 0 ? "GG" : "";
+    for (int i = 0; i < c.rounds; ++i)
+        requests += "HDG";
+    EXPECT_EQ(fake.driver.requestsOn(1), seq(requests + c.requests));
+    EXPECT_EQ(fake.sleeps, std::vector<long>(static_cast<std::size_t>(c.rounds), 100000000L));
     EXPECT_EQ(r.RouteFlags, c.flagsAfter);
     const auto& held = fake.driver.routeNode(1).route;
     EXPECT_EQ(held ? static_cast<int>(held->info.flags & kDrvRunRequest) / 2 : -1, c.heldAfter);
-    if (c.result == 0 && c.heldAfter >= 0) {  // the driver's route is the one configured
+    if (result == 0 && c.heldAfter >= 0) {  // the driver's route is the one configured
         EXPECT_EQ(held->info.destination.sin_port, r.image.info.destination.sin_port);
-        EXPECT_EQ(held->info.name, std::string(c.held < 0 || c.sleeps > 0 ? "rt1" : ""));
+        EXPECT_EQ(held->info.name, std::string(c.held < 0 || c.rounds > 0 ? "rt1" : ""));
     }
     EXPECT_EQ(r.image.info.default80, 46u);
-    EXPECT_EQ(m().general.Count, c.result == 0 && c.flags != 0 ? 2u : 0u);  // recounted
+    EXPECT_EQ(m().general.Count, result == 0 && c.flags != 0 ? 2u : 0u);  // recounted
     EXPECT_EQ(fake.commands, Commands());
 }
 INSTANTIATE_TEST_SUITE_P(Gateway, ApplyRoute, ::testing::ValuesIn(kApplyCases),

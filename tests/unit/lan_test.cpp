@@ -16,8 +16,8 @@ class LanTest : public SeamTest {
   protected:
     LanTest() {
         std::strcpy(lan().BaseName, kLanBaseName);
-        lan().IPv4.s_addr = inet_addr("192.168.1.10");
-        lan().Subnetmask.s_addr = inet_addr("255.255.255.0");
+        std::tie(lan().IPv4.s_addr, lan().Subnetmask.s_addr) =
+            std::tuple(inet_addr("192.168.1.10"), inet_addr("255.255.255.0"));
         std::strcpy(m().general.hostName, "VORL-Gateway");
         std::strcpy(m().general.NTPServer, "pool.ntp.org");
     }
@@ -47,9 +47,8 @@ TEST_F(LanTest, ApplyCommandLinesInOrder) {
         SCOPED_TRACE(testing::Message() << instance << " " << +dhcpOn << " " << gateway);
         fake.commands.clear();
         fake.removeFile(kResolvConfPath);
-        lan().UseDHCP = dhcpOn;
-        lan().IPv4Gw.s_addr = inet_addr(gateway.c_str());
-        m().general.UseNTP = ntpOn;
+        std::tie(lan().UseDHCP, lan().IPv4Gw.s_addr, m().general.UseNTP) =
+            std::tuple(dhcpOn, inet_addr(gateway.c_str()), ntpOn);
         EXPECT_EQ(applied(applyLan, instance), reply);
         EXPECT_EQ(fake.commands, lines);
         const bool staticApply = instance == 1 && !dhcpOn;

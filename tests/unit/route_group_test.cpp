@@ -25,11 +25,8 @@ TEST_F(RouteGroupTest, ReadsAnswerTheRecordAndTheDriverImage) {
     RouteRecord& r = route(2);
     r.RouteFlags = kRouteActive | kRouteRunning | kRouteJoinFilters;
     RouteInfo& info = r.image.info;
-    info.flags = kDrvTcpConnected;
-    info.fpp = 3;
-    info.authorizedPeers = 2;
-    info.retryCount = 30;
-    info.retryDelay = 300;
+    std::tie(info.flags, info.fpp, info.authorizedPeers, info.retryCount, info.retryDelay) =
+        std::tuple(kDrvTcpConnected, 3, 2, 30, 300);
     for (unsigned i = 0; i < route_stat::Count; ++i)
         r.image.stats[i] = 100 + i;
     r.image.stats[route_stat::CanPackets] = 0xFFFFFFFF;  // printed signed, as always
@@ -58,7 +55,7 @@ TEST_F(RouteGroupTest, ReadsAnswerTheRecordAndTheDriverImage) {
 
 TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOnRefusalsToo) {
     // f3, value, what the record then shows through a read of the same f3; names are cut at
-    // their field
+    // their field; -2 is compared unsigned: clamped like any number above 255
     const std::tuple<uint8_t, const char*, const char*> cases[] = {
         {0, "line 4", "line 4"},
         {2, "1", "1"},
@@ -68,7 +65,7 @@ TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOnRefusalsToo) {
         {11, "70000", "65535"},
         {11, "-5", "0"},
         {12, "3", "1"},
-        {13, "-2", "255"},  // compared unsigned: clamped like any number above 255
+        {13, "-2", "255"},
         {32, "1", "1"},
         {32, "0", "0"},
         {3, "can0-name-too-long", "can0-name-too-l"},
@@ -82,10 +79,10 @@ TEST_F(RouteGroupTest, WritesStoreTheirValuesAndSwitchTheRouteOnRefusalsToo) {
         EXPECT_TRUE(route(4).RouteFlags & kRouteActive);
         EXPECT_TRUE(m().changed.isSet(flag::Route, 5));
     }
-    ASSERT_EQ(call(true, 5, 36, "5").first, 0);
-    EXPECT_EQ(route(4).image.info.cdm, 10u);
-    ASSERT_EQ(call(true, 5, 36, "99999").first, 0);
-    EXPECT_EQ(route(4).image.info.cdm, 65535u);
+    for (const auto& [value, cdm] : {std::pair("5", 10u), {"99999", 65535u}}) {
+        ASSERT_EQ(call(true, 5, 36, value).first, 0);
+        EXPECT_EQ(route(4).image.info.cdm, cdm);
+    }
 
     // value, RouteFlags after, image run bit after
     const std::tuple<const char*, uint32_t, bool> states[] = {
@@ -144,8 +141,7 @@ TEST_F(RouteGroupTest, LiveStateIsFetchedOncePerSessionAndReset) {
     route(0).DrvIndex = 0;
     route(0).RouteFlags = kRouteActive | kRouteRunning;
     DriverRoute held{};
-    held.info.flags = kDrvCan2Lan;  // the driver has halted it
-    held.info.fpp = 2;
+    std::tie(held.info.flags, held.info.fpp) = std::tuple(kDrvCan2Lan, 2);  // the driver halted it
     held.stats[route_stat::LanMsgs] = 42;
     held.fppStats[1] = 9;
     fake.driver.routeNode(0).route = held;
@@ -154,11 +150,9 @@ TEST_F(RouteGroupTest, LiveStateIsFetchedOncePerSessionAndReset) {
     held.info.flags |= kDrvRunRequest;  // this one the driver runs
     fake.driver.routeNode(1).route = held;
 
-    ++m().session.counter;
-    EXPECT_EQ(read(1, 22), "42");
-    EXPECT_EQ(read(1, 28), "0; 9; ");
-    EXPECT_EQ(read(1, 1), "1");  // no longer running
-    EXPECT_EQ(read(2, 1), "2");
+    ++m().session.counter;  // route 1 no longer runs
+    EXPECT_EQ(read(1, 22) + "|" + read(1, 28) + "|" + read(1, 1) + "|" + read(2, 1),
+              "42|0; 9; |1|2");
     const auto opened = fake.driver.opened.size();
     EXPECT_EQ(m().stamps.routes, m().session.counter);
 

@@ -24,10 +24,9 @@ class WlanTest : public SeamTest {
         startWlanInterfaces(m());  // a station, as the empty platform record says
         std::strcpy(wlan().SSID, "Lab");
         std::strcpy(wlan().Key, "secret-pass");
-        wlan().EncryptionType = 6;
-        wlan().KeyType = 1;
-        wlan().IPv4.s_addr = inet_addr("10.1.2.3");
-        wlan().Subnetmask.s_addr = inet_addr("255.255.255.0");
+        std::tie(wlan().EncryptionType, wlan().KeyType, wlan().IPv4.s_addr,
+                 wlan().Subnetmask.s_addr) =
+            std::tuple(6, 1, inet_addr("10.1.2.3"), inet_addr("255.255.255.0"));
         m().previousWlanMode = wlan().Mode;
         std::strcpy(m().general.hostName, "VORL-Gateway");
         m().stamps.wlan = m().session.counter;  // live state already fetched in this session
@@ -85,29 +84,31 @@ TEST_F(WlanTest, WithoutInterfacesOnlyTheGeneralPartAnswers) {
 const std::string kStationStart = "/etc/init.d/S39wlan start /tmp/wpa_supplicant0.conf";
 TEST_F(WlanTest, InterfaceWritesReadBackUntilTheNextSession) {
     const std::string longText(200, 'w');
-    // f3, value written, write reply, value read back
-    const std::tuple<uint8_t, std::string, Reply, std::string> cases[] = {
-        {0, longText, {0, ""}, longText.substr(0, 127)},
-        {1, longText, {0, ""}, longText.substr(0, 32)},
-        {2, "", {0, ""}, "1"},
-        {3, "7", {0, ""}, "5"},
-        {3, "-1", {0, ""}, "5"},
-        {4, "4", {0, ""}, "1"},
-        {5, longText, {0, ""}, longText.substr(0, 64)},
-        {6, "0,1,2", {-1, "read only value!"}, "0,1"},
-        {7, "9", {-1, "unsupported mode 0"}, "0"},  // above 5: the mode in force
-        {7, "4", {-1, "unsupported mode 4"}, "0"},
-        {7, "1", {0, ""}, "1"},
-        {8, "00", {0, ""}, "0"},
-        {9, "10.1.2.300", {-1, "false address 3 1"}, "10.1.2.3"},
-        {10, "255.255", {-1, "false subnetmask 3 1"}, "255.255.255.0"},
-        {11, "fe80::7", {0, ""}, "fe80::7"},
-        {13, "10.1.2.254", {-1, "false address 3 1"}, "::"},
-        {14, "64", {-1, "unknown parameter 3 1"}, "0"},
-        {15, "00:11:22:33:44:55", {-1, "unknown parameter 3 1"}, ""}};
-    for (const auto& [f3, value, reply, read] : cases) {
+    // f3, value written, the refusal (none: accepted), value read back; a mode above 5 is
+    // refused as the mode in force
+    const std::tuple<uint8_t, std::string, std::string, std::string> cases[] = {
+        {0, longText, "", longText.substr(0, 127)},
+        {1, longText, "", longText.substr(0, 32)},
+        {2, "", "", "1"},
+        {3, "7", "", "5"},
+        {3, "-1", "", "5"},
+        {4, "4", "", "1"},
+        {5, longText, "", longText.substr(0, 64)},
+        {6, "0,1,2", "read only value!", "0,1"},
+        {7, "9", "unsupported mode 0", "0"},
+        {7, "4", "unsupported mode 4", "0"},
+        {7, "1", "", "1"},
+        {8, "00", "", "0"},
+        {9, "10.1.2.300", "false address 3 1", "10.1.2.3"},
+        {10, "255.255", "false subnetmask 3 1", "255.255.255.0"},
+        {11, "fe80::7", "", "fe80::7"},
+        {13, "10.1.2.254", "false address 3 1", "::"},
+        {14, "64", "unknown parameter 3 1", "0"},
+        {15, "00:11:22:33:44:55", "unknown parameter 3 1", ""}};
+    for (const auto& [f3, value, refusal, read] : cases) {
         m().changed.clearAll();
-        EXPECT_EQ(call(true, 1, f3, value.c_str()), reply) << +f3 << " " << value;
+        EXPECT_EQ(call(true, 1, f3, value.c_str()), Reply(refusal.empty() ? 0 : -1, refusal))
+            << +f3 << " " << value;
         EXPECT_TRUE(m().changed.isSet(flag::Wlan, 1));  // marked before validating
         EXPECT_EQ(call(false, 1, f3), Reply(0, read)) << +f3 << " " << value;
     }
@@ -180,12 +181,9 @@ TEST_F(WlanTest, ApplyByModeAndSecurity) {
         {0, 2, 1, true, 9, 1, "\tmode=1\n" + wpa2 + "\tpairwise=TKIP\n\tgroup=TKIP\n}\n"}};
     for (const auto& [platformMode, previous, mode, reboot, type, keyType, settings] : cases) {
         SCOPED_TRACE(testing::Message() << +platformMode << " " << +previous << " " << +mode);
-        m().rebootRequested = 0;
-        m().platform.wlan_mode = platformMode;
-        m().previousWlanMode = previous;
-        wlan().Mode = mode;
-        wlan().EncryptionType = type;
-        wlan().KeyType = keyType;
+        std::tie(m().rebootRequested, m().platform.wlan_mode, m().previousWlanMode, wlan().Mode,
+                 wlan().EncryptionType, wlan().KeyType) =
+            std::tuple(0, platformMode, previous, mode, type, keyType);
         EXPECT_EQ(apply(1), Reply(0, ""));
         EXPECT_EQ(m().rebootRequested, reboot);
         EXPECT_STREQ(wlan().BaseName, mode == 2 ? "uap" : "eth");
@@ -204,10 +202,12 @@ TEST_F(WlanTest, ApplyByModeAndSecurity) {
 
 TEST_F(WlanTest, AddressOnlyWhenItIsTheSessionsFirstInterfaceWrite) {
     // Any second write, even of the address again, needs the whole apply.
-    (void)session({{9, "10.1.2.4"}, {9, "10.1.2.5"}}, 1);
-    EXPECT_EQ(m().wlanChangeIpOnly, 0u);
-    (void)session({{1, "Lab"}, {9, "10.1.2.4"}}, 1);
-    EXPECT_EQ(m().wlanChangeIpOnly, 0u);
+    using Writes = std::vector<std::pair<uint8_t, const char*>>;
+    for (const Writes& writes :
+         {Writes{{9, "10.1.2.4"}, {9, "10.1.2.5"}}, {{1, "Lab"}, {9, "10.1.2.4"}}}) {
+        (void)session(writes, 1);
+        EXPECT_EQ(m().wlanChangeIpOnly, 0u) << writes[0].second;
+    }
     // Only re-addressed: the station's service around it, no files but the address file.
     fake.removeFile(kPlatformConfigPath);
     fake.commands.clear();
