@@ -10,18 +10,6 @@
 namespace e2e {
 namespace {
 
-struct Outcome {
-    int status;
-    std::string output;  // standard output and error
-};
-
-Outcome cfgctl(const Daemon& d, std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"-l", d.lock});
-    Process client(CFGD_E2E_CLIENT, arguments);
-    const int status = client.wait(kStartMs);
-    return {status, client.output()};
-}
-
 // A dump's lines by name: "name = value", or the comment of a refused read.
 std::map<std::string, std::string> lines(const std::string& dump) {
     std::map<std::string, std::string> byName;

@@ -230,4 +230,17 @@ struct Daemon {
     long session = 1;
 };
 
+// cfgctl run against daemon `d`: its exit status and its output.
+struct Outcome {
+    int status;
+    std::string output;  // standard output and error
+};
+
+inline Outcome cfgctl(const Daemon& d, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"-l", d.lock});
+    Process client(CFGD_E2E_CLIENT, arguments);
+    const int status = client.wait(kStartMs);
+    return {status, client.output()};
+}
+
 }  // namespace e2e

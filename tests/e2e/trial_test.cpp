@@ -15,18 +15,6 @@ constexpr int kDeadlineMs = kTrialSeconds * 1000 + 2000;  // the deadline and tw
 constexpr const char* kNewRate = "ip link set can1 type can bitrate 250000";
 constexpr const char* kOldRate = "ip link set can1 type can bitrate 500000";
 
-struct Outcome {
-    int status;
-    std::string output;
-};
-
-Outcome cfgctl(const Daemon& d, std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"-l", d.lock});
-    Process client(CFGD_E2E_CLIENT, arguments);
-    const int status = client.wait(kStartMs);
-    return {status, client.output()};
-}
-
 // How often a command line that starts with `prefix` was logged from line `first` on.
 std::size_t logged(std::size_t first, const std::string& prefix) {
     const std::vector<std::string> lines = commands(first);

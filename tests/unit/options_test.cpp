@@ -6,9 +6,9 @@
 
 namespace {
 
-// The texts' exact wording, the version and the refusals the end-to-end suite makes (paths of
-// 128 characters, keys out of range) are checked end to end; here the right text has to begin
-// the output.
+// The usage text's wording is the code's own table and is not repeated here; the right text has
+// to begin the output. The version and the refusals of paths of 128 characters and keys out of
+// range are checked end to end.
 TEST(Options, StatusesTextsAndValues) {
     const std::string p127 = "/" + std::string(126, 'p'), usage = "\nUsage: cfgd [";
     // arguments, status, the output's beginning, then the path of the file, of the lock file, and
