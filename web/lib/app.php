@@ -1,0 +1,315 @@
+<?php
+// Bootstrap of the web front end's pages: configuration, PHP session with CSRF token, escaping,
+// banners, error handling, and reads from cfgd in one session per page.
+//
+// Names the browser tests rely on (keep them stable):
+//   every form      method post, hidden "csrf" (the session's token), hidden "action"
+//                   (save | reset_stats | upload | confirm | rollback)
+//   settings form   id "form-settings"; fields named v[PARAM] after cfgctl's names
+//                   (v[can1.bitrate], v[lan0.ipv4], v[route3.fpp], v[filter7.term], ...), with
+//                   id "f-PARAM" where dots become dashes (f-can1-bitrate) and an error span
+//                   id "err-PARAM" (err-can1-bitrate, empty unless cfgd refused the value);
+//                   a check box comes after a hidden v[PARAM]=0; a route's filters are check
+//                   boxes v[routeN.filters][] (ids f-routeN-filters-M)
+//   submit buttons  name "mode": value "trial" (id "btn-trial", "Save & apply") or "now"
+//                   (id "btn-now", "Apply without rollback")
+//   routes.php      ?route=N; statistics reset: form "form-reset", button "btn-reset-stats"
+//   system.php      ?download=1 (cfgctl dump as an attachment, link "link-download");
+//                   upload form "form-upload", file "config", buttons "btn-upload-trial"
+//                   and "btn-upload-now" (name "mode" as above), cfgctl's lines in
+//                   pre "upload-output"
+//   banners         div "banners"; each p.banner with class banner-ok | banner-info |
+//                   banner-warn | banner-error
+//   pending trial   section "trial" (on every page while one is pending): seconds left in
+//                   span "trial-countdown" (data-seconds), its changes in ul "trial-changes",
+//                   where the device will be in p "trial-new-address" (link "trial-new-link"),
+//                   form "form-trial" to trial.php with buttons "btn-keep" (action confirm,
+//                   "Keep these settings") and "btn-rollback" (action rollback, "Roll back now")
+//   header          identity in p "identity", user in span "user", navigation nav "nav"
+//   read-only values  index.php: tables "status-can" and "status-routes", td "state-canN",
+//                   dd "sw-version", "gateway-version", "lan-address", "lan-mac"; can.php:
+//                   span "state-canN", "sample-point-canN", "timing-canN" (register timing
+//                   only); lan.php: "lan-mac"; routes.php: table "routes", links
+//                   "route-link-N", dd "stat-COUNTER" (stat-can_packets, ...); filters.php:
+//                   table "filters", p "filter-count"; system.php: "kl15"; trial.php: p
+//                   "no-trial" when none is pending; app.js adds p "trial-expired" at zero
+// HTTP status: 403 for a POST without the right token (nothing changed), 503 when cfgd
+// cannot be reached, 500 for an unexpected fault (logged); else 200.
+
+declare(strict_types=1);
+
+// The library: beside web/ in the repository, share/cfgd/php beside share/cfgd/web installed.
+define('CFGD_LIBRARY', is_file(dirname(__DIR__, 2) . '/clients/php/cfgd.php')
+    ? dirname(__DIR__, 2) . '/clients/php/cfgd.php' : dirname(__DIR__, 2) . '/php/cfgd.php');
+
+ini_set('display_errors', '0');
+ini_set('log_errors', '1');
+error_reporting(E_ALL);
+// A warning is a fault like any other: the page shows a banner, the log gets the details.
+set_error_handler(static function (int $severity, string $message, string $file, int $line): bool {
+    if ((error_reporting() & $severity) === 0) {
+        return false;  // silenced with @
+    }
+    throw new ErrorException($message, 0, $severity, $file, $line);
+});
+ob_start();  // so that a fault can replace a half-made page
+
+require_once CFGD_LIBRARY;
+require_once __DIR__ . '/layout.php';
+require_once __DIR__ . '/form.php';
+require_once __DIR__ . '/params.php';
+
+function env_setting(string $name, string $default): string
+{
+    $value = getenv($name);
+    if ($value === false) {
+        $value = $_SERVER[$name] ?? '';
+    }
+    return is_string($value) && $value !== '' ? $value : $default;
+}
+
+define('CFGD_LOCK_FILE', env_setting('CFGD_LOCK_FILE', '/tmp/kiv_lock'));
+define('CFGD_CFGCTL', env_setting('CFGD_CFGCTL', '/usr/bin/cfgctl'));
+define('CFGD_TRIAL_SECONDS', max(Cfgd\Trial::SHORTEST,
+    min(Cfgd\Trial::LONGEST, (int) env_setting('CFGD_TRIAL_SECONDS', '90'))));
+const CFGD_TIMEOUT = 5;               // seconds to wait for cfgd's answers
+const UPLOAD_LIMIT = 64 * 1024;       // bytes of an uploaded configuration text
+
+// Every text the pages share.
+const TEXT = [
+    'save_trial' => 'Save & apply',
+    'save_now' => 'Apply without rollback',
+    'keep' => 'Keep these settings',
+    'rollback' => 'Roll back now',
+    'unchanged' => 'Nothing changed: the form holds the device\'s values.',
+    'applied' => 'Applied and stored on the device.',
+    'trial_started' => 'Applied as a trial: confirm it below, or it is rolled back when the time is up.',
+    'refused' => 'The device refused a value (see the marked field); nothing of this form was applied.',
+    'csrf' => 'This form has expired or did not come from this page: nothing was changed. Reload the page and try again.',
+    'not_running' => 'The configuration daemon (cfgd) is not running, so nothing can be read or changed. Restart the device or start cfgd, then reload this page.',
+    'busy' => 'Another client is changing the configuration right now. Wait a moment, then reload this page or send the form again.',
+    'trial_pending' => 'A trial is pending (%d s left): keep or roll back it first; nothing was changed.',
+    'no_answer' => 'The configuration daemon did not answer: %s. Reload the page to try again.',
+    'fault' => 'Something went wrong on the device; the details are in the web server\'s error log. Reload the page to try again.',
+    'no_data' => 'The device\'s values could not be read.',
+    'dhcp_address' => 'the address the DHCP server gives it',
+];
+
+// The pages of the navigation, in order.
+const PAGES = [
+    'index.php' => 'Status',
+    'can.php' => 'CAN',
+    'lan.php' => 'LAN',
+    'routes.php' => 'Routes',
+    'filters.php' => 'Filters',
+    'system.php' => 'System',
+];
+
+// Read with every page, for the header.
+const IDENTITY = ['general.order_number', 'general.serial_number', 'host.name'];
+
+function h(?string $text): string
+{
+    return htmlspecialchars($text ?? '', ENT_QUOTES | ENT_SUBSTITUTE | ENT_HTML5, 'UTF-8');
+}
+
+/** Shared state of the request: banners, the identity read, the status code. */
+final class App
+{
+    /** @var array<int, array{kind: string, text: string, link: ?array}> */
+    public static array $banners = [];
+    /** @var array<string, ?string> */
+    public static array $identity = [];
+    public static string $token = '';
+    /** @var array|null the pending trial, as layout_start() found it */
+    public static ?array $trial = null;
+}
+
+/** A message above the page; `$link` is [href, label]. */
+function banner(string $kind, string $text, ?array $link = null): void
+{
+    App::$banners[] = ['kind' => $kind, 'text' => $text, 'link' => $link];
+}
+
+/** The banner for a failure of cfgd or of the library, with the status code it calls for. */
+function banner_for(Throwable $e): void
+{
+    if ($e instanceof Cfgd\TrialPending) {
+        banner('warn', sprintf(TEXT['trial_pending'], $e->secondsLeft), ['trial.php', 'Show the trial']);
+    } elseif ($e instanceof Cfgd\Busy) {
+        banner('warn', TEXT['busy']);
+    } elseif ($e instanceof Cfgd\Refused) {
+        banner('error', 'The device refused: ' . $e->getMessage());
+    } elseif ($e instanceof Cfgd\Error && preg_match('/is cfgd running|not running/', $e->getMessage()) === 1) {
+        http_response_code(503);
+        banner('error', TEXT['not_running']);
+    } elseif ($e instanceof Cfgd\Error && !($e instanceof Cfgd\UnknownName)) {
+        error_log('cfgd web: ' . $e->getMessage());
+        banner('error', sprintf(TEXT['no_answer'], $e->getMessage()));
+    } else {
+        error_log('cfgd web: ' . $e);
+        http_response_code(500);
+        banner('error', TEXT['fault']);
+    }
+}
+
+/** The page's answer to a fault that escaped it: whatever was made is replaced. */
+function fail_page(Throwable $e, string $page): void
+{
+    while (ob_get_level() > 1) {
+        ob_end_clean();
+    }
+    ob_clean();
+    banner_for($e);
+    try {
+        layout_start($page, PAGES[$page] ?? 'Error');
+        layout_end();
+    } catch (Throwable $again) {
+        error_log('cfgd web: ' . $again);
+        echo '<!DOCTYPE html><title>Error</title><p>', h(TEXT['fault']), '</p>';
+    }
+}
+
+// The PHP session only carries the CSRF token; it is closed at once so that slow requests
+// (a trial takes a few seconds) do not hold the browser's other requests up.
+function start_php_session(): void
+{
+    // PHP's session directory may be missing or read-only on the device: then one of ours.
+    $dir = session_save_path();
+    if ($dir === '' || !is_dir($dir) || !is_writable($dir)) {
+        $dir = env_setting('CFGD_SESSION_DIR', sys_get_temp_dir() . '/cfgd-web-sessions');
+        if (!is_dir($dir)) {
+            mkdir($dir, 0700, true);
+        }
+        session_save_path($dir);
+    }
+    session_name('cfgdweb');
+    session_set_cookie_params(['httponly' => true, 'samesite' => 'Strict',
+        'secure' => ($_SERVER['HTTPS'] ?? '') !== '' && ($_SERVER['HTTPS'] ?? '') !== 'off']);
+    session_start();
+    if (!is_string($_SESSION['csrf'] ?? null)) {
+        $_SESSION['csrf'] = bin2hex(random_bytes(32));
+    }
+    App::$token = $_SESSION['csrf'];
+    session_write_close();
+}
+
+function csrf_field(): string
+{
+    return '<input type="hidden" name="csrf" value="' . h(App::$token) . '">';
+}
+
+/** The action of a POST with the right token; null for a GET, or a refused POST (403). */
+function posted_action(): ?string
+{
+    if (($_SERVER['REQUEST_METHOD'] ?? 'GET') !== 'POST') {
+        return null;
+    }
+    $sent = $_POST['csrf'] ?? null;
+    if (!is_string($sent) || !hash_equals(App::$token, $sent)) {
+        http_response_code(403);
+        banner('error', TEXT['csrf']);
+        return null;
+    }
+    $action = $_POST['action'] ?? '';
+    return is_string($action) ? $action : '';
+}
+
+/** "trial" or "now", as the pressed button says. */
+function posted_mode(): string
+{
+    return ($_POST['mode'] ?? '') === 'trial' ? 'trial' : 'now';
+}
+
+function new_session(): Cfgd\Session
+{
+    return new Cfgd\Session(CFGD_LOCK_FILE, CFGD_TIMEOUT, CFGD_CFGCTL);
+}
+
+function new_trial(): Cfgd\Trial
+{
+    return new Cfgd\Trial(CFGD_LOCK_FILE, CFGD_CFGCTL, CFGD_TIMEOUT);
+}
+
+/**
+ * Reads `$names` in an open session; a read that cfgd refuses (a filter that is not defined)
+ * is null.
+ * @return array<string, ?string>
+ */
+function read_names(Cfgd\Session $session, array $names): array
+{
+    $values = [];
+    foreach ($names as $name) {
+        try {
+            $values[$name] = $session->read($name);
+        } catch (Cfgd\Refused) {
+            $values[$name] = null;
+        }
+    }
+    return $values;
+}
+
+/**
+ * Reads what a page shows in one session, with the header's identity: `$names`, then those
+ * that `$more` returns for the values read so far. Null when cfgd cannot be reached (a banner
+ * says why).
+ * @return array<string, ?string>|null
+ */
+function read_page(array $names, ?callable $more = null): ?array
+{
+    $session = new_session();
+    try {
+        $session->start(0);
+        $values = read_names($session, [...IDENTITY, ...$names]);
+        if ($more !== null) {
+            $values += read_names($session, $more($values));
+        }
+        $session->finish();
+    } catch (Cfgd\Error $e) {
+        banner_for($e);
+        return null;
+    }
+    App::$identity = array_intersect_key($values, array_flip(IDENTITY));
+    return $values;
+}
+
+/**
+ * Runs cfgctl with the lock file and `$arguments`, without a shell.
+ * @return array{0: int, 1: string, 2: string} exit status, output, error output
+ */
+function run_cfgctl(array $arguments): array
+{
+    $command = [CFGD_CFGCTL, '-l', CFGD_LOCK_FILE, '-t', (string) CFGD_TIMEOUT, ...$arguments];
+    $process = @proc_open($command, [0 => ['file', '/dev/null', 'r'], 1 => ['pipe', 'w'],
+        2 => ['pipe', 'w']], $pipes);
+    if ($process === false) {
+        throw new Cfgd\Error('cannot run ' . CFGD_CFGCTL);
+    }
+    // Both pipes at once: one left full would hold cfgctl up.
+    $output = [1 => '', 2 => ''];
+    $open = [1 => $pipes[1], 2 => $pipes[2]];
+    while ($open !== []) {
+        $ready = $open;
+        $none = null;
+        if (stream_select($ready, $none, $none, null) === false) {
+            break;
+        }
+        foreach ($ready as $i => $pipe) {
+            $output[$i] .= (string) fread($pipe, 8192);
+            if (feof($pipe)) {
+                fclose($pipe);
+                unset($open[$i]);
+            }
+        }
+    }
+    array_map('fclose', $open);
+    return [proc_close($process), $output[1], $output[2]];
+}
+
+// A fault of the bootstrap itself, before a page's own try.
+set_exception_handler(static fn (Throwable $e) => fail_page($e, basename($_SERVER['SCRIPT_NAME'] ?? '')));
+start_php_session();
+header('X-Content-Type-Options: nosniff');
+header('X-Frame-Options: DENY');
+header("Content-Security-Policy: default-src 'self'; frame-ancestors 'none'");
+header('Cache-Control: no-store');

@@ -1,0 +1,273 @@
+<?php
+// A page's settings form: its fields (a table of cfgctl names with labels), their rendering,
+// and sending what the user changed in one go, as a trial or for good.
+
+declare(strict_types=1);
+
+/**
+ * One field. `$kind`: text, number, bool, select (extra 'options' => [value => label]) or
+ * filters (check boxes of the defined filters). Extras: 'unit', 'help', 'empty' (what a
+ * value that cannot be read stands for), 'follows' (names whose write makes this one be
+ * written again after them: cfgd changes it as a side effect), 'unless' => [name, value]
+ * (not written when that field is to get that value), 'writeOnly' (cannot be read: written
+ * when not empty), 'list' (id of a datalist of suggestions).
+ */
+function field(string $name, string $label, string $kind = 'text', array $extra = []): array
+{
+    return ['name' => $name, 'label' => $label, 'kind' => $kind] + $extra;
+}
+
+function field_id(string $name): string
+{
+    return 'f-' . strtr($name, '.', '-');
+}
+
+final class Form
+{
+    /** @var array<string, array> */
+    public array $fields = [];
+    /** @var array<string, string> name => cfgd's refusal */
+    public array $errors = [];
+    /** @var array<string, ?string>|null the user's input while it is to be shown again */
+    public ?array $posted = null;
+    /** @var array<int, string> defined filters for 'filters' fields: number => label */
+    public array $filterChoices = [];
+
+    public function __construct(array $fields)
+    {
+        foreach ($fields as $f) {
+            $this->fields[$f['name']] = $f;
+        }
+    }
+
+    /** Sends the posted form as the pressed button says; true when it took effect. */
+    public function handle(): bool
+    {
+        $this->posted = $this->collect();
+        $done = posted_mode() === 'trial' ? $this->tryOut($this->posted) : $this->store($this->posted);
+        if ($done) {
+            $this->posted = null;  // show the device's values again
+        }
+        return $done;
+    }
+
+    /** @return array<string, ?string> name => the posted value (null: not in the form) */
+    private function collect(): array
+    {
+        $sent = $_POST['v'] ?? [];
+        $sent = is_array($sent) ? $sent : [];
+        $wanted = [];
+        foreach ($this->fields as $name => $f) {
+            $value = $sent[$name] ?? null;
+            if (is_array($value) && $f['kind'] === 'filters') {
+                $value = implode(',', array_filter($value, 'is_string'));
+            }
+            $wanted[$name] = is_string($value) ? self::normal($f, $value) : null;
+        }
+        return $wanted;
+    }
+
+    /** The value as cfgd takes it, so that equal settings compare equal. */
+    private static function normal(array $f, ?string $value): string
+    {
+        $value = trim($value ?? ($f['empty'] ?? ''));
+        switch ($f['kind']) {
+            case 'bool':
+                return $value !== '' && $value !== '0' ? '1' : '0';
+            case 'filters':
+                // A route without filters reads -1.
+                $numbers = array_map('intval', preg_split('/[\s,;]+/', $value, -1, PREG_SPLIT_NO_EMPTY));
+                $numbers = array_unique(array_filter($numbers, fn ($n) => $n > 0));
+                sort($numbers);
+                return implode(',', $numbers);
+            default:
+                return $value;
+        }
+    }
+
+    /** Names to read before writing. */
+    private function readable(): array
+    {
+        return array_keys(array_filter($this->fields, fn ($f) => empty($f['writeOnly'])));
+    }
+
+    /**
+     * The writes that make the device hold `$wanted`, in the fields' order.
+     * @return array<string, string>
+     */
+    private function plan(array $wanted, array $current): array
+    {
+        $plan = [];
+        foreach ($this->fields as $name => $f) {
+            $value = $wanted[$name] ?? null;
+            if ($value === null) {
+                continue;
+            }
+            if (isset($f['unless']) && ($wanted[$f['unless'][0]] ?? null) === $f['unless'][1]) {
+                continue;
+            }
+            $changed = !empty($f['writeOnly']) ? $value !== ''
+                : $value !== self::normal($f, $current[$name] ?? null);
+            foreach ($f['follows'] ?? [] as $leader) {
+                $changed = $changed || isset($plan[$leader]);
+            }
+            if ($changed) {
+                $plan[$name] = $value;
+            }
+        }
+        return $plan;
+    }
+
+    private function tryOut(array $wanted): bool
+    {
+        $session = new_session();
+        try {
+            $session->start(0);
+            $current = read_names($session, $this->readable());
+            $session->finish();
+            $plan = $this->plan($wanted, $current);
+            if ($plan === []) {
+                banner('info', TEXT['unchanged']);
+                return true;
+            }
+            new_trial()->start($plan, CFGD_TRIAL_SECONDS);
+        } catch (Cfgd\Refused $e) {
+            return $this->refused($e);
+        } catch (Cfgd\Error $e) {
+            banner_for($e);
+            return false;
+        }
+        banner('ok', TEXT['trial_started']);
+        return true;
+    }
+
+    private function store(array $wanted): bool
+    {
+        $session = new_session();
+        try {
+            // The count announced is a limit: at most every field is written.
+            $session->start(min(255, count($this->fields)));
+            $plan = $this->plan($wanted, read_names($session, $this->readable()));
+            foreach ($plan as $name => $value) {
+                try {
+                    $session->write($name, $value);
+                } catch (Cfgd\Refused $e) {
+                    $session->abort();  // nothing of the form takes effect
+                    return $this->refused($e);
+                }
+            }
+            $session->finish();
+        } catch (Cfgd\Error $e) {
+            banner_for($e);
+            return false;
+        }
+        banner($plan === [] ? 'info' : 'ok', $plan === [] ? TEXT['unchanged'] : TEXT['applied']);
+        return true;
+    }
+
+    /** Puts cfgd's text beside the field it refused. */
+    private function refused(Cfgd\Refused $e): bool
+    {
+        foreach ($this->fields as $name => $f) {
+            if (Cfgd\Session::address($name) === $e->address) {
+                $this->errors[$name] = $e->getMessage();
+                banner('error', TEXT['refused']);
+                return false;
+            }
+        }
+        banner_for($e);
+        return false;
+    }
+
+    /** What the field shows: the user's input after a failure, else the device's value. */
+    public function shown(string $name, ?array $values): ?string
+    {
+        return $this->posted !== null && array_key_exists($name, $this->posted)
+            ? $this->posted[$name] : ($values[$name] ?? null);
+    }
+
+    public function input(string $name, ?array $values): string
+    {
+        $f = $this->fields[$name];
+        $value = $this->shown($name, $values);
+        $id = h(field_id($name));
+        $field = 'v[' . h($name) . ']';
+        $invalid = isset($this->errors[$name])
+            ? ' aria-invalid="true" aria-describedby="err-' . h(strtr($name, '.', '-')) . '"' : '';
+        switch ($f['kind']) {
+            case 'bool':
+                $checked = self::normal($f, $value) === '1' ? ' checked' : '';
+                return "<input type=\"hidden\" name=\"$field\" value=\"0\">"
+                    . "<input type=\"checkbox\" id=\"$id\" name=\"$field\" value=\"1\"$checked$invalid>";
+            case 'select':
+                $options = $f['options'];
+                $value = self::normal($f, $value);
+                if (!array_key_exists($value, $options)) {
+                    $options[$value] = $value;  // a value the form has no label for stays as it is
+                }
+                $html = "<select id=\"$id\" name=\"$field\"$invalid>";
+                foreach ($options as $v => $label) {
+                    $selected = (string) $v === $value ? ' selected' : '';
+                    $html .= '<option value="' . h((string) $v) . "\"$selected>" . h($label) . '</option>';
+                }
+                return $html . '</select>';
+            case 'filters':
+                $on = explode(',', self::normal($f, $value));
+                $html = "<input type=\"hidden\" name=\"{$field}[]\" value=\"\"><span class=\"choices\">";
+                foreach ($this->filterChoices as $n => $label) {
+                    $checked = in_array((string) $n, $on, true) ? ' checked' : '';
+                    $html .= "<label><input type=\"checkbox\" id=\"$id-$n\" name=\"{$field}[]\" value=\"$n\"$checked> "
+                        . h($label) . '</label>';
+                }
+                return $html . ($this->filterChoices === [] ? 'no filters defined' : '') . '</span>';
+            default:
+                $mode = $f['kind'] === 'number' ? ' inputmode="numeric"' : '';
+                $hint = !empty($f['writeOnly']) ? ' placeholder="unchanged"' : '';
+                $hint .= isset($f['list']) ? ' list="' . h($f['list']) . '"' : '';
+                return "<input type=\"text\" id=\"$id\" name=\"$field\" value=\"" . h($value)
+                    . "\"$mode$hint$invalid>";
+        }
+    }
+
+    public function error(string $name): string
+    {
+        return '<span class="field-error" id="err-' . h(strtr($name, '.', '-')) . '">'
+            . h($this->errors[$name] ?? '') . '</span>';
+    }
+
+    /** A labelled row: label, control, unit, cfgd's refusal, help. */
+    public function row(string $name, ?array $values, string $beside = ''): string
+    {
+        $f = $this->fields[$name];
+        $label = '<label for="' . h(field_id($name)) . '">' . h($f['label']) . '</label>';
+        if ($f['kind'] === 'filters') {
+            $label = '<span class="label">' . h($f['label']) . '</span>';
+        }
+        $unit = isset($f['unit']) ? ' <span class="unit">' . h($f['unit']) . '</span>' : '';
+        $help = isset($f['help']) ? '<small class="help">' . h($f['help']) . '</small>' : '';
+        $beside = $beside !== '' ? ' <span class="live">' . $beside . '</span>' : '';
+        return '<div class="field' . (isset($this->errors[$name]) ? ' has-error' : '') . "\">$label"
+            . '<div class="control">' . $this->input($name, $values) . "$unit$beside"
+            . $this->error($name) . "$help</div></div>\n";
+    }
+
+    /** The two submit buttons and the token. */
+    public function buttons(): string
+    {
+        return csrf_field() . '<input type="hidden" name="action" value="save">'
+            . '<div class="buttons"><button type="submit" id="btn-trial" name="mode" value="trial" class="primary">'
+            . h(TEXT['save_trial']) . '</button> <button type="submit" id="btn-now" name="mode" value="now">'
+            . h(TEXT['save_now']) . '</button></div>'
+            . '<p class="help">' . h(TEXT['save_trial']) . ' tries the changes for ' . CFGD_TRIAL_SECONDS
+            . ' s and rolls them back unless you keep them; ' . h(TEXT['save_now'])
+            . ' stores them at once.</p>';
+    }
+}
+
+/** A read-only row in the style of a field. */
+function info_row(string $label, ?string $value, string $id = ''): string
+{
+    $id = $id !== '' ? ' id="' . h($id) . '"' : '';
+    return '<div class="field info"><span class="label">' . h($label) . '</span><div class="control"><span'
+        . "$id>" . h($value ?? '–') . "</span></div></div>\n";
+}

@@ -1,0 +1,150 @@
+<?php
+// The device's parameters as the pages show them: the field tables of the forms and the
+// labels of cfgd's numeric values.
+
+declare(strict_types=1);
+
+const CAN_INTERFACES = ['can0', 'can1'];
+const ROUTE_COUNT = 8;
+const FILTER_COUNT = 32;
+
+// SocketCAN's controller states.
+const CAN_STATES = ['0' => 'error active', '1' => 'error warning', '2' => 'error passive',
+    '3' => 'bus off', '4' => 'stopped', '5' => 'sleeping'];
+const ROUTE_STATES = ['0' => 'off', '1' => 'on, stopped', '2' => 'on, running'];
+const ROUTE_TYPES = ['0' => 'CAN → LAN', '1' => 'LAN → CAN'];
+const ROUTE_PROTOCOLS = ['17' => 'UDP', '6' => 'TCP'];
+const FILTER_KINDS = ['0' => '– none –', '1' => '11-bit range', '2' => '29-bit range',
+    '3' => '11-bit mask', '4' => '29-bit mask'];
+const FILTER_TYPES = ['1' => 'pass', '0' => 'block'];
+const ON_OFF = ['0' => 'off', '1' => 'on'];
+const BIT_RATES = [10000, 20000, 50000, 100000, 125000, 250000, 500000, 800000, 1000000];
+
+const GUI_OPTIONS = [
+    'gui.show_device' => 'Device',
+    'gui.show_can' => 'CAN',
+    'gui.show_lan' => 'LAN',
+    'gui.show_wlan' => 'WLAN',
+    'gui.show_bt' => 'Bluetooth',
+    'gui.show_routing' => 'Routing',
+    'gui.show_filter' => 'Filters',
+    'gui.show_contact' => 'Contact',
+    'gui.show_support' => 'Support',
+];
+
+// A route's counters: name suffix => label; the first ones are the status page's.
+const ROUTE_COUNTERS = [
+    'can_packets' => 'CAN packets',
+    'lan_packets' => 'LAN packets',
+    'can_errors' => 'CAN errors',
+    'lan_errors' => 'LAN errors',
+    'can_msgs' => 'CAN messages',
+    'lan_msgs' => 'LAN messages',
+    'can_dropped' => 'CAN dropped',
+    'lan_dropped' => 'LAN dropped',
+    'lan_discarded' => 'LAN discarded',
+    'can_retry_ok' => 'CAN retries that succeeded',
+    'rx_buffer_len' => 'Receive buffer used',
+    'rx_buffer_size' => 'Receive buffer size',
+    'authorized_peers' => 'Authorised peers',
+    'tcp_connected' => 'TCP connected',
+    'fpp_stats' => 'Frames per packet (histogram)',
+];
+const STATUS_COUNTERS = 4;
+
+/** The label of a numeric value, or the value itself. */
+function label_of(array $labels, ?string $value): string
+{
+    return $value === null ? '–' : ($labels[$value] ?? $value);
+}
+
+/** "812" per mille as "81.2 %". */
+function per_mille(?string $value): string
+{
+    return $value === null || !is_numeric($value) ? '–' : rtrim(rtrim(sprintf('%.1f', $value / 10), '0'), '.') . ' %';
+}
+
+function can_fields(string $can): array
+{
+    return [
+        field("$can.active", 'Active', 'bool'),
+        field("$can.bitrate", 'Bit rate', 'number', ['unit' => 'bit/s', 'list' => 'bit-rates']),
+        field("$can.listen_only", 'Listen only', 'bool', ['help' => 'receives, never sends or acknowledges']),
+        field("$can.loopback", 'Loopback', 'bool'),
+        field("$can.auto_resume", 'Resume after bus off', 'bool'),
+    ];
+}
+
+function lan_fields(): array
+{
+    return [
+        field('lan0.dhcp', 'Address', 'select', ['options' => ['0' => 'static (below)', '1' => 'from a DHCP server']]),
+        field('lan0.ipv4', 'IPv4 address'),
+        field('lan0.netmask', 'Netmask'),
+        field('lan0.ipv4_gateway', 'Gateway', 'text', ['help' => 'also the name server']),
+        field('lan0.ipv6', 'IPv6 address'),
+        field('lan0.ipv6_gateway', 'IPv6 gateway'),
+    ];
+}
+
+function route_fields(int $n): array
+{
+    $r = "route$n";
+    $fields = [
+        field("$r.name", 'Name'),
+        field("$r.type", 'Direction', 'select', ['options' => ROUTE_TYPES]),
+        field("$r.interface", 'CAN interface', 'select', ['options' => array_combine(CAN_INTERFACES, CAN_INTERFACES)]),
+        field("$r.protocol", 'Protocol', 'select', ['options' => ROUTE_PROTOCOLS]),
+        field("$r.destination", 'Destination', 'text', ['help' => 'address:port']),
+        field("$r.fpp", 'Frames per packet', 'number'),
+        field("$r.tcp_delay", 'TCP delay', 'bool'),
+        field("$r.no_control", 'No control messages', 'bool'),
+        field("$r.display_index", 'Display index', 'number'),
+        field("$r.cdm", 'CDM', 'number', ['writeOnly' => true, 'help' => 'write only: empty leaves it as it is']),
+        field("$r.filters", 'Filters', 'filters'),
+        field("$r.unify_filters", 'Unify filters', 'bool'),
+        field("$r.join_filters", 'Join filters', 'bool'),
+    ];
+    // Any write to a route switches it on: its state is written again after the others.
+    $fields[] = field("$r.state", 'State', 'select',
+        ['options' => ROUTE_STATES, 'follows' => array_column($fields, 'name')]);
+    return $fields;
+}
+
+function filter_fields(int $n): array
+{
+    $f = "filter$n";
+    $unlessDeleted = ['unless' => ["$f.kind", '0']];
+    return [
+        field("$f.kind", 'Kind', 'select', ['options' => FILTER_KINDS, 'empty' => '0']),
+        field("$f.type", 'Action', 'select', ['options' => FILTER_TYPES, 'empty' => '1'] + $unlessDeleted),
+        // After the kind, which converts the term: an edited term is in the new kind's form.
+        field("$f.term", 'Term', 'text', $unlessDeleted),
+        field("$f.name", 'Name', 'text', $unlessDeleted),
+        field("$f.comment", 'Comment', 'text', $unlessDeleted),
+    ];
+}
+
+function system_fields(): array
+{
+    $fields = [
+        field('general.description', 'Description'),
+        field('host.name', 'Host name'),
+    ];
+    foreach (GUI_OPTIONS as $name => $label) {
+        $fields[] = field($name, $label, 'bool');
+    }
+    return $fields;
+}
+
+/** Defined filters from filter.list ("0;2;": zero-based numbers). */
+function defined_filters(?string $list): array
+{
+    $numbers = [];
+    foreach (preg_split('/[\s,;]+/', $list ?? '', -1, PREG_SPLIT_NO_EMPTY) as $index) {
+        if (ctype_digit($index) && (int) $index < FILTER_COUNT) {
+            $numbers[] = (int) $index + 1;
+        }
+    }
+    return $numbers;
+}

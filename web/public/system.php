@@ -1,0 +1,138 @@
+<?php
+// System: description, host name, KL15 power-down, the GUI options; the whole configuration
+// as a `cfgctl dump` text to download (?download=1) and such a text to upload and apply.
+
+declare(strict_types=1);
+require __DIR__ . '/../lib/app.php';
+
+/** Sends the dump as an attachment; false (with a banner) when cfgctl failed. */
+function send_dump(): bool
+{
+    [$status, $dump, $errors] = run_cfgctl(['dump']);
+    if ($status !== 0) {
+        banner('error', 'The configuration could not be read: ' . (trim($errors) ?: "cfgctl exited with status $status"));
+        return false;
+    }
+    $host = preg_match('/^host\.name = (.*)$/m', $dump, $m) === 1 ? $m[1] : '';
+    $host = preg_replace('/[^A-Za-z0-9_-]+/', '', $host) ?: 'gateway';
+    header('Content-Type: text/plain; charset=utf-8');
+    header('Content-Disposition: attachment; filename="' . $host . '-' . date('Ymd-His') . '.dump"');
+    echo $dump;
+    return true;
+}
+
+/** Applies an uploaded dump with cfgctl's rules; returns cfgctl's lines, or null. */
+function apply_upload(string $mode): ?string
+{
+    $file = $_FILES['config'] ?? null;
+    $error = is_array($file) && is_int($file['error'] ?? null) ? $file['error'] : UPLOAD_ERR_NO_FILE;
+    $tooLarge = 'The file is larger than ' . (UPLOAD_LIMIT / 1024) . ' KiB.';
+    if ($error === UPLOAD_ERR_INI_SIZE || $error === UPLOAD_ERR_FORM_SIZE) {
+        banner('error', $tooLarge);
+        return null;
+    }
+    if ($error !== UPLOAD_ERR_OK || !is_string($file['tmp_name'] ?? null) || !is_uploaded_file($file['tmp_name'])) {
+        banner('error', $error === UPLOAD_ERR_NO_FILE ? 'Choose a file to upload.' : 'The upload failed; try again.');
+        return null;
+    }
+    $text = file_get_contents($file['tmp_name'], false, null, 0, UPLOAD_LIMIT + 1);
+    if ($text === false || strlen($text) > UPLOAD_LIMIT) {
+        banner('error', $tooLarge);
+        return null;
+    }
+    // Text only: UTF-8 without NUL bytes; cfgctl reads it line by line.
+    if (str_contains($text, "\0") || preg_match('//u', $text) !== 1) {
+        banner('error', 'The file is not a text file; upload a configuration as the download gives it.');
+        return null;
+    }
+    $name = preg_replace('/[^A-Za-z0-9._-]+/', '_', basename((string) ($file['name'] ?? ''))) ?: 'upload.dump';
+    $path = tempnam(sys_get_temp_dir(), 'cfgd-upload-');
+    if ($path === false) {
+        throw new RuntimeException('cannot make a temporary file');
+    }
+    try {
+        file_put_contents($path, str_replace("\r\n", "\n", $text));
+        $trial = $mode === 'trial' ? ['--trial', (string) CFGD_TRIAL_SECONDS] : [];
+        [$status, $output, $errors] = run_cfgctl(['apply', ...$trial, $path]);
+    } finally {
+        @unlink($path);
+    }
+    // cfgctl names the file in its lines: the name the user knows.
+    $lines = str_replace($path, $name, trim($output . $errors));
+    if ($status === 0) {
+        banner('ok', $mode === 'trial' ? TEXT['trial_started'] : "$name is applied and stored.");
+    } elseif (preg_match('/a trial is pending \((\d+) s left\)/', $lines, $m) === 1) {
+        banner_for(new Cfgd\TrialPending((int) $m[1]));
+    } elseif ($status === 1) {
+        $refused = preg_match('/^' . preg_quote($name, '/') . ':\d+: .*$/m', $lines, $m) === 1 ? $m[0] : '';
+        banner('error', "The device refused a line of $name, so nothing of it was applied" . ($refused !== '' ? ": $refused" : '.'));
+    } elseif ($status === 3 || $status === 4) {
+        banner('error', TEXT['not_running']);
+    } else {
+        banner('error', "$name cannot be applied: see cfgctl's message below.");
+    }
+    return $lines;
+}
+
+$page = 'system.php';
+try {
+    if (($_GET['download'] ?? '') === '1' && ($_SERVER['REQUEST_METHOD'] ?? 'GET') === 'GET' && send_dump()) {
+        exit;
+    }
+    $form = new Form(system_fields());
+    $uploadLines = null;
+    $action = posted_action();
+    if ($action === 'save') {
+        $form->handle();
+    } elseif ($action === 'upload') {
+        $uploadLines = apply_upload(posted_mode());
+    }
+    $v = read_page([...array_keys($form->fields), 'general.kl15_power_down']);
+
+    layout_start($page, 'System');
+    if ($v === null) {
+        echo '<p>', h(TEXT['no_data']), "</p>\n";
+    } else {
+        ?>
+<form id="form-settings" method="post" action="system.php">
+<fieldset class="card">
+  <legend>Device</legend>
+  <?= $form->row('general.description', $v) ?>
+  <?= $form->row('host.name', $v) ?>
+  <?= info_row('KL15 power-down', label_of(ON_OFF, $v['general.kl15_power_down']), 'kl15') ?>
+</fieldset>
+<fieldset class="card">
+  <legend>Pages the web front end shows</legend>
+<?php foreach (array_keys(GUI_OPTIONS) as $name) { ?>
+  <?= $form->row($name, $v) ?>
+<?php } ?>
+</fieldset>
+<?= $form->buttons() ?>
+</form>
+<?php } ?>
+<section class="card">
+  <h2>Configuration file</h2>
+  <p><a id="link-download" class="button" href="system.php?download=1">Download the configuration</a>
+    – every parameter as <code>name = value</code>, as <code>cfgctl dump</code> prints it.</p>
+  <form id="form-upload" method="post" action="system.php" enctype="multipart/form-data">
+    <?= csrf_field() ?>
+    <input type="hidden" name="action" value="upload">
+    <input type="hidden" name="MAX_FILE_SIZE" value="<?= UPLOAD_LIMIT ?>">
+    <div class="field"><label for="config">Upload and apply</label>
+      <div class="control"><input type="file" id="config" name="config" accept=".dump,.txt,text/plain">
+        <small class="help">A text of at most <?= UPLOAD_LIMIT / 1024 ?> KiB in the download's form (or a part of
+          it). Only the values that differ are written; if the device refuses one line, nothing is applied.</small></div></div>
+    <div class="buttons">
+      <button type="submit" id="btn-upload-trial" name="mode" value="trial" class="primary"><?= h(TEXT['save_trial']) ?></button>
+      <button type="submit" id="btn-upload-now" name="mode" value="now"><?= h(TEXT['save_now']) ?></button>
+    </div>
+  </form>
+<?php if ($uploadLines !== null && $uploadLines !== '') { ?>
+  <pre id="upload-output"><?= h($uploadLines) ?></pre>
+<?php } ?>
+</section>
+<?php
+    layout_end();
+} catch (Throwable $e) {
+    fail_page($e, $page);
+}
