@@ -5,7 +5,11 @@ set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmock-dev
           clang-format util-linux procps iproute2 net-tools
           php-cli   # the PHP client library's tests; its sysvmsg and sysvsem come with it
-          valgrind) # the benchmark counts the daemon's instructions with callgrind
+          valgrind  # the benchmark counts the daemon's instructions with callgrind
+          # The web front end inside the sandbox (sandbox/web-server.sh), its browser tests
+          # (tests/web), its benchmark (bench/web_bench.py counts the pages' messages with
+          # strace), the password script (openssl) and scripts/device.sh's forwarder (socat).
+          lighttpd php-cgi chromium chromium-driver python3-selenium strace openssl socat)
 # `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.
 [ "${1:-}" = fuzz ] && packages+=(clang libclang-rt-dev)
 missing=()
@@ -24,5 +28,30 @@ if ((${#missing[@]})); then
     dpkg --print-foreign-architectures | grep -qx armel ||
         "${sudo_cmd[@]}" dpkg --add-architecture armel
     "${sudo_cmd[@]}" apt-get update -qq
+    # A package's server (lighttpd) must not start on this machine: while installing, a
+    # policy-rc.d forbids every service start, unless the machine has a policy of its own.
+    policy=/usr/sbin/policy-rc.d
+    made_policy=0
+    if [ ! -e "$policy" ]; then
+        printf '#!/bin/sh\n# scripts/setup.sh: no service starts while it installs\nexit 101\n' |
+            "${sudo_cmd[@]}" tee "$policy" >/dev/null
+        "${sudo_cmd[@]}" chmod 0755 "$policy"
+        made_policy=1
+        trap '"${sudo_cmd[@]}" rm -f "$policy"' EXIT
+    fi
+    servers_before=" $(pgrep -d ' ' -x lighttpd || true) "
     "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+    if ((made_policy)); then
+        "${sudo_cmd[@]}" rm -f "$policy"
+        trap - EXIT
+    fi
+    # Should one have started anyway (no init system that asks the policy): the package's own
+    # server, on its configuration, and only one that was not running before.
+    for pid in $(pgrep -x lighttpd || true); do
+        [[ $servers_before == *" $pid "* ]] && continue
+        tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null | grep -q -- '-f /etc/lighttpd/lighttpd.conf' ||
+            continue
+        echo "setup: stopping the lighttpd (pid $pid) that its package started"
+        "${sudo_cmd[@]}" kill -TERM "$pid" 2>/dev/null || true
+    done
 fi

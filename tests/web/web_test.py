@@ -1,0 +1,263 @@
+#!/usr/bin/env python3
+"""Browser tests of the web front end (web/public) against the real daemon, inside the sandbox:
+
+    sandbox/sandbox.sh test python3 tests/web/web_test.py CFGD CFGCTL
+
+Starts daemon A on the sample configuration and daemon B on the defaults, each behind lighttpd
+and php-cgi as on the device (sandbox/web-server.sh); A is served twice, with trials of 60 s
+and of 5 s, the first on every address of the sandbox's own network (the LAN test reaches it at
+eth0's new address). Headless Chromium logs in with an Authorization header. Screenshots go to
+$CFGD_BUILD_DIR/web-screenshots/."""
+import base64, os, re, subprocess, sys, tempfile, time, urllib.error, urllib.parse, urllib.request
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.expected_conditions import staleness_of
+from selenium.webdriver.support.ui import WebDriverWait
+
+REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+SERVER = os.path.join(REPO, "sandbox", "web-server.sh")
+PAGES = ["index.php", "can.php", "lan.php", "routes.php", "filters.php", "system.php", "trial.php"]
+USER, PASSWORD = "tester", "web-test-password"
+AUTH = "Basic " + base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()
+A, B = "/tmp/web_a.lock", "/tmp/web_b.lock"
+A_INI = "/mnt/user/web_a.ini"
+SLOW, FAST, DEFAULT = 8101, 8102, 8103  # A with 60 s trials, A with 5 s trials, B
+NEW_ADDRESS = "198.51.100.77"
+
+
+def check(condition, what):
+    if not condition:
+        raise AssertionError(what)
+
+
+def run(*command, strict=True, env=None):
+    done = subprocess.run(command, capture_output=True, text=True, env=env)
+    check(not strict or done.returncode == 0, f"{command}: {done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def cfgctl(lock, *arguments, strict=True):
+    return run(CFGCTL, "-l", lock, *arguments, strict=strict)
+
+
+def wait_until(condition, seconds, what):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        check(time.monotonic() < deadline, f"not within {seconds} s: {what}")
+        time.sleep(0.1)
+
+
+def start_daemon(lock, keys, ini):
+    log = open(lock + ".log", "w")
+    daemon = subprocess.Popen([CFGD, "-l", lock, "-s", str(keys), "-q", str(keys + 1), "-f", ini],
+                              stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+    wait_until(lambda: open(lock).read().endswith("\n") if os.path.exists(lock) else False, 20,
+               f"cfgd on {lock} starts")
+    return daemon
+
+
+def start_server(port, lock, trial_seconds, bind="127.0.0.1"):
+    env = dict(os.environ, CFGD_TRIAL_SECONDS=str(trial_seconds), CFGD_WEB_BIND=bind,
+               CFGD_CFGCTL=CFGCTL)
+    return run(SERVER, "start", str(port), lock, "/tmp/web.htpasswd", env=env).strip()
+
+
+def http(url, data=None, auth=True):
+    """The status and body of a request (urllib: the browser never shows a 401)."""
+    request = urllib.request.Request(url, data, {"Authorization": AUTH} if auth else {})
+    try:
+        with urllib.request.urlopen(request, timeout=30) as answer:
+            return answer.status, answer.read().decode()
+    except urllib.error.HTTPError as error:
+        return error.code, error.read().decode()
+
+
+def browser():
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    for flag in ("--headless=new --no-sandbox --disable-gpu --disable-dev-shm-usage --no-first-run "
+                 "--disable-background-networking --disable-component-update --disable-sync").split():
+        options.add_argument(flag)
+    options.add_argument("--user-data-dir=" + tempfile.mkdtemp(prefix="chromium-"))
+    driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+    driver.execute_cdp_cmd("Network.enable", {})
+    driver.execute_cdp_cmd("Network.setExtraHTTPHeaders", {"headers": {"Authorization": AUTH}})
+    return driver
+
+
+def by_id(element_id):
+    return DRIVER.find_element(By.ID, element_id)
+
+
+def set_field(name, value):
+    """Types a value into a settings field; the browser's own checks are off (cfgd's count)."""
+    field = by_id("f-" + name.replace(".", "-"))
+    DRIVER.execute_script("arguments[0].form.noValidate = true", field)
+    field.clear()
+    field.send_keys(value)
+
+
+def press(button_id):
+    """Clicks a submit button and waits for the page it leads to."""
+    old = DRIVER.find_element(By.TAG_NAME, "html")
+    by_id(button_id).click()
+    WebDriverWait(DRIVER, 60).until(staleness_of(old))
+    WebDriverWait(DRIVER, 60).until(lambda d: d.execute_script("return document.readyState") == "complete")
+
+
+def log_lines():
+    return open(os.environ["CFGD_SANDBOX_LOG"]).read().splitlines()
+
+
+def dump(lock):
+    """A dump's lines by name; the comment of a refused read under its name too."""
+    return {re.match(r"(?:# )?(\S+)", l).group(1): l for l in cfgctl(lock, "dump").splitlines()}
+
+
+def test_pages_need_the_login_and_show():
+    shots = os.path.join(os.environ.get("CFGD_BUILD_DIR", "/tmp"), "web-screenshots")
+    os.makedirs(shots, exist_ok=True)
+    base = f"http://127.0.0.1:{SLOW}/"
+    for page in PAGES + ["", "style.css", "app.js"]:
+        check(http(base + page, auth=False)[0] == 401, f"{page} without a login: not 401")
+        status = http(base + page)[0]
+        check(status == 200, f"{page}: status {status}")
+    for page in PAGES:
+        for size, (width, height) in {"phone": (390, 844), "laptop": (1366, 900)}.items():
+            metrics = {"width": width, "height": height, "deviceScaleFactor": 1,
+                       "mobile": size == "phone"}
+            DRIVER.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", metrics)
+            DRIVER.get(base + page)
+            check(DRIVER.find_elements(By.ID, "nav"), f"{page}: no navigation")
+            full = DRIVER.execute_script("return document.documentElement.scrollHeight")
+            DRIVER.execute_cdp_cmd("Emulation.setDeviceMetricsOverride",
+                                   dict(metrics, height=max(height, full)))
+            shot = DRIVER.execute_cdp_cmd("Page.captureScreenshot", {"format": "png"})["data"]
+            with open(os.path.join(shots, f"{page[:-4]}-{size}.png"), "wb") as file:
+                file.write(base64.b64decode(shot))
+    DRIVER.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+
+
+def test_refused_value_shows_the_daemons_text_and_changes_nothing():
+    before = dump(A)
+    DRIVER.get(f"http://127.0.0.1:{SLOW}/can.php")
+    set_field("can0.bitrate", "4999")
+    press("btn-now")
+    error = by_id("err-can0-bitrate").text
+    check("baud rate not changed" in error, f"the field's error: {error!r}")
+    check(dump(A) == before, "the dump changed")
+
+
+def test_post_without_csrf_token_is_refused():
+    before = dump(A)
+    form = urllib.parse.urlencode({"action": "save", "mode": "now", "v[can1.bitrate]": "125000"})
+    status, _ = http(f"http://127.0.0.1:{SLOW}/can.php", form.encode())
+    check(status == 403, f"status {status}")
+    check(dump(A) == before, "the dump changed")
+
+
+def try_can1_bitrate(port, rate):
+    """Sends can1's bit rate as a trial; returns the time the page came back."""
+    DRIVER.get(f"http://127.0.0.1:{port}/can.php")
+    set_field("can1.bitrate", rate)
+    press("btn-trial")
+    returned = time.monotonic()
+    check(cfgctl(A, "get", "can1.bitrate").strip() == rate, "the trial's rate is not running")
+    check(any(re.match(f"ip link set can1 type can bitrate {rate} ", l) for l in log_lines()),
+          f"no ip link line with bit rate {rate}")
+    return returned
+
+
+def test_can_trial_kept():
+    try_can1_bitrate(SLOW, "250000")
+    press("btn-keep")
+    check("trial pending" not in cfgctl(A, "trial", strict=False), "still pending")
+    check(cfgctl(A, "get", "can1.bitrate").strip() == "250000", "not kept")
+    check(re.search(r"\[can_1\][^\[]*\nbaudrate\s*=\s*250000\n", open(A_INI).read()), "not stored")
+
+
+def test_can_trial_not_kept_rolls_back_at_the_deadline():
+    before = cfgctl(A, "get", "can1.bitrate").strip()
+    returned = try_can1_bitrate(FAST, "125000" if before != "125000" else "250000")
+    logged = len(log_lines())
+    wait_until(lambda: cfgctl(A, "get", "can1.bitrate").strip() == before,
+               5 + 2 - (time.monotonic() - returned), "rolled back")
+    check(any(re.match(f"ip link set can1 type can bitrate {before} ", l) for l in log_lines()[logged:]),
+          "no ip link line of the rollback")
+
+
+def test_lan_trial_kept_through_the_new_address():
+    DRIVER.get(f"http://127.0.0.1:{SLOW}/lan.php")
+    set_field("lan0.ipv4", NEW_ADDRESS)
+    press("btn-trial")
+    check(cfgctl(A, "get", "lan0.ipv4").strip() == NEW_ADDRESS, "eth0 has not got the address")
+    link = by_id("trial-new-link").get_attribute("href")
+    check(NEW_ADDRESS in link, f"the new address's link: {link}")
+    DRIVER.get(f"http://{NEW_ADDRESS}:{SLOW}/trial.php")
+    press("btn-keep")
+    check(DRIVER.current_url.startswith(f"http://{NEW_ADDRESS}:"), DRIVER.current_url)
+    check("trial pending" not in cfgctl(A, "trial", strict=False), "still pending")
+    check(f"ipv4                           = {NEW_ADDRESS}" in open(A_INI).read(), "not stored")
+
+
+def test_download_uploaded_to_a_default_device_gives_its_values():
+    DRIVER.get(f"http://127.0.0.1:{SLOW}/system.php")
+    status, downloaded = http(by_id("link-download").get_attribute("href"))
+    check(status == 200 and downloaded == cfgctl(A, "dump"), "the download is not A's dump")
+    path = "/tmp/web_download.txt"
+    open(path, "w").write(downloaded)
+    start_daemon(B, 73, "/mnt/user/web_b.ini")
+    start_server(DEFAULT, B, 60)
+    DRIVER.get(f"http://127.0.0.1:{DEFAULT}/system.php")
+    by_id("form-upload").find_element(By.NAME, "config").send_keys(path)
+    press("btn-upload-now")
+    output = by_id("upload-output").text
+    before, after, compared = dump(A), dump(B), 0
+    for line in cfgctl(B, "names").splitlines():
+        name, *_, access = line.split()
+        if access in ("w", "live") or re.search(r"\.(retry_delay|retry_count|sample_point)$", name):
+            continue
+        check(after.get(name) == before.get(name), f"{after.get(name)} != {before.get(name)}: {output}")
+        compared += 1
+    check(compared > 300, f"only {compared} values compared")
+
+
+def test_no_faults_in_the_error_logs():
+    for log in [f"/tmp/cfgd-web-{port}/run/error.log" for port in (SLOW, FAST, DEFAULT)]:
+        faults = [l for l in open(log) if "PHP" in l or "cfgd web" in l] if os.path.exists(log) else []
+        check(not faults, "".join(faults))
+
+
+def main():
+    global CFGD, CFGCTL, DRIVER
+    token = os.environ.get("CFGD_SANDBOX")
+    marker = open("/etc/cfgd-sandbox").read() if os.path.exists("/etc/cfgd-sandbox") else None
+    if not token or marker != token + "\n" or len(sys.argv) != 3:
+        sys.exit(f"{sys.argv[0]}: runs only inside the sandbox:\n"
+                 f"  sandbox/sandbox.sh test python3 {sys.argv[0]} CFGD CFGCTL")
+    CFGD, CFGCTL = map(os.path.abspath, sys.argv[1:])
+    run("sh", "-c", f"printf '%s\\n' '{PASSWORD}' | '{REPO}/web/cfgd-web-passwd' {USER} /tmp/web.htpasswd")
+    run("cp", os.path.join(REPO, "sandbox", "device", "kiv_config.ini"), A_INI)
+    start_daemon(A, 71, A_INI)
+    start_server(SLOW, A, 60, bind="0.0.0.0")
+    start_server(FAST, A, 5)
+    DRIVER = browser()
+    passed = failed = 0
+    for name, test in [(n, t) for n, t in globals().items() if n.startswith("test_")]:
+        try:
+            test()
+            passed += 1
+            print(f"ok: {name}", flush=True)
+        except Exception as error:  # a failure of any kind fails this test only
+            failed += 1
+            print(f"FAILED: {name}: {type(error).__name__}: {error}", flush=True)
+        cfgctl(A, "rollback", strict=False)  # a trial a failed test left
+    DRIVER.quit()
+    run(SERVER, "stop")
+    print(f"{passed} passed, {failed} failed")
+    sys.exit(1 if failed else 0)
+
+
+if __name__ == "__main__":
+    main()
