@@ -525,40 +525,15 @@ final class Trial
      */
     private function run(array $arguments, bool $orNone = false, array $refusals = []): ?string
     {
-        $command = [$this->cfgctl, '-l', $this->lockFile, '-t', (string) $this->timeoutSeconds,
-            ...$arguments];
-        $process = proc_open($command, [0 => ['file', '/dev/null', 'r'], 1 => ['pipe', 'w'],
-            2 => ['pipe', 'w']], $pipes);
-        if ($process === false) {
-            throw new Error("cannot run {$this->cfgctl}");
-        }
-        // Both pipes at once: one left full would hold cfgctl up.
-        $output = [1 => '', 2 => ''];
-        $open = [1 => $pipes[1], 2 => $pipes[2]];
-        while ($open !== []) {
-            $ready = $open;
-            $none = null;
-            if (stream_select($ready, $none, $none, null) === false) {
-                break;
-            }
-            foreach ($ready as $i => $pipe) {
-                $chunk = fread($pipe, 8192);
-                $output[$i] .= $chunk === false ? '' : $chunk;
-                if (feof($pipe)) {
-                    fclose($pipe);
-                    unset($open[$i]);
-                }
-            }
-        }
-        array_map('fclose', $open);
-        $status = proc_close($process);
+        [$status, $out, $err] = run_program([$this->cfgctl, '-l', $this->lockFile, '-t',
+            (string) $this->timeoutSeconds, ...$arguments]);
         if ($status === 0) {
-            return $output[1];
+            return $out;
         }
         if ($orNone && $status === self::NO_TRIAL) {
             return null;
         }
-        throw self::failure($status, trim($output[2]), $this->cfgctl, $refusals);
+        throw self::failure($status, trim($err), $this->cfgctl, $refusals);
     }
 
     private static function failure(int $status, string $errors, string $cfgctl,
@@ -588,4 +563,36 @@ final class Trial
         }
         return new Error($errors !== '' ? $errors : "$cfgctl exited with status $status");
     }
+}
+
+/**
+ * Runs `$command` (a program and its arguments, no shell) with no input and reads both of its
+ * outputs at once, since one left full would hold the program up.
+ * @return array{0: int, 1: string, 2: string} exit status, output, error output
+ */
+function run_program(array $command): array
+{
+    $process = @proc_open($command, [0 => ['file', '/dev/null', 'r'], 1 => ['pipe', 'w'],
+        2 => ['pipe', 'w']], $pipes);
+    if ($process === false) {
+        throw new Error("cannot run {$command[0]}");
+    }
+    $output = [1 => '', 2 => ''];
+    $open = [1 => $pipes[1], 2 => $pipes[2]];
+    while ($open !== []) {
+        $ready = $open;
+        $none = null;
+        if (stream_select($ready, $none, $none, null) === false) {
+            break;
+        }
+        foreach ($ready as $i => $pipe) {
+            $output[$i] .= (string) fread($pipe, 8192);
+            if (feof($pipe)) {
+                fclose($pipe);
+                unset($open[$i]);
+            }
+        }
+    }
+    array_map('fclose', $open);
+    return [proc_close($process), $output[1], $output[2]];
 }

@@ -279,31 +279,8 @@ function read_page(array $names, ?callable $more = null): ?array
  */
 function run_cfgctl(array $arguments): array
 {
-    $command = [CFGD_CFGCTL, '-l', CFGD_LOCK_FILE, '-t', (string) CFGD_TIMEOUT, ...$arguments];
-    $process = @proc_open($command, [0 => ['file', '/dev/null', 'r'], 1 => ['pipe', 'w'],
-        2 => ['pipe', 'w']], $pipes);
-    if ($process === false) {
-        throw new Cfgd\Error('cannot run ' . CFGD_CFGCTL);
-    }
-    // Both pipes at once: one left full would hold cfgctl up.
-    $output = [1 => '', 2 => ''];
-    $open = [1 => $pipes[1], 2 => $pipes[2]];
-    while ($open !== []) {
-        $ready = $open;
-        $none = null;
-        if (stream_select($ready, $none, $none, null) === false) {
-            break;
-        }
-        foreach ($ready as $i => $pipe) {
-            $output[$i] .= (string) fread($pipe, 8192);
-            if (feof($pipe)) {
-                fclose($pipe);
-                unset($open[$i]);
-            }
-        }
-    }
-    array_map('fclose', $open);
-    return [proc_close($process), $output[1], $output[2]];
+    return Cfgd\run_program([CFGD_CFGCTL, '-l', CFGD_LOCK_FILE, '-t', (string) CFGD_TIMEOUT,
+        ...$arguments]);
 }
 
 // A fault of the bootstrap itself, before a page's own try.
