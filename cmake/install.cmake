@@ -56,7 +56,6 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME cfgd)
 set(CPACK_PACKAGE_VERSION ${CFGD_PACKAGE_VERSION})
 set(CPACK_PACKAGE_CONTACT "cfgd developers <cfgd@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "configuration daemon of the CAN-to-LAN gateway")
 set(CPACK_COMPONENTS_ALL cfgd cfgd-web)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
@@ -73,13 +72,24 @@ else()
                   OUTPUT_STRIP_TRAILING_WHITESPACE)
 endif()
 set(CPACK_DEBIAN_CFGD_PACKAGE_NAME cfgd)
-set(CPACK_DEBIAN_CFGD_DESCRIPTION
-    "configuration daemon of the CAN-to-LAN gateway\n cfgd applies the device's configuration file at start and serves reads and writes\n over a System V message queue; cfgctl is its command-line client.")
+# Descriptions: the first line is the summary.
+set(CPACK_DEBIAN_CFGD_DESCRIPTION "configuration daemon of the CAN-to-LAN gateway
+cfgd applies the device's configuration file at start and serves reads and writes over a
+System V message queue; cfgctl is its command-line client, S50cfgd its init script.")
 # The C++ runtime is linked in: the C library and iniparser are all the daemon needs.
 set(CPACK_DEBIAN_CFGD_PACKAGE_DEPENDS "libc6, libiniparser1")
 set(CPACK_DEBIAN_CFGD-WEB_PACKAGE_NAME cfgd-web)
 set(CPACK_DEBIAN_CFGD-WEB_PACKAGE_ARCHITECTURE all)
-set(CPACK_DEBIAN_CFGD-WEB_DESCRIPTION
-    "web front end of the CAN-to-LAN gateway's configuration\n PHP pages and the PHP client library of cfgd, with a lighttpd snippet and\n cfgd-web-passwd, which sets a login's password.")
+set(CPACK_DEBIAN_CFGD-WEB_DESCRIPTION "web front end of the CAN-to-LAN gateway's configuration
+PHP pages and the PHP client library of cfgd, with a lighttpd snippet and cfgd-web-passwd,
+which sets a login's password.")
 set(CPACK_DEBIAN_CFGD-WEB_PACKAGE_DEPENDS "lighttpd, php-cgi, cfgd")
+# What the packages place in /etc is the administrator's to edit: conffiles. No maintainer
+# scripts: nothing is started while a device image is built; the device's rcS starts S50cfgd.
+file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/packaging/cfgd/conffiles
+     CONTENT "${CFGD_SYSCONF_DIR}/init.d/S50cfgd\n" @ONLY)
+file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/packaging/cfgd-web/conffiles
+     CONTENT "${CFGD_WEB_CONF_DIR}/cfgd-web.conf\n" @ONLY)
+set(CPACK_DEBIAN_CFGD_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packaging/cfgd/conffiles)
+set(CPACK_DEBIAN_CFGD-WEB_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packaging/cfgd-web/conffiles)
 include(CPack)
