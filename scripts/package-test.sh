@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# shellcheck disable=SC2016,SC2034  # the checks are evaluated later, on purpose
 # Builds the Debian packages (cfgd, cfgd-web) of the host build (build) and of the device's
 # build (build-armel) with cpack, checks their contents and control fields with dpkg-deb, and
 # runs the armel package's daemon as `cfgd -v` under qemu (-v prints the version and exits

@@ -1,4 +1,5 @@
 #!/bin/sh
+# shellcheck disable=SC2016  # the checks are evaluated later, on purpose
 # The installed init script S50cfgd, run by BusyBox (its sh, start-stop-daemon and applets)
 # inside the sandbox, on the installed daemon:
 #   sandbox/sandbox.sh test busybox sh tests/install/init_test.sh BUILD_DIR
