@@ -3,11 +3,24 @@
 # strips them and prints their sizes and the shared libraries they need; then builds the fully
 # static variant and prints its sizes. Fails when a binary needs a shared library other than
 # the C library and iniparser, or when the stripped daemon is over its flash budget.
-#   scripts/device-build.sh [BUILD_TYPE]      (default MinSizeRel; binaries in build-device/out)
+# The hardened profile (CFGD_HARDENED) by default; --legacy builds the profile without it. The
+# budget holds for both.
+#   scripts/device-build.sh [--legacy] [BUILD_TYPE]   (default MinSizeRel; in build-device/out)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+hardened=ON
+if [ "${1:-}" = --legacy ]; then
+    hardened=OFF
+    shift
+fi
 build_type=${1:-MinSizeRel}
+case "$build_type" in
+    -*)
+        echo "usage: scripts/device-build.sh [--legacy] [BUILD_TYPE]" >&2
+        exit 2
+        ;;
+esac
 triplet=arm-linux-gnueabi
 toolchain=cmake/armel-toolchain.cmake
 daemon_budget=$((400 * 1024))  # bytes of the stripped, dynamically linked daemon
@@ -25,7 +38,7 @@ build() {  # build DIR [cmake options...]
     # The toolchain file counts only when a build directory is made; given again, cmake warns.
     [ -f "$dir/CMakeCache.txt" ] || set -- -DCMAKE_TOOLCHAIN_FILE="$toolchain" "$@"
     cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE="$build_type" -DCFGD_TESTS=OFF \
-        -DCFGD_BENCH=OFF "$@" >/dev/null
+        -DCFGD_BENCH=OFF -DCFGD_HARDENED="$hardened" "$@" >/dev/null
     cmake --build "$dir" -j "$jobs" --target cfgd cfgctl
 }
 
@@ -59,6 +72,11 @@ report() {  # report NAME UNSTRIPPED [static]
     fi
 }
 
+if [ "$hardened" = ON ]; then
+    echo "profile: hardened (legacy: scripts/device-build.sh --legacy ${build_type})"
+else
+    echo "profile: legacy (hardened: scripts/device-build.sh ${build_type})"
+fi
 echo "== device build ($triplet, $build_type): build-device"
 build build-device
 mkdir -p "$out"

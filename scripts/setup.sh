@@ -9,7 +9,9 @@ packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmoc
           # The web front end inside the sandbox (sandbox/web-server.sh), its browser tests
           # (tests/web), its benchmark (bench/web_bench.py counts the pages' messages with
           # strace), the password script (openssl) and scripts/device.sh's forwarder (socat).
-          lighttpd php-cgi chromium chromium-driver python3-selenium strace openssl socat)
+          lighttpd php-cgi chromium chromium-driver python3-selenium strace openssl socat
+          # The init script's test (BusyBox's sh and start-stop-daemon); the packages' checks.
+          busybox dpkg-dev)
 # `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.
 [ "${1:-}" = fuzz ] && packages+=(clang libclang-rt-dev)
 missing=()

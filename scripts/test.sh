@@ -27,4 +27,7 @@ cmake -S . -B build-armel -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/armel-toolchain.
     -DCFGD_WERROR=ON >/dev/null
 cmake --build build-armel -j "$jobs"
 ctest --test-dir build-armel --output-on-failure -j "$jobs"
+# The Debian packages of the host and the armel build, checked; the armel daemon runs -v.
+echo "== packages"
+bash scripts/package-test.sh
 echo "== all tests passed"
