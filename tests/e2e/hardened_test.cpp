@@ -12,7 +12,7 @@ namespace e2e {
 namespace {
 
 TEST(HardenedDaemon, RefusesShellSyntaxAndOpensItsIpcToTheFrontEndOnly) {
-    Daemon d(71, 72, Daemon::freshFile(""), CFGD_E2E_HARDENED_DAEMON);
+    Daemon d(121, 122, Daemon::freshFile(""), CFGD_E2E_HARDENED_DAEMON);
     ASSERT_NE(d.up(), "") << d.process.output();
     const group* frontEnd = getgrnam(CFGD_E2E_HARDENED_GROUP);
     const gid_t gid = frontEnd != nullptr ? frontEnd->gr_gid : 0;  // else root's, as it says
@@ -20,7 +20,7 @@ TEST(HardenedDaemon, RefusesShellSyntaxAndOpensItsIpcToTheFrontEndOnly) {
     ASSERT_EQ(msgctl(d.queue, IPC_STAT, &queue), 0);
     EXPECT_EQ(std::pair(queue.msg_perm.mode & 0777, queue.msg_perm.gid), std::pair(0660u, gid));
     semid_ds set{};
-    const int sets = semget(71, 0, 0);
+    const int sets = semget(121, 0, 0);
     ASSERT_EQ(semctl(sets, 0, IPC_STAT, &set), 0);
     EXPECT_EQ(std::pair(set.sem_perm.mode & 0777, set.sem_perm.gid), std::pair(0660u, gid));
     struct stat lock {};
@@ -30,7 +30,7 @@ TEST(HardenedDaemon, RefusesShellSyntaxAndOpensItsIpcToTheFrontEndOnly) {
     const std::string logPath = sandbox("CFGD_SANDBOX_LOG");
     const std::size_t logged = readFile(logPath).size();
     const char* name = "gw$(touch /tmp/x)";
-    EXPECT_TRUE(d.start(71, 0, 2));
+    EXPECT_TRUE(d.start(121, 0, 2));
     EXPECT_TRUE(d.answers(text(SET_PARAM, 1, 0, 0, std::string(name) + '\0'),
                           text(NEG_ANSW, 1, 0, 0, rules::kHostNameText)));
     EXPECT_TRUE(d.sets(2, 1, 1, "1"));  // DHCP on: its client line carries the host name
