@@ -8,6 +8,7 @@
 #include "can/link_info.h"
 #include "model/config_model.h"
 #include "model/device_numbers.h"
+#include "model/value_rules.h"
 #include "sys/shell_command.h"
 #include "sys/system.h"
 
@@ -108,7 +109,11 @@ int writeFlag(const RequestMessage& request, AnswerMessage&, CanInterface& can) 
     return 0;
 }
 
-int writeIfName(const RequestMessage& request, AnswerMessage&, CanInterface& can) {
+int writeIfName(const RequestMessage& request, AnswerMessage& answer, CanInterface& can) {
+    if constexpr (kHardened) {
+        if (const char* refusal = rules::checkInterfaceName(request.da))
+            return failText(answer, refusal);
+    }
     copyText(can.IfName, request.da, kCanIfNameMaxChars);
     return 0;
 }

@@ -1,10 +1,12 @@
 #include "core/daemon.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,8 +24,10 @@
 #include "core/session.h"
 #include "model/config_model.h"
 #include "model/handler.h"
+#include "model/value_rules.h"
 #include "network/platform_config.h"
 #include "network/wlan_group.h"
+#include "sys/log.h"
 #include "sys/system.h"
 
 namespace {
@@ -36,6 +40,18 @@ constexpr int kExitSignal = -1;
 constexpr int kSemaphoreCount = 3;
 constexpr std::size_t kBaseNameChars = 31;
 constexpr const char* kRebootCommand = "sleep 5 && sync && reboot";
+
+// The legacy build opens the queue and semaphore set to every local user and makes the lock
+// file executable; the hardened one lets only root and the front end's group reach the daemon.
+constexpr int kIpcMode = kHardened ? 0660 : 0666;
+constexpr mode_t kLockFileMode = kHardened ? 0644 : 0777;
+#ifndef CFGD_HARDENED_GROUP
+#define CFGD_HARDENED_GROUP "www-data"
+#endif
+constexpr const char* kFrontEndGroup = CFGD_HARDENED_GROUP;
+constexpr const char* kNoGroupFormat =
+    "cfgd: group %s not found: the queue and semaphore set keep root's group\n";
+constexpr const char* kIpcSetFailedFormat = "cfgd: permissions of the %s not set: %s\n";
 
 // Process-wide state that the clean-up needs; the clean-up may run twice (from a signal and at
 // exit), so every step leaves its state in the "nothing to do" value.
@@ -114,6 +130,29 @@ union SemaphoreArgument {
     unsigned short* array;
 };
 
+// Gives the queue and the semaphore set the front end's group and mode 0660; also a queue or
+// set that an earlier daemon left open to everyone, which msgget and semget do not change.
+void restrictIpc() {
+    const group* frontEnd = getgrnam(kFrontEndGroup);
+    if (frontEnd == nullptr) sys::logError(kNoGroupFormat, kFrontEndGroup);
+    msqid_ds queue{};
+    if (msgctl(queueId, IPC_STAT, &queue) == 0) {
+        queue.msg_perm.mode = kIpcMode;
+        if (frontEnd != nullptr) queue.msg_perm.gid = frontEnd->gr_gid;
+        if (msgctl(queueId, IPC_SET, &queue) != 0)
+            sys::logError(kIpcSetFailedFormat, "queue", std::strerror(errno));
+    }
+    semid_ds set{};
+    SemaphoreArgument argument{};
+    argument.buf = &set;
+    if (semctl(semaphoreSetId, 0, IPC_STAT, argument) == 0) {
+        set.sem_perm.mode = kIpcMode;
+        if (frontEnd != nullptr) set.sem_perm.gid = frontEnd->gr_gid;
+        if (semctl(semaphoreSetId, 0, IPC_SET, argument) != 0)
+            sys::logError(kIpcSetFailedFormat, "semaphore set", std::strerror(errno));
+    }
+}
+
 [[noreturn]] void serve(ConfigModel& m) {
     static QueueMessage received;
     static RequestMessage request;
@@ -145,8 +184,10 @@ union SemaphoreArgument {
 }  // namespace
 
 int writeLockFile(const char* path, int semaphoreKey, int queueKey, int pid) {
-    int fd = open(sys::placeFile(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0777);
+    int fd = open(sys::placeFile(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC, kLockFileMode);
     if (fd < 0) return -1;
+    // A lock file left behind keeps its mode through the open; the umask may take bits away.
+    if constexpr (kHardened) (void)fchmod(fd, kLockFileMode);
     char line[80];
     const int length =
         std::snprintf(line, sizeof line, kLockLineFormat, semaphoreKey, queueKey, pid);
@@ -202,7 +243,7 @@ int runDaemon(int argc, char** argv) {
     const sys::FilePath keyFile = sys::placeFile(configPath());
     if (semaphoreKey == kNoKey) semaphoreKey = ftok(keyFile.c_str(), 1);
     if (semaphoreKey < 0) return kExitIpc;
-    semaphoreSetId = semget(semaphoreKey, kSemaphoreCount, IPC_CREAT | 0666);
+    semaphoreSetId = semget(semaphoreKey, kSemaphoreCount, IPC_CREAT | kIpcMode);
     if (semaphoreSetId < 0) return kExitIpc;
     SemaphoreArgument one{};
     one.val = 1;
@@ -211,8 +252,9 @@ int runDaemon(int argc, char** argv) {
     int queueKey = options.queueKey;
     if (queueKey == kNoKey) queueKey = ftok(keyFile.c_str(), 2);
     if (queueKey < 0) return kExitStart;
-    queueId = msgget(queueKey, IPC_CREAT | 0666);
+    queueId = msgget(queueKey, IPC_CREAT | kIpcMode);
     if (queueId < 0) return kExitStart;
+    if constexpr (kHardened) restrictIpc();
 
     static QueueMessage stale;
     while (msgrcv(queueId, &stale, kQueueTextSize, 0, IPC_NOWAIT) > 0) {

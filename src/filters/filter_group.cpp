@@ -8,6 +8,7 @@
 #include "filters/route_filters.h"
 #include "model/config_model.h"
 #include "model/device_numbers.h"
+#include "model/value_rules.h"
 
 namespace {
 
@@ -192,9 +193,17 @@ int writeFilter(const RequestMessage& request, AnswerMessage& answer, ConfigMode
             break;
         }
         case Comment:
+            if constexpr (kHardened) {
+                if (const char* refusal = rules::checkStoredText(request.da))
+                    return failText(answer, refusal);
+            }
             copyText(filter->Comment, request.da, kCommentChars);
             break;
         case Name:
+            if constexpr (kHardened) {
+                if (const char* refusal = rules::checkStoredText(request.da))
+                    return failText(answer, refusal);
+            }
             copyText(filter->Name, request.da, kNameChars);
             break;
         default:

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "model/config_model.h"
+#include "model/value_rules.h"
 
 namespace {
 
@@ -41,7 +42,11 @@ int readOnly(const RequestMessage&, AnswerMessage& answer, ConfigModel&) {
     return failText(answer, kReadOnlyText);
 }
 
-int writeDescription(const RequestMessage& request, AnswerMessage&, ConfigModel& model) {
+int writeDescription(const RequestMessage& request, AnswerMessage& answer, ConfigModel& model) {
+    if constexpr (kHardened) {
+        if (const char* refusal = rules::checkStoredText(request.da))
+            return failText(answer, refusal);
+    }
     copyText(model.general.Description, request.da, kDataSize);
     model.changed.mark(flag::General);
     return 0;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "model/config_model.h"
+#include "model/value_rules.h"
 #include "sys/system.h"
 
 namespace {
@@ -45,6 +46,13 @@ int readHost(const RequestMessage& request, AnswerMessage& answer, ConfigModel& 
 }
 
 int setHost(const RequestMessage& request, AnswerMessage& answer, ConfigModel& model) {
+    if constexpr (kHardened) {
+        // Before the mark: a refused name leaves nothing to apply or store.
+        if (request.f2 == kHostNameParam) {
+            if (const char* refusal = rules::checkHostName(request.da))
+                return failText(answer, refusal);
+        }
+    }
     // Marked before the check, so even a refused write sets the host name and stores at the
     // end of the session.
     model.changed.mark(flag::Host);

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "model/config_model.h"
+#include "model/value_rules.h"
 #include "network/nw.h"
 
 namespace {
@@ -73,7 +74,11 @@ constexpr InterfaceReader kInterfaceReaders[] = {
 using InterfaceWriter = int (*)(const RequestMessage& request, AnswerMessage& answer,
                                 LanInterface& lan);
 
-int writeIfName(const RequestMessage& request, AnswerMessage&, LanInterface& lan) {
+int writeIfName(const RequestMessage& request, AnswerMessage& answer, LanInterface& lan) {
+    if constexpr (kHardened) {
+        if (const char* refusal = rules::checkInterfaceName(request.da))
+            return failText(answer, refusal);
+    }
     copyText(lan.IfName, request.da);  // at most 127 characters, always terminated
     return 0;
 }

@@ -11,6 +11,7 @@
 
 #include "model/config_model.h"
 #include "model/device_numbers.h"
+#include "model/value_rules.h"
 #include "network/nw.h"
 #include "network/platform_config.h"
 #include "network/wlan_count.h"
@@ -176,9 +177,13 @@ using InterfaceWriter = int (*)(const RequestMessage& request, AnswerMessage& an
                                 ConfigModel& model);
 
 // At most as many characters as the field holds (127 for the name, 32 for the SSID, 64 for the
-// key), always terminated.
-template <auto Field>
-int writeText(const RequestMessage& request, AnswerMessage&, ConfigModel& model) {
+// key), always terminated. `Check` is the hardened profile's rule for the text.
+template <auto Field, const char* (*Check)(const char*)>
+int writeText(const RequestMessage& request, [[maybe_unused]] AnswerMessage& answer,
+              ConfigModel& model) {
+    if constexpr (kHardened) {
+        if (const char* refusal = Check(request.da)) return failText(answer, refusal);
+    }
     copyText(model.wlan.*Field, request.da);
     return 0;
 }
@@ -249,12 +254,12 @@ int refuseUnknown(const RequestMessage& request, AnswerMessage& answer, ConfigMo
 }
 
 constexpr InterfaceWriter kInterfaceWriters[] = {
-    writeText<&WlanInterface::IfName>,                                  // 0
-    writeText<&WlanInterface::SSID>,                                    // 1
+    writeText<&WlanInterface::IfName, rules::checkInterfaceName>,       // 0
+    writeText<&WlanInterface::SSID, rules::checkSsid>,                  // 1
     writeSwitch<&WlanInterface::Encryption>,                            // 2
     writeEncryptionType,                                                // 3
     writeKeyType,                                                       // 4
-    writeText<&WlanInterface::Key>,                                     // 5
+    writeText<&WlanInterface::Key, rules::checkWlanKey>,                // 5
     refuseReadOnly,                                                     // 6 supported modes
     writeMode,                                                          // 7
     writeSwitch<&WlanInterface::UseDHCP>,                               // 8

@@ -9,6 +9,7 @@
 #include "filters/route_filters.h"
 #include "model/config_model.h"
 #include "model/device_numbers.h"
+#include "model/value_rules.h"
 #include "routing/destination.h"
 #include "routing/gateway.h"
 #include "sys/system.h"
@@ -198,7 +199,10 @@ void setBit(uint32_t& word, uint32_t bit, bool on) {
     word = on ? word | bit : word & ~bit;
 }
 
-int writeName(const char* value, AnswerMessage&, ConfigModel& model, unsigned index) {
+int writeName(const char* value, AnswerMessage& answer, ConfigModel& model, unsigned index) {
+    if constexpr (kHardened) {
+        if (const char* refusal = rules::checkStoredText(value)) return failText(answer, refusal);
+    }
     copyText(model.routes[index].RtInfo, value, kRtInfoChars);
     return 0;
 }
@@ -218,7 +222,11 @@ int writeType(const char* value, AnswerMessage&, ConfigModel& model, unsigned in
     return 0;
 }
 
-int writeInterface(const char* value, AnswerMessage&, ConfigModel& model, unsigned index) {
+int writeInterface(const char* value, AnswerMessage& answer, ConfigModel& model, unsigned index) {
+    if constexpr (kHardened) {
+        if (const char* refusal = rules::checkInterfaceName(value))
+            return failText(answer, refusal);
+    }
     copyText(model.routes[index].image.info.interface1, value, kInterfaceChars);
     return 0;
 }

@@ -1,0 +1,50 @@
+// The hardened daemon end to end: who may reach its queue, semaphores and lock file, and a host
+// name with shell syntax that never reaches a command line.
+
+#include <grp.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+
+#include "harness.h"
+#include "model/value_rules.h"
+
+namespace e2e {
+namespace {
+
+TEST(HardenedDaemon, RefusesShellSyntaxAndOpensItsIpcToTheFrontEndOnly) {
+    Daemon d(121, 122, Daemon::freshFile(""), CFGD_E2E_HARDENED_DAEMON);
+    ASSERT_NE(d.up(), "") << d.process.output();
+    const group* frontEnd = getgrnam(CFGD_E2E_HARDENED_GROUP);
+    const gid_t gid = frontEnd != nullptr ? frontEnd->gr_gid : 0;  // else root's, as it says
+    msqid_ds queue{};
+    ASSERT_EQ(msgctl(d.queue, IPC_STAT, &queue), 0);
+    EXPECT_EQ(std::pair(queue.msg_perm.mode & 0777, queue.msg_perm.gid), std::pair(0660u, gid));
+    semid_ds set{};
+    const int sets = semget(121, 0, 0);
+    ASSERT_EQ(semctl(sets, 0, IPC_STAT, &set), 0);
+    EXPECT_EQ(std::pair(set.sem_perm.mode & 0777, set.sem_perm.gid), std::pair(0660u, gid));
+    struct stat lock {};
+    ASSERT_EQ(stat(d.lock.c_str(), &lock), 0);
+    EXPECT_EQ(lock.st_mode & 0777, 0644u);
+
+    const std::string logPath = sandbox("CFGD_SANDBOX_LOG");
+    const std::size_t logged = readFile(logPath).size();
+    const char* name = "gw$(touch /tmp/x)";
+    EXPECT_TRUE(d.start(121, 0, 2));
+    EXPECT_TRUE(d.answers(text(SET_PARAM, 1, 0, 0, std::string(name) + '\0'),
+                          text(NEG_ANSW, 1, 0, 0, rules::kHostNameText)));
+    EXPECT_TRUE(d.sets(2, 1, 1, "1"));  // DHCP on: its client line carries the host name
+    EXPECT_TRUE(d.end());
+    EXPECT_TRUE(d.answers(text(ABORT_SESSION, 0, 0, 0), ok(0, 0, 0)));  // reloads: canoipd
+    std::string log;
+    EXPECT_TRUE(poll(
+        [&] {
+            return (log = readFile(logPath).substr(logged)).find("canoipd -P") != std::string::npos;
+        },
+        kAnswerMs));
+    EXPECT_NE(log.find("udhcpc.sh restart"), std::string::npos) << log;
+    EXPECT_EQ(log.find("gw$("), std::string::npos) << log;
+}
+
+}  // namespace
+}  // namespace e2e
