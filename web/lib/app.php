@@ -283,7 +283,7 @@ function run_cfgctl(array $arguments): array
         ...$arguments]);
 }
 
-// A fault of the bootstrap itself, before a page's own try.
+// A fault that escapes a page (or the bootstrap itself) replaces whatever the page made.
 set_exception_handler(static fn (Throwable $e) => fail_page($e, basename($_SERVER['SCRIPT_NAME'] ?? '')));
 start_php_session();
 header('X-Content-Type-Options: nosniff');

@@ -77,7 +77,11 @@ function trial_section(array $trial, string $page): void
 <?php
 }
 
-function layout_start(string $page, string $title): void
+/**
+ * The page's head, navigation, banners and pending trial. False, after saying so, when the page
+ * has no values to show (cfgd could not give them; the banner says why).
+ */
+function layout_start(string $page, string $title, bool $hasValues = true): bool
 {
     $trial = App::$trial = pending_trial();
     $id = App::$identity;
@@ -119,6 +123,10 @@ function layout_start(string $page, string $title): void
     if ($trial !== null) {
         trial_section($trial, $page);
     }
+    if (!$hasValues) {
+        echo '<p>', h(TEXT['no_data']), "</p>\n";
+    }
+    return $hasValues;
 }
 
 function layout_end(): void

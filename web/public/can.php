@@ -5,23 +5,19 @@ declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
 
 $page = 'can.php';
-try {
-    $form = new Form(array_merge(...array_map('can_fields', CAN_INTERFACES)));
-    if (posted_action() === 'save') {
-        $form->handle();
-    }
-    $names = array_keys($form->fields);
-    foreach (CAN_INTERFACES as $can) {
-        array_push($names, "$can.sample_point", "$can.manual_bit_timing", "$can.bit_timing",
-            "$can.real_bitrate", "$can.real_sample_point", "$can.state");
-    }
-    $v = read_page($names);
+$form = new Form(array_merge(...array_map('can_fields', CAN_INTERFACES)));
+if (posted_action() === 'save') {
+    $form->handle();
+}
+$names = array_keys($form->fields);
+foreach (CAN_INTERFACES as $can) {
+    array_push($names, "$can.sample_point", "$can.manual_bit_timing", "$can.bit_timing",
+        "$can.real_bitrate", "$can.real_sample_point", "$can.state");
+}
+$v = read_page($names);
 
-    layout_start($page, 'CAN interfaces');
-    if ($v === null) {
-        echo '<p>', h(TEXT['no_data']), "</p>\n";
-    } else {
-        ?>
+if (layout_start($page, 'CAN interfaces', $v !== null)) {
+    ?>
 <form id="form-settings" method="post" action="can.php">
 <datalist id="bit-rates">
 <?php foreach (BIT_RATES as $rate) { ?>
@@ -32,14 +28,14 @@ try {
 <fieldset class="card" id="<?= h($can) ?>">
   <legend><?= h($can) ?></legend>
   <?= $form->row("$can.active", $v, 'now: <span id="state-' . h($can) . '">'
-      . h(label_of(CAN_STATES, $v["$can.state"])) . '</span>') ?>
+  . h(label_of(CAN_STATES, $v["$can.state"])) . '</span>') ?>
   <?= $form->row("$can.bitrate", $v, 'running at ' . h($v["$can.real_bitrate"] ?? '–') . ' bit/s') ?>
 <?php if ($v["$can.manual_bit_timing"] === '1') { ?>
   <?= info_row('Register timing', $v["$can.bit_timing"], "timing-$can") ?>
   <p class="help">The configuration file sets register timing; a new bit rate replaces it with rate timing.</p>
 <?php } ?>
   <?= info_row('Sample point', per_mille($v["$can.sample_point"]) . ' (running: '
-      . per_mille($v["$can.real_sample_point"]) . ')', "sample-point-$can") ?>
+  . per_mille($v["$can.real_sample_point"]) . ')', "sample-point-$can") ?>
   <?= $form->row("$can.listen_only", $v) ?>
   <?= $form->row("$can.loopback", $v) ?>
   <?= $form->row("$can.auto_resume", $v) ?>
@@ -48,8 +44,5 @@ try {
 <?= $form->buttons() ?>
 </form>
 <?php
-    }
-    layout_end();
-} catch (Throwable $e) {
-    fail_page($e, $page);
 }
+layout_end();

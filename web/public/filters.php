@@ -5,30 +5,26 @@ declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
 
 $page = 'filters.php';
-try {
-    $fields = [];
-    for ($n = 1; $n <= FILTER_COUNT; $n++) {
-        array_push($fields, ...filter_fields($n));
+$fields = [];
+for ($n = 1; $n <= FILTER_COUNT; $n++) {
+    array_push($fields, ...filter_fields($n));
+}
+$form = new Form($fields);
+if (posted_action() === 'save') {
+    $form->handle();
+}
+// Only the defined filters can be read; the others would each cost a refused read.
+$v = read_page(['filter.count', 'filter.max', 'filter.list'], function (array $v): array {
+    $names = [];
+    foreach (defined_filters($v['filter.list']) as $n) {
+        array_push($names, ...array_column(filter_fields($n), 'name'));
     }
-    $form = new Form($fields);
-    if (posted_action() === 'save') {
-        $form->handle();
-    }
-    // Only the defined filters can be read; the others would each cost a refused read.
-    $v = read_page(['filter.count', 'filter.max', 'filter.list'], function (array $v): array {
-        $names = [];
-        foreach (defined_filters($v['filter.list']) as $n) {
-            array_push($names, ...array_column(filter_fields($n), 'name'));
-        }
-        return $names;
-    });
-    $columns = ['kind' => 'Kind', 'type' => 'Action', 'term' => 'Term', 'name' => 'Name', 'comment' => 'Comment'];
+    return $names;
+});
+$columns = ['kind' => 'Kind', 'type' => 'Action', 'term' => 'Term', 'name' => 'Name', 'comment' => 'Comment'];
 
-    layout_start($page, 'Filters');
-    if ($v === null) {
-        echo '<p>', h(TEXT['no_data']), "</p>\n";
-    } else {
-        ?>
+if (layout_start($page, 'Filters', $v !== null)) {
+    ?>
 <p id="filter-count"><?= h($v['filter.count'] ?? '–') ?> of <?= h($v['filter.max'] ?? (string) FILTER_COUNT) ?> filters defined.</p>
 <p class="help">Choose a kind to create a filter and "<?= h(FILTER_KINDS['0']) ?>" to delete one.
   Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.
@@ -38,19 +34,16 @@ try {
   <thead><tr><th>#</th><?php foreach ($columns as $label) { ?><th><?= h($label) ?></th><?php } ?></tr></thead>
   <tbody>
 <?php for ($n = 1; $n <= FILTER_COUNT; $n++) { ?>
-    <tr class="<?= $v["filter$n.kind"] ?? null ? '' : 'unused' ?>"><th scope="row"><?= $n ?></th>
+<tr class="<?= $v["filter$n.kind"] ?? null ? '' : 'unused' ?>"><th scope="row"><?= $n ?></th>
 <?php foreach ($columns as $p => $label) { ?>
-      <td data-label="<?= h($label) ?>"><?= $form->input("filter$n.$p", $v) ?><?= $form->error("filter$n.$p") ?></td>
+  <td data-label="<?= h($label) ?>"><?= $form->input("filter$n.$p", $v) ?><?= $form->error("filter$n.$p") ?></td>
 <?php } ?>
-    </tr>
+</tr>
 <?php } ?>
   </tbody>
 </table></div>
 <?= $form->buttons() ?>
 </form>
 <?php
-    }
-    layout_end();
-} catch (Throwable $e) {
-    fail_page($e, $page);
 }
+layout_end();

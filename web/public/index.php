@@ -6,88 +6,81 @@ declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
 
 $page = 'index.php';
-try {
-    $counters = array_slice(ROUTE_COUNTERS, 0, STATUS_COUNTERS, true);
-    $names = ['general.description', 'general.hw_version', 'general.sw_version',
-        'general.gateway_version', 'general.kl15_power_down',
-        'lan0.dhcp', 'lan0.ipv4', 'lan0.netmask', 'lan0.ipv4_gateway', 'lan0.mac'];
-    foreach (CAN_INTERFACES as $can) {
-        array_push($names, "$can.active", "$can.state", "$can.real_bitrate", "$can.real_sample_point");
-    }
-    for ($n = 1; $n <= ROUTE_COUNT; $n++) {
-        array_push($names, "route$n.name", "route$n.state", "route$n.type", "route$n.interface",
-            "route$n.destination", ...array_map(fn ($c) => "route$n.$c", array_keys($counters)));
-    }
-    $v = read_page($names);
+$counters = array_slice(ROUTE_COUNTERS, 0, STATUS_COUNTERS, true);
+$names = ['general.description', 'general.hw_version', 'general.sw_version',
+    'general.gateway_version', 'general.kl15_power_down',
+    'lan0.dhcp', 'lan0.ipv4', 'lan0.netmask', 'lan0.ipv4_gateway', 'lan0.mac'];
+foreach (CAN_INTERFACES as $can) {
+    array_push($names, "$can.active", "$can.state", "$can.real_bitrate", "$can.real_sample_point");
+}
+for ($n = 1; $n <= ROUTE_COUNT; $n++) {
+    array_push($names, "route$n.name", "route$n.state", "route$n.type", "route$n.interface",
+        "route$n.destination", ...array_map(fn ($c) => "route$n.$c", array_keys($counters)));
+}
+$v = read_page($names);
 
-    layout_start($page, 'Status');
-    if ($v === null) {
-        echo '<p>', h(TEXT['no_data']), "</p>\n";
-    } else {
-        ?>
+if (layout_start($page, 'Status', $v !== null)) {
+    ?>
 <section class="card">
   <h2>Device</h2>
   <?= facts([
-      'Description' => $v['general.description'],
-      'Order number' => $v['general.order_number'],
-      'Serial number' => $v['general.serial_number'],
-      'Host name' => $v['host.name'],
-      'Hardware version' => $v['general.hw_version'],
-      'Software version (BSP)' => $v['general.sw_version'],
-      'Gateway version' => $v['general.gateway_version'],
-      'KL15 power-down' => label_of(ON_OFF, $v['general.kl15_power_down']),
+  'Description' => $v['general.description'],
+  'Order number' => $v['general.order_number'],
+  'Serial number' => $v['general.serial_number'],
+  'Host name' => $v['host.name'],
+  'Hardware version' => $v['general.hw_version'],
+  'Software version (BSP)' => $v['general.sw_version'],
+  'Gateway version' => $v['general.gateway_version'],
+  'KL15 power-down' => label_of(ON_OFF, $v['general.kl15_power_down']),
   ], ['Software version (BSP)' => 'sw-version', 'Gateway version' => 'gateway-version']) ?>
 </section>
 <section class="card">
   <h2>CAN</h2>
   <div class="scroll"><table id="status-can">
-    <thead><tr><th>Interface</th><th>Active</th><th>State</th><th>Bit rate</th><th>Sample point</th></tr></thead>
-    <tbody>
+<thead><tr><th>Interface</th><th>Active</th><th>State</th><th>Bit rate</th><th>Sample point</th></tr></thead>
+<tbody>
 <?php foreach (CAN_INTERFACES as $can) { ?>
-      <tr><td><a href="can.php#<?= h($can) ?>"><?= h($can) ?></a></td>
-        <td><?= h(label_of(ON_OFF, $v["$can.active"])) ?></td>
-        <td id="state-<?= h($can) ?>"><?= h(label_of(CAN_STATES, $v["$can.state"])) ?></td>
-        <td><?= h($v["$can.real_bitrate"] ?? '–') ?> bit/s</td>
-        <td><?= h(per_mille($v["$can.real_sample_point"])) ?></td></tr>
+  <tr><td><a href="can.php#<?= h($can) ?>"><?= h($can) ?></a></td>
+    <td><?= h(label_of(ON_OFF, $v["$can.active"])) ?></td>
+    <td id="state-<?= h($can) ?>"><?= h(label_of(CAN_STATES, $v["$can.state"])) ?></td>
+    <td><?= h($v["$can.real_bitrate"] ?? '–') ?> bit/s</td>
+    <td><?= h(per_mille($v["$can.real_sample_point"])) ?></td></tr>
 <?php } ?>
-    </tbody>
+</tbody>
   </table></div>
 </section>
 <section class="card">
   <h2>LAN (eth0)</h2>
   <?= facts([
-      'Address' => ($v['lan0.ipv4'] ?? '–') . ($v['lan0.dhcp'] === '1' ? ' (DHCP)' : ''),
-      'Netmask' => $v['lan0.netmask'],
-      'Gateway' => $v['lan0.ipv4_gateway'],
-      'MAC address' => $v['lan0.mac'],
+  'Address' => ($v['lan0.ipv4'] ?? '–') . ($v['lan0.dhcp'] === '1' ? ' (DHCP)' : ''),
+  'Netmask' => $v['lan0.netmask'],
+  'Gateway' => $v['lan0.ipv4_gateway'],
+  'MAC address' => $v['lan0.mac'],
   ], ['Address' => 'lan-address', 'MAC address' => 'lan-mac']) ?>
 </section>
 <section class="card">
   <h2>Routes</h2>
   <div class="scroll"><table id="status-routes">
-    <thead><tr><th>#</th><th>Name</th><th>State</th><th>Direction</th><th>Destination</th>
+<thead><tr><th>#</th><th>Name</th><th>State</th><th>Direction</th><th>Destination</th>
 <?php foreach ($counters as $label) { ?>
-      <th class="num"><?= h($label) ?></th>
+  <th class="num"><?= h($label) ?></th>
 <?php } ?>
-    </tr></thead>
-    <tbody>
+</tr></thead>
+<tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) { ?>
-      <tr<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><td><a href="routes.php?route=<?= $n ?>"><?= $n ?></a></td>
-        <td><?= h($v["route$n.name"]) ?></td>
-        <td><?= h(label_of(ROUTE_STATES, $v["route$n.state"])) ?></td>
-        <td><?= h(label_of(ROUTE_TYPES, $v["route$n.type"])) ?> <?= h($v["route$n.interface"]) ?></td>
-        <td><?= h($v["route$n.destination"]) ?></td>
+  <tr<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><td><a href="routes.php?route=<?= $n ?>"><?= $n ?></a></td>
+    <td><?= h($v["route$n.name"]) ?></td>
+    <td><?= h(label_of(ROUTE_STATES, $v["route$n.state"])) ?></td>
+    <td><?= h(label_of(ROUTE_TYPES, $v["route$n.type"])) ?> <?= h($v["route$n.interface"]) ?></td>
+    <td><?= h($v["route$n.destination"]) ?></td>
 <?php foreach (array_keys($counters) as $c) { ?>
-        <td class="num"><?= h($v["route$n.$c"]) ?></td>
+    <td class="num"><?= h($v["route$n.$c"]) ?></td>
 <?php } ?>
-      </tr>
+  </tr>
 <?php } ?>
-    </tbody>
+</tbody>
   </table></div>
 </section>
 <?php
-    }
-    layout_end();
-} catch (Throwable $e) {
-    fail_page($e, $page);
 }
+layout_end();

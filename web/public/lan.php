@@ -6,18 +6,14 @@ declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
 
 $page = 'lan.php';
-try {
-    $form = new Form(lan_fields());
-    if (posted_action() === 'save') {
-        $form->handle();
-    }
-    $v = read_page([...array_keys($form->fields), 'lan0.if_name', 'lan0.mac']);
+$form = new Form(lan_fields());
+if (posted_action() === 'save') {
+    $form->handle();
+}
+$v = read_page([...array_keys($form->fields), 'lan0.if_name', 'lan0.mac']);
 
-    layout_start($page, 'LAN');
-    if ($v === null) {
-        echo '<p>', h(TEXT['no_data']), "</p>\n";
-    } else {
-        ?>
+if (layout_start($page, 'LAN', $v !== null)) {
+    ?>
 <form id="form-settings" method="post" action="lan.php">
 <fieldset class="card">
   <legend><?= h($v['lan0.if_name'] ?? 'eth0') ?></legend>
@@ -35,8 +31,5 @@ try {
 <?= $form->buttons() ?>
 </form>
 <?php
-    }
-    layout_end();
-} catch (Throwable $e) {
-    fail_page($e, $page);
 }
+layout_end();

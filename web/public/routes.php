@@ -6,89 +6,85 @@ declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
 
 $page = 'routes.php';
-try {
-    $route = filter_var($_GET['route'] ?? null, FILTER_VALIDATE_INT,
-        ['options' => ['min_range' => 1, 'max_range' => ROUTE_COUNT]]);
-    $route = $route === false ? null : $route;
-    $form = new Form($route !== null ? route_fields($route) : []);
-    $action = posted_action();  // also refuses a bad token where there is no form
-    $action = $route !== null ? $action : null;
-    if ($action === 'save') {
-        $form->handle();
-    } elseif ($action === 'reset_stats') {
-        $session = new_session();
-        try {
-            $session->start(1);
-            $session->write("route$route.reset_stats", '1');
-            $session->finish();
-            banner('ok', "The statistics of route $route are reset.");
-        } catch (Cfgd\Refused $e) {
-            $session->abort();  // a refused write leaves the session open
-            banner('error', "The statistics of route $route cannot be reset: " . $e->getMessage()
-                . ' (a route that is off has none).');
-        } catch (Cfgd\Error $e) {
-            banner_for($e);
-        }
+$route = filter_var($_GET['route'] ?? null, FILTER_VALIDATE_INT,
+    ['options' => ['min_range' => 1, 'max_range' => ROUTE_COUNT]]);
+$route = $route === false ? null : $route;
+$form = new Form($route !== null ? route_fields($route) : []);
+$action = posted_action();  // also refuses a bad token where there is no form
+$action = $route !== null ? $action : null;
+if ($action === 'save') {
+    $form->handle();
+} elseif ($action === 'reset_stats') {
+    $session = new_session();
+    try {
+        $session->start(1);
+        $session->write("route$route.reset_stats", '1');
+        $session->finish();
+        banner('ok', "The statistics of route $route are reset.");
+    } catch (Cfgd\Refused $e) {
+        $session->abort();  // a refused write leaves the session open
+        banner('error', "The statistics of route $route cannot be reset: " . $e->getMessage()
+            . ' (a route that is off has none).');
+    } catch (Cfgd\Error $e) {
+        banner_for($e);
     }
+}
 
-    $columns = ['name', 'state', 'type', 'interface', 'protocol', 'destination', 'fpp', 'filters'];
-    $names = [];
-    for ($n = 1; $n <= ROUTE_COUNT; $n++) {
-        array_push($names, ...array_map(fn ($c) => "route$n.$c", $columns));
+$columns = ['name', 'state', 'type', 'interface', 'protocol', 'destination', 'fpp', 'filters'];
+$names = [];
+for ($n = 1; $n <= ROUTE_COUNT; $n++) {
+    array_push($names, ...array_map(fn ($c) => "route$n.$c", $columns));
+}
+if ($route !== null) {
+    $names = array_merge($names,
+        array_keys(array_filter($form->fields, fn ($f) => empty($f['writeOnly']))),
+        ["route$route.retry_delay", "route$route.retry_count", 'filter.list'],
+        array_map(fn ($c) => "route$route.$c", array_keys(ROUTE_COUNTERS)));
+}
+// The defined filters' names label the route's filter choices.
+$v = read_page(array_unique($names), fn ($v) => array_map(fn ($n) => "filter$n.name",
+    defined_filters($v['filter.list'] ?? null)));
+if ($v !== null && $route !== null) {
+    foreach (defined_filters($v['filter.list']) as $n) {
+        $form->filterChoices[$n] = "$n" . (($v["filter$n.name"] ?? '') !== '' ? ' ' . $v["filter$n.name"] : '');
     }
-    if ($route !== null) {
-        $names = array_merge($names,
-            array_keys(array_filter($form->fields, fn ($f) => empty($f['writeOnly']))),
-            ["route$route.retry_delay", "route$route.retry_count", 'filter.list'],
-            array_map(fn ($c) => "route$route.$c", array_keys(ROUTE_COUNTERS)));
-    }
-    // The defined filters' names label the route's filter choices.
-    $v = read_page(array_unique($names), fn ($v) => array_map(fn ($n) => "filter$n.name",
-        defined_filters($v['filter.list'] ?? null)));
-    if ($v !== null && $route !== null) {
-        foreach (defined_filters($v['filter.list']) as $n) {
-            $form->filterChoices[$n] = "$n" . (($v["filter$n.name"] ?? '') !== '' ? ' ' . $v["filter$n.name"] : '');
-        }
-    }
+}
 
-    layout_start($page, $route !== null ? "Route $route" : 'Routes');
-    if ($v === null) {
-        echo '<p>', h(TEXT['no_data']), "</p>\n";
-    } else {
-        ?>
+if (layout_start($page, $route !== null ? "Route $route" : 'Routes', $v !== null)) {
+    ?>
 <section class="card">
   <h2>All routes</h2>
   <div class="scroll"><table id="routes">
-    <thead><tr><th>#</th><th>Name</th><th>State</th><th>Direction</th><th>Interface</th>
-      <th>Protocol</th><th>Destination</th><th class="num">FPP</th><th>Filters</th></tr></thead>
-    <tbody>
+<thead><tr><th>#</th><th>Name</th><th>State</th><th>Direction</th><th>Interface</th>
+  <th>Protocol</th><th>Destination</th><th class="num">FPP</th><th>Filters</th></tr></thead>
+<tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) {
-    $r = "route$n"; ?>
-      <tr class="<?= $n === $route ? 'current' : '' ?><?= $v["$r.state"] === '0' ? ' off' : '' ?>">
-        <td><a id="route-link-<?= $n ?>" href="routes.php?route=<?= $n ?>"><?= $n ?></a></td>
-        <td><?= h($v["$r.name"]) ?></td>
-        <td><?= h(label_of(ROUTE_STATES, $v["$r.state"])) ?></td>
-        <td><?= h(label_of(ROUTE_TYPES, $v["$r.type"])) ?></td>
-        <td><?= h($v["$r.interface"]) ?></td>
-        <td><?= h(label_of(ROUTE_PROTOCOLS, $v["$r.protocol"])) ?></td>
-        <td><?= h($v["$r.destination"]) ?></td>
-        <td class="num"><?= h($v["$r.fpp"]) ?></td>
-        <td><?= h($v["$r.filters"] === '-1' ? '–' : $v["$r.filters"]) ?></td>
-      </tr>
+$r = "route$n"; ?>
+  <tr class="<?= $n === $route ? 'current' : '' ?><?= $v["$r.state"] === '0' ? ' off' : '' ?>">
+    <td><a id="route-link-<?= $n ?>" href="routes.php?route=<?= $n ?>"><?= $n ?></a></td>
+    <td><?= h($v["$r.name"]) ?></td>
+    <td><?= h(label_of(ROUTE_STATES, $v["$r.state"])) ?></td>
+    <td><?= h(label_of(ROUTE_TYPES, $v["$r.type"])) ?></td>
+    <td><?= h($v["$r.interface"]) ?></td>
+    <td><?= h(label_of(ROUTE_PROTOCOLS, $v["$r.protocol"])) ?></td>
+    <td><?= h($v["$r.destination"]) ?></td>
+    <td class="num"><?= h($v["$r.fpp"]) ?></td>
+    <td><?= h($v["$r.filters"] === '-1' ? '–' : $v["$r.filters"]) ?></td>
+  </tr>
 <?php } ?>
-    </tbody>
+</tbody>
   </table></div>
   <p class="help">Choose a route's number to change it.</p>
 </section>
 <?php
-        if ($route !== null) {
-            $r = "route$route";
-            ?>
+    if ($route !== null) {
+        $r = "route$route";
+        ?>
 <form id="form-settings" method="post" action="routes.php?route=<?= $route ?>">
 <fieldset class="card">
   <legend>Route <?= $route ?></legend>
 <?php foreach (['name', 'state', 'type', 'interface', 'protocol', 'destination', 'fpp', 'tcp_delay',
-    'no_control', 'display_index', 'cdm'] as $p) { ?>
+'no_control', 'display_index', 'cdm'] as $p) { ?>
   <?= $form->row("$r.$p", $v) ?>
 <?php } ?>
   <?= info_row('Retries', ($v["$r.retry_count"] ?? '–') . ' × every ' . ($v["$r.retry_delay"] ?? '–') . ' ms', 'retries') ?>
@@ -99,25 +95,22 @@ try {
   <?= $form->row("$r.unify_filters", $v) ?>
   <?= $form->row("$r.join_filters", $v) ?>
   <p class="help">A changed filter list reaches the gateway driver at once. Filters are defined on the
-    <a href="filters.php">Filters</a> page.</p>
+<a href="filters.php">Filters</a> page.</p>
 </fieldset>
 <?= $form->buttons() ?>
 </form>
 <section class="card">
   <h2>Statistics of route <?= $route ?></h2>
   <?= facts(array_combine(array_values(ROUTE_COUNTERS),
-      array_map(fn ($c) => $v["$r.$c"], array_keys(ROUTE_COUNTERS))),
-      array_combine(array_values(ROUTE_COUNTERS), array_map(fn ($c) => "stat-$c", array_keys(ROUTE_COUNTERS)))) ?>
+  array_map(fn ($c) => $v["$r.$c"], array_keys(ROUTE_COUNTERS))),
+  array_combine(array_values(ROUTE_COUNTERS), array_map(fn ($c) => "stat-$c", array_keys(ROUTE_COUNTERS)))) ?>
   <form id="form-reset" method="post" action="routes.php?route=<?= $route ?>">
-    <?= csrf_field() ?>
-    <input type="hidden" name="action" value="reset_stats">
-    <button type="submit" id="btn-reset-stats">Reset statistics</button>
+<?= csrf_field() ?>
+<input type="hidden" name="action" value="reset_stats">
+<button type="submit" id="btn-reset-stats">Reset statistics</button>
   </form>
 </section>
 <?php
-        }
     }
-    layout_end();
-} catch (Throwable $e) {
-    fail_page($e, $page);
 }
+layout_end();

@@ -75,25 +75,21 @@ function apply_upload(string $mode): ?string
 }
 
 $page = 'system.php';
-try {
-    if (($_GET['download'] ?? '') === '1' && ($_SERVER['REQUEST_METHOD'] ?? 'GET') === 'GET' && send_dump()) {
-        exit;
-    }
-    $form = new Form(system_fields());
-    $uploadLines = null;
-    $action = posted_action();
-    if ($action === 'save') {
-        $form->handle();
-    } elseif ($action === 'upload') {
-        $uploadLines = apply_upload(posted_mode());
-    }
-    $v = read_page([...array_keys($form->fields), 'general.kl15_power_down']);
+if (($_GET['download'] ?? '') === '1' && ($_SERVER['REQUEST_METHOD'] ?? 'GET') === 'GET' && send_dump()) {
+    exit;
+}
+$form = new Form(system_fields());
+$uploadLines = null;
+$action = posted_action();
+if ($action === 'save') {
+    $form->handle();
+} elseif ($action === 'upload') {
+    $uploadLines = apply_upload(posted_mode());
+}
+$v = read_page([...array_keys($form->fields), 'general.kl15_power_down']);
 
-    layout_start($page, 'System');
-    if ($v === null) {
-        echo '<p>', h(TEXT['no_data']), "</p>\n";
-    } else {
-        ?>
+if (layout_start($page, 'System', $v !== null)) {
+    ?>
 <form id="form-settings" method="post" action="system.php">
 <fieldset class="card">
   <legend>Device</legend>
@@ -113,26 +109,23 @@ try {
 <section class="card">
   <h2>Configuration file</h2>
   <p><a id="link-download" class="button" href="system.php?download=1">Download the configuration</a>
-    – every parameter as <code>name = value</code>, as <code>cfgctl dump</code> prints it.</p>
+– every parameter as <code>name = value</code>, as <code>cfgctl dump</code> prints it.</p>
   <form id="form-upload" method="post" action="system.php" enctype="multipart/form-data">
-    <?= csrf_field() ?>
-    <input type="hidden" name="action" value="upload">
-    <input type="hidden" name="MAX_FILE_SIZE" value="<?= UPLOAD_LIMIT ?>">
-    <div class="field"><label for="config">Upload and apply</label>
-      <div class="control"><input type="file" id="config" name="config" accept=".dump,.txt,text/plain">
-        <small class="help">A text of at most <?= UPLOAD_LIMIT / 1024 ?> KiB in the download's form (or a part of
-          it). Only the values that differ are written; if the device refuses one line, nothing is applied.</small></div></div>
-    <div class="buttons">
-      <button type="submit" id="btn-upload-trial" name="mode" value="trial" class="primary"><?= h(TEXT['save_trial']) ?></button>
-      <button type="submit" id="btn-upload-now" name="mode" value="now"><?= h(TEXT['save_now']) ?></button>
-    </div>
+<?= csrf_field() ?>
+<input type="hidden" name="action" value="upload">
+<input type="hidden" name="MAX_FILE_SIZE" value="<?= UPLOAD_LIMIT ?>">
+<div class="field"><label for="config">Upload and apply</label>
+  <div class="control"><input type="file" id="config" name="config" accept=".dump,.txt,text/plain">
+    <small class="help">A text of at most <?= UPLOAD_LIMIT / 1024 ?> KiB in the download's form (or a part of
+      it). Only the values that differ are written; if the device refuses one line, nothing is applied.</small></div></div>
+<div class="buttons">
+  <button type="submit" id="btn-upload-trial" name="mode" value="trial" class="primary"><?= h(TEXT['save_trial']) ?></button>
+  <button type="submit" id="btn-upload-now" name="mode" value="now"><?= h(TEXT['save_now']) ?></button>
+</div>
   </form>
 <?php if ($uploadLines !== null && $uploadLines !== '') { ?>
   <pre id="upload-output"><?= h($uploadLines) ?></pre>
 <?php } ?>
 </section>
 <?php
-    layout_end();
-} catch (Throwable $e) {
-    fail_page($e, $page);
-}
+layout_end();

@@ -6,35 +6,31 @@ declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
 
 $page = 'trial.php';
-try {
-    $back = $_POST['back'] ?? $_GET['back'] ?? '';
-    $back = is_string($back) && isset(PAGES[$back]) ? $back : 'index.php';
-    $action = posted_action();
-    if ($action === 'confirm' || $action === 'rollback') {
-        try {
-            if ($action === 'confirm') {
-                new_trial()->confirm();
-                banner('ok', 'The settings are kept: stored on the device.');
-            } else {
-                new_trial()->rollBack();
-                banner('ok', 'Rolled back: the device has its old settings again.');
-            }
-        } catch (Cfgd\Error $e) {
-            if ($e->getMessage() === 'no trial pending') {
-                banner('warn', 'No trial is pending: it was settled already, or its time ran out and it was rolled back.');
-            } else {
-                banner_for($e);
-            }
+$back = $_POST['back'] ?? $_GET['back'] ?? '';
+$back = is_string($back) && isset(PAGES[$back]) ? $back : 'index.php';
+$action = posted_action();
+if ($action === 'confirm' || $action === 'rollback') {
+    try {
+        if ($action === 'confirm') {
+            new_trial()->confirm();
+            banner('ok', 'The settings are kept: stored on the device.');
+        } else {
+            new_trial()->rollBack();
+            banner('ok', 'Rolled back: the device has its old settings again.');
+        }
+    } catch (Cfgd\Error $e) {
+        if ($e->getMessage() === 'no trial pending') {
+            banner('warn', 'No trial is pending: it was settled already, or its time ran out and it was rolled back.');
+        } else {
+            banner_for($e);
         }
     }
-    read_page([]);  // the header's identity
-
-    layout_start($page, 'Trial');
-    if (App::$trial === null) {
-        echo '<p id="no-trial">No trial is pending.</p>', "\n";
-    }
-    echo '<p><a href="', h($back), '">Back to ', h(PAGES[$back]), '</a></p>', "\n";
-    layout_end();
-} catch (Throwable $e) {
-    fail_page($e, $page);
 }
+read_page([]);  // the header's identity
+
+layout_start($page, 'Trial');
+if (App::$trial === null) {
+    echo '<p id="no-trial">No trial is pending.</p>', "\n";
+}
+echo '<p><a href="', h($back), '">Back to ', h(PAGES[$back]), '</a></p>', "\n";
+layout_end();
