@@ -1,6 +1,7 @@
 #include "daemon_session.h"
 
 #include <signal.h>
+#include <sys/msg.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -100,6 +101,14 @@ int DaemonSession::end(bool abort, bool keep) {
     std::fprintf(stderr, "cfgctl: %s: %s\n", abort ? "ABORT_SESSION" : "FINISH_SESSION",
                  answer_.da);
     return kExitRefused;
+}
+
+bool DaemonSession::queueAccess(unsigned& mode, unsigned& group) const {
+    msqid_ds queue{};
+    if (msgctl(cfgd_.queueId(), IPC_STAT, &queue) != 0) return false;
+    mode = queue.msg_perm.mode & 0777;
+    group = queue.msg_perm.gid;
+    return true;
 }
 
 int DaemonSession::check(Status status, bool inSession) {

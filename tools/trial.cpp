@@ -264,7 +264,10 @@ int refuseWritesDuringTrial(const Invocation& invocation) {
 int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& lines) {
     if (int status = refuseWritesDuringTrial(invocation); status != 0) return status;
     const std::string path = trialPath(lockPathOf(invocation));
-    if (!makeTrialDirectory(path)) {
+    DaemonSession cfgd(invocation);
+    if (int status = cfgd.open(); status != 0) return status;
+    unsigned ipcMode = 0, ipcGroup = 0;
+    if (!cfgd.queueAccess(ipcMode, ipcGroup) || !makeTrialDirectory(path, ipcMode, ipcGroup)) {
         std::fprintf(stderr, "cfgctl: cannot make the trial's directory for %s: %s\n", path.c_str(),
                      std::strerror(errno));
         return kExitUsage;
@@ -280,8 +283,6 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
     std::vector<ApplyLine> read = lines;
     const std::vector<ApplyLine> followers = followersOf(lines);
     read.insert(read.end(), followers.begin(), followers.end());
-    DaemonSession cfgd(invocation);
-    if (int status = cfgd.open(); status != 0) return status;
     std::vector<std::optional<std::string>> current;
     if (int status = readCurrentValues(cfgd, read, current); status != 0) return status;
     const std::vector<std::optional<std::string>> currentOfLines(current.begin(),

@@ -21,8 +21,7 @@ constexpr const char* kRecordName = "/record";
 constexpr const char* kLockSuffix = ".lock";
 constexpr const char* kNewSuffix = ".new";
 constexpr const char* kLogSuffix = ".log";
-// Every user that reaches the daemon's queue (open to all) may act on a trial.
-constexpr mode_t kSharedDirectoryMode = 0777;
+// The directory limits who reaches the files (see makeTrialDirectory).
 constexpr mode_t kSharedFileMode = 0666;
 
 // Opens `path` for writing with the shared mode, whatever the umask; -1 on failure.
@@ -125,11 +124,17 @@ std::string trialPath(const char* lockPath) {
     return std::string(lockPath) + kTrialDirectorySuffix + kRecordName;
 }
 
-bool makeTrialDirectory(const std::string& trialPath) {
+bool makeTrialDirectory(const std::string& trialPath, unsigned ipcMode, unsigned ipcGroup) {
     const std::string directory = trialPath.substr(0, trialPath.rfind('/'));
-    if (mkdir(directory.c_str(), kSharedDirectoryMode) == 0)
-        return chmod(directory.c_str(), kSharedDirectoryMode) == 0;  // past the umask
-    return errno == EEXIST;
+    // The queue's read and write bits for its group and for others become the directory's
+    // full access; files made in it take the group with the set-group-ID bit.
+    mode_t mode = S_IRWXU;
+    if ((ipcMode & 0060) != 0) mode |= S_IRWXG | S_ISGID;
+    if ((ipcMode & 0006) != 0) mode |= S_IRWXO;
+    if (mkdir(directory.c_str(), mode) != 0) return errno == EEXIST;
+    // Root gives it the queue's group; another user's own group is the queue's already.
+    if (getegid() != ipcGroup) (void)chown(directory.c_str(), static_cast<uid_t>(-1), ipcGroup);
+    return chmod(directory.c_str(), mode) == 0;  // past the umask, and after the group
 }
 
 std::string guardLogPath(const std::string& trialPath) {

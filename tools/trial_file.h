@@ -27,12 +27,17 @@ struct TrialRecord {
 };
 
 // The record "<lock file>.trial/record", one trial per daemon. Its directory, with the record's
-// lock and the guard's log, is open to every user that may reach the daemon, so that a trial
-// started by the web server's user can be confirmed by root and the other way round (the RAM
-// disk's sticky /tmp would let only the record's owner replace or remove it).
+// lock and the guard's log, is open to exactly the users that may reach the daemon's queue, so
+// that a trial started by the web server's user can be confirmed by root and the other way
+// round (the RAM disk's sticky /tmp would let only the record's owner replace or remove it),
+// and so that nobody who cannot write to the daemon can plant a record that another user's
+// rollback would write.
 std::string trialPath(const char* lockPath);
-// Makes the record's directory when missing; false when it cannot be made.
-[[nodiscard]] bool makeTrialDirectory(const std::string& trialPath);
+// Makes the record's directory when missing, with the access of the daemon's queue (`ipcMode`
+// and `ipcGroup` as the queue has them); a directory that exists is used as it is. False when it
+// cannot be made.
+[[nodiscard]] bool makeTrialDirectory(const std::string& trialPath, unsigned ipcMode,
+                                      unsigned ipcGroup);
 // The guard's log beside the record.
 std::string guardLogPath(const std::string& trialPath);
 

@@ -12,7 +12,7 @@ namespace e2e {
 namespace {
 
 TEST(HardenedDaemon, RefusesShellSyntaxAndOpensItsIpcToTheFrontEndOnly) {
-    Daemon d(121, 122, Daemon::freshFile(""), CFGD_E2E_HARDENED_DAEMON);
+    Daemon d(121, 122, Daemon::freshFile("#\n"), CFGD_E2E_HARDENED_DAEMON);
     ASSERT_NE(d.up(), "") << d.process.output();
     const group* frontEnd = getgrnam(CFGD_E2E_HARDENED_GROUP);
     const gid_t gid = frontEnd != nullptr ? frontEnd->gr_gid : 0;  // else root's, as it says
@@ -26,6 +26,14 @@ TEST(HardenedDaemon, RefusesShellSyntaxAndOpensItsIpcToTheFrontEndOnly) {
     struct stat lock {};
     ASSERT_EQ(stat(d.lock.c_str(), &lock), 0);
     EXPECT_EQ(lock.st_mode & 0777, 0644u);
+    // A trial's directory is open to those the queue is open to, and to nobody else.
+    const Outcome trial = cfgctl(d, {"set", "--trial", "60", "can1.bitrate", "250000"});
+    EXPECT_EQ(trial.status, 0) << trial.output;
+    struct stat directory {};
+    ASSERT_EQ(stat((d.lock + ".trial").c_str(), &directory), 0);
+    EXPECT_EQ(std::pair(directory.st_mode & 07777, directory.st_gid), std::pair(02770u, gid));
+    const Outcome rolledBack = cfgctl(d, {"rollback"});
+    EXPECT_EQ(rolledBack.status, 0) << rolledBack.output;
 
     const std::string logPath = sandbox("CFGD_SANDBOX_LOG");
     const std::size_t logged = readFile(logPath).size();

@@ -2,6 +2,8 @@
 // its deadline by a guard that outlives cfgctl unless confirmed, and the faults around it (the
 // guard killed, the daemon restarted or gone, a refused old value, a damaged record).
 
+#include <sys/stat.h>
+
 #include <algorithm>
 
 #include "harness.h"
@@ -24,7 +26,9 @@ std::size_t logged(std::size_t first, const std::string& prefix) {
 
 // A daemon of its own on the defaults (can1 at 500000), with a trial of can1.bitrate 250000.
 struct TrialSetUp {
-    explicit TrialSetUp(int key, int seconds = kTrialSeconds) : d(key, key + 1) {
+    // A file of its own (a comment), so that no backup an earlier test stored is put back.
+    explicit TrialSetUp(int key, int seconds = kTrialSeconds)
+        : d(key, key + 1, Daemon::freshFile("#\n")) {
         EXPECT_NE(d.up(), "") << d.process.output();
         stored = readFile(d.file);
         first = commands().size();
@@ -50,6 +54,9 @@ TEST(Trial, RolledBackAtTheDeadlineWithoutTouchingTheFile) {
     TrialSetUp t(93);
     EXPECT_NE(t.started.output.find("can1.bitrate: 500000 -> 250000"), std::string::npos);
     EXPECT_EQ(cfgctl(t.d, {"get", "can1.bitrate"}).output, "250000\n");  // reads go on
+    struct stat directory {};  // open to all, as the legacy daemon's queue is
+    EXPECT_EQ(stat((t.d.lock + ".trial").c_str(), &directory) == 0 ? directory.st_mode & 0777 : 0,
+              0777u);
     EXPECT_TRUE(poll([&] { return !t.pending(); }, kDeadlineMs));
     EXPECT_EQ(logged(t.first, kOldRate), 1u);
     EXPECT_EQ(logged(t.first, "mv "), 0u);
