@@ -12,7 +12,7 @@ import base64, os, re, subprocess, sys, tempfile, time, urllib.error, urllib.par
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
-from selenium.webdriver.support.expected_conditions import staleness_of
+from selenium.common.exceptions import WebDriverException
 from selenium.webdriver.support.ui import WebDriverWait
 
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -98,11 +98,21 @@ def set_field(name, value):
     field.send_keys(value)
 
 
+def left(element):
+    """Whether the browser has left the page of `element`: Chromium answers for a node of a
+    document it has replaced either that it is stale or that it belongs to no document."""
+    try:
+        element.is_enabled()
+        return False
+    except WebDriverException:
+        return True
+
+
 def press(button_id):
     """Clicks a submit button and waits for the page it leads to."""
     old = DRIVER.find_element(By.TAG_NAME, "html")
     by_id(button_id).click()
-    WebDriverWait(DRIVER, 60).until(staleness_of(old))
+    WebDriverWait(DRIVER, 60).until(lambda _: left(old))
     WebDriverWait(DRIVER, 60).until(lambda d: d.execute_script("return document.readyState") == "complete")
 
 
