@@ -16,6 +16,7 @@
 #include "client.h"
 #include "core/options.h"
 #include "daemon_session.h"
+#include "read_file.h"
 #include "trial.h"
 
 namespace {
@@ -145,11 +146,7 @@ bool readWholeFile(const char* path, std::string& text) {
         std::fprintf(stderr, "cfgctl: cannot open %s: %s\n", path, std::strerror(errno));
         return false;
     }
-    char buffer[4096];
-    std::size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0 && text.size() < kMaxApplyFileBytes)
-        text.append(buffer, n);
-    const bool failed = std::ferror(in) != 0;
+    const bool failed = !cfgctl::readToEnd(in, text, kMaxApplyFileBytes);
     if (in != stdin) (void)std::fclose(in);  // read only: nothing to lose
     if (failed || text.size() >= kMaxApplyFileBytes) {
         std::fprintf(stderr, "cfgctl: cannot read %s: %s\n", path,

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "read_file.h"
+
 namespace cfgctl {
 
 namespace {
@@ -201,11 +203,7 @@ TrialFile readTrial(const std::string& path, TrialRecord& trial, std::string& er
         return TrialFile::Damaged;
     }
     std::string text;
-    char buffer[4096];
-    std::size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0 && text.size() < kMaxRecordBytes)
-        text.append(buffer, n);
-    const bool failed = std::ferror(in) != 0;
+    const bool failed = !readToEnd(in, text, kMaxRecordBytes);
     (void)std::fclose(in);  // read only: nothing to lose
     if (failed) {
         error = "cannot be read";
