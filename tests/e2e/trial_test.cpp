@@ -26,9 +26,7 @@ std::size_t logged(std::size_t first, const std::string& prefix) {
 
 // A daemon of its own on the defaults (can1 at 500000), with a trial of can1.bitrate 250000.
 struct TrialSetUp {
-    // A file of its own (a comment), so that no backup an earlier test stored is put back.
-    explicit TrialSetUp(int key, int seconds = kTrialSeconds)
-        : d(key, key + 1, Daemon::freshFile("#\n")) {
+    explicit TrialSetUp(int key, int seconds = kTrialSeconds) : d(key, key + 1) {
         EXPECT_NE(d.up(), "") << d.process.output();
         stored = readFile(d.file);
         first = commands().size();
