@@ -269,7 +269,8 @@ int run(const Invocation& invocation) {
         case Command::Rollback:
             return cfgctl::runRollback(invocation);
         case Command::Trial:
-            return cfgctl::runTrialStatus(invocation);
+            return invocation.init ? cfgctl::runTrialInit(invocation)
+                                   : cfgctl::runTrialStatus(invocation);
         default:
             return runGetSet(invocation);
     }

@@ -25,7 +25,7 @@ constexpr const char* kUsageFormat =
     "       cfgctl [-l LOCKFILE] [-t SECONDS] [--temp] [--abort] apply FILE\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] set --trial SECONDS PARAM VALUE [...]\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] apply --trial SECONDS FILE\n"
-    "       cfgctl [-l LOCKFILE] [-t SECONDS] confirm|rollback [--force]|trial\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] confirm|rollback [--force]|trial [--init]\n"
     "       cfgctl names [--php]\n"
     "Reads or writes cfgd parameters in one session. PARAM is a name such as can1.bitrate\n"
     "(cfgctl names lists them) or three numbers F1 F2 F3 (group, sub-indices, each 0..255).\n"
@@ -38,6 +38,7 @@ constexpr const char* kUsageFormat =
     "               (%d..%d) unless confirmed; no other write is taken while it is pending\n"
     "  confirm      stores the pending trial's values; rollback: restores the old ones now\n"
     "               (--force: removes a damaged trial record); trial: shows the pending one\n"
+    "               (--init: root makes the trial directory beside the lock file)\n"
     "  names        lists the names with their numbers and access (rw, r, live, w);\n"
     "               --php: as the PHP client library's table\n"
     "  -l LOCKFILE  the daemon's lock file (default %s)\n"
@@ -198,8 +199,9 @@ bool readCommandRest(int argc, const char* const* argv, int at, Invocation& invo
             return readFlag(operands, argv + at, "--php", invocation.php, error, errorSize);
         case Command::Rollback:
             return readFlag(operands, argv + at, "--force", invocation.force, error, errorSize);
-        case Command::Confirm:
         case Command::Trial:
+            return readFlag(operands, argv + at, "--init", invocation.init, error, errorSize);
+        case Command::Confirm:
             if (operands == 0) return true;
             std::snprintf(error, errorSize, "%s takes no operands", argv[at - 1]);
             return false;

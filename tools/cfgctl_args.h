@@ -45,6 +45,7 @@ struct Invocation {
     const char* file = nullptr;  // apply FILE
     int trialSeconds = 0;        // set/apply --trial SECONDS; 0: not a trial
     bool force = false;          // rollback --force: remove the record, write nothing
+    bool init = false;           // trial --init: make the trial directory
     std::vector<Parameter> parameters;
 };
 

@@ -103,14 +103,6 @@ int DaemonSession::end(bool abort, bool keep) {
     return kExitRefused;
 }
 
-bool DaemonSession::queueAccess(unsigned& mode, unsigned& group) const {
-    msqid_ds queue{};
-    if (msgctl(cfgd_.queueId(), IPC_STAT, &queue) != 0) return false;
-    mode = queue.msg_perm.mode & 0777;
-    group = queue.msg_perm.gid;
-    return true;
-}
-
 int DaemonSession::check(Status status, bool inSession) {
     if (status == Status::Ok) return 0;
     // Whenever the daemon catches up, this closes the session and drops its writes.

@@ -34,8 +34,6 @@ class DaemonSession {
     const char* refusal() const { return answer_.da[0] != '\0' ? answer_.da : "refused by cfgd"; }
     const char* lockPath() const { return lockPath_; }
     int daemonPid() const { return cfgd_.lockLine().pid; }
-    // The access bits and group of the daemon's queue, once open; false when they cannot be read.
-    [[nodiscard]] bool queueAccess(unsigned& mode, unsigned& group) const;
 
   private:
     int check(client::Status status, bool inSession = false);

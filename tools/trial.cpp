@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -29,23 +30,75 @@ constexpr int kHighestInheritedFd = 255;
 constexpr const char* kPendingFormat =
     "cfgctl: a trial is pending (%lld s left): confirm or roll back first\n";
 constexpr const char* kNoTrialText = "cfgctl: no trial pending\n";
+constexpr const char* kUnsafeFormat =
+    "cfgctl: the trial directory %s is not safe to use (%s): no trial is read or written there "
+    "until root removes it\n";
+constexpr const char* kMissingFormat =
+    "cfgctl: there is no trial directory %s: root makes it (cfgctl trial --init, which the init "
+    "script runs at boot)\n";
+constexpr const char* kDeniedFormat =
+    "cfgctl: the trial directory %s is for root and the group %s only\n";
 
 long long now() {
     return static_cast<long long>(std::time(nullptr));
+}
+
+// The name a guard gives itself, which /proc/PID/stat shows between parentheses.
+constexpr const char* kGuardName = "cfgctl-guard";
+constexpr std::string_view kProgramName = "cfgctl";
+
+struct ProcessState {
+    char state = 0;
+    unsigned long long startTicks = 0;
+    std::string name;
+};
+
+// /proc/PID/stat: "PID (NAME) STATE ..." with the start time (in clock ticks after boot) as the
+// 22nd field. False when there is no such process.
+bool readProcess(int pid, ProcessState& process) {
+    char path[32], stat[512] = {};
+    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const ssize_t n = ::read(fd, stat, sizeof stat - 1);
+    (void)::close(fd);  // read only
+    const char* open = std::strchr(stat, '(');
+    const char* close = std::strrchr(stat, ')');
+    if (n <= 0 || open == nullptr || close == nullptr || close < open) return false;
+    process.name.assign(open + 1, close);
+    process.state = close[1] == ' ' ? close[2] : 0;
+    const char* field = close + 2;  // the state, the 3rd field
+    for (int i = 3; i < 22 && field != nullptr; ++i) {
+        field = std::strchr(field, ' ');
+        if (field != nullptr) ++field;
+    }
+    return field != nullptr && std::sscanf(field, "%llu", &process.startTicks) == 1;
 }
 
 // A process that has ended but was not yet reaped (its parent, cfgctl, is long gone) counts as
 // ended.
 bool alive(int pid) {
     if (pid <= 0 || (kill(pid, 0) != 0 && errno != EPERM)) return false;
-    char path[32], stat[128] = {};
-    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    std::FILE* file = std::fopen(path, "r");
-    if (file == nullptr) return true;  // without procfs: as kill says
-    const std::size_t n = std::fread(stat, 1, sizeof stat - 1, file);
-    (void)std::fclose(file);  // read only
-    const char* end = std::strrchr(stat, ')');
-    return end == nullptr || n == 0 || end[1] != ' ' || end[2] != 'Z';
+    ProcessState process;
+    return !readProcess(pid, process) || process.state != 'Z';  // without procfs: as kill says
+}
+
+// Whether the record's guard is still that guard: a pid alone may have been reused by any
+// process since, or be planted by whoever could write the record. Its start time, the name it
+// gave itself and the program it runs must all match.
+bool isGuard(const GuardId& guard) {
+    ProcessState process;
+    if (guard.pid <= 0 || !readProcess(guard.pid, process) || process.state == 'Z' ||
+        process.startTicks != guard.startTicks || process.name != kGuardName)
+        return false;
+    char path[32], command[256] = {};
+    std::snprintf(path, sizeof path, "/proc/%d/cmdline", guard.pid);
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const ssize_t n = ::read(fd, command, sizeof command - 1);
+    (void)::close(fd);                               // read only
+    const char* slash = std::strrchr(command, '/');  // argv[0] ends at the first NUL
+    return n > 0 && std::string_view(slash != nullptr ? slash + 1 : command) == kProgramName;
 }
 
 // Unreachable daemon: the guard tries again, a client leaves the trial as it is.
@@ -103,11 +156,11 @@ int rollBack(const Invocation& invocation, const TrialRecord& trial) {
     return writeLines(invocation, linesOf(trial, true), SET_TEMP_PARAM, false, "rollback");
 }
 
-// Ends the trial: its guard (unless that is the caller) and its record.
-void removeTrial(const std::string& path, const TrialRecord& trial) {
-    if (trial.guardPid > 0 && trial.guardPid != getpid())
-        (void)kill(trial.guardPid, SIGTERM);  // it may have ended already
-    (void)std::remove(path.c_str());          // a record left behind is settled by the next call
+// Ends the trial: its guard (unless that is the caller, or no longer that guard) and its record.
+void removeTrial(const TrialStore& store, const TrialRecord& trial) {
+    if (trial.guard.pid != getpid() && isGuard(trial.guard))
+        (void)kill(trial.guard.pid, SIGTERM);  // it may have ended since
+    if (!store.clear()) std::fprintf(stderr, "cfgctl: cannot clear the trial record\n");
 }
 
 void guardLog(int priority, const char* text) {
@@ -118,14 +171,15 @@ void guardLog(int priority, const char* text) {
 // The guard's life: waits for the deadline, or for the daemon to restart, and rolls back. It
 // ends as soon as the record is gone or names another guard (confirmed, rolled back, taken
 // over).
-int guard(const Invocation& invocation, const std::string& path) {
+int guard(const Invocation& invocation) {
     openlog("cfgctl", LOG_PID, LOG_USER);
     for (;;) {
         (void)sleep(kGuardPollSeconds);  // a signal only makes it look sooner
-        TrialLock lock(path);
+        TrialStore store;
         TrialRecord trial;
         std::string error;
-        if (readTrial(path, trial, error) != TrialFile::Pending || trial.guardPid != getpid())
+        if (store.open(lockPathOf(invocation), error) != TrialPlace::Ready ||
+            store.read(trial, error) != TrialFile::Pending || trial.guard.pid != getpid())
             return 0;
         client::LockLine daemon{};
         const bool restarted =
@@ -138,14 +192,14 @@ int guard(const Invocation& invocation, const std::string& path) {
         if (!unreachable(status)) {
             guardLog(LOG_NOTICE, status == kExitOk ? "rolled back"
                                                    : "rolled back, but cfgd refused some values");
-            removeTrial(path, trial);
+            removeTrial(store, trial);
             return 0;
         }
         if (now() >= trial.deadline + kGraceSeconds) {
             guardLog(LOG_WARNING,
                      "cfgd not reachable since the deadline: gave up rolling back; a restarted "
                      "cfgd runs on its stored configuration, which the trial never changed");
-            removeTrial(path, trial);
+            removeTrial(store, trial);
             return 1;
         }
     }
@@ -153,24 +207,34 @@ int guard(const Invocation& invocation, const std::string& path) {
 
 // A guard that outlives the caller: its own session, away from the caller's terminal and
 // output (a closed SSH session or the end of a web request must not end it, and a caller that
-// waits for the end of cfgctl's output must not wait for it). Its pid, or -1.
-int startGuard(const Invocation& invocation, const std::string& path, bool freshLog) {
+// waits for the end of cfgctl's output must not wait for it). Its identity; a pid of -1 when it
+// could not be started.
+GuardId startGuard(const Invocation& invocation, const TrialStore& store, bool freshLog) {
     std::fflush(nullptr);  // nothing buffered may be written twice
+    // Named before the fork, so that nobody ever sees the guard under the caller's name.
+    char name[16] = {};
+    (void)prctl(PR_GET_NAME, name);
+    (void)prctl(PR_SET_NAME, kGuardName);
     const pid_t pid = fork();
-    if (pid != 0) return pid;
+    (void)prctl(PR_SET_NAME, name);  // the caller's own again (the child keeps the guard's)
+    if (pid != 0) {
+        ProcessState process;
+        const bool known = pid > 0 && readProcess(pid, process);
+        return {pid > 0 ? pid : -1, known ? process.startTicks : 0};
+    }
+    (void)prctl(PR_SET_NAME, kGuardName);
     (void)setsid();
-    // Inherited descriptors, above all the record's lock, would keep what they hold.
-    for (int fd = 3; fd <= kHighestInheritedFd; ++fd)
-        (void)close(fd);
     const int in = ::open("/dev/null", O_RDONLY);
-    const int log = ::open(guardLogPath(path).c_str(),
-                           O_WRONLY | O_CREAT | O_APPEND | (freshLog ? O_TRUNC : 0), 0644);
+    const int log = store.openLog(freshLog);
     (void)dup2(in, STDIN_FILENO);
     (void)dup2(log >= 0 ? log : in, STDOUT_FILENO);
     (void)dup2(log >= 0 ? log : in, STDERR_FILENO);
+    // Inherited descriptors, above all the record's lock, would keep what they hold.
+    for (int fd = 3; fd <= kHighestInheritedFd; ++fd)
+        (void)::close(fd);
     (void)signal(SIGHUP, SIG_IGN);
     (void)signal(SIGPIPE, SIG_IGN);
-    _exit(guard(invocation, path));
+    _exit(guard(invocation));
 }
 
 void printTrial(const TrialRecord& trial) {
@@ -207,40 +271,70 @@ std::vector<ApplyLine> followersOf(const std::vector<ApplyLine>& lines) {
     return followers;
 }
 
+// Opens the trial directory, saying why not when it cannot be used (quietly where a missing or
+// foreign one only means that there is no trial for this user).
+bool openStore(const Invocation& invocation, TrialStore& store, bool quiet = false) {
+    std::string error;
+    switch (store.open(lockPathOf(invocation), error)) {
+        case TrialPlace::Ready:
+            return true;
+        case TrialPlace::Missing:
+            if (!quiet) std::fprintf(stderr, kMissingFormat, store.directory().c_str());
+            return false;
+        case TrialPlace::Denied:
+            if (!quiet)
+                std::fprintf(stderr, kDeniedFormat, store.directory().c_str(),
+                             CFGD_FRONT_END_GROUP);
+            return false;
+        case TrialPlace::Unsafe:
+            break;
+    }
+    std::fprintf(stderr, kUnsafeFormat, store.directory().c_str(), error.c_str());
+    return false;
+}
+
 }  // namespace
 
 TrialState settleTrial(const Invocation& invocation, long long& secondsLeft) {
-    const std::string path = trialPath(lockPathOf(invocation));
-    if (access(path.c_str(), F_OK) != 0) return TrialState::None;  // the usual case, cheaply
-    TrialLock lock(path);
-    TrialRecord trial;
+    const char* lockPath = lockPathOf(invocation);
+    if (!trialMayBePending(lockPath)) return TrialState::None;  // the usual case, cheaply
+    TrialStore store;
     std::string error;
-    const TrialFile file = readTrial(path, trial, error);
+    switch (store.open(lockPath, error)) {
+        case TrialPlace::Ready:
+            break;
+        case TrialPlace::Unsafe:
+            std::fprintf(stderr, kUnsafeFormat, store.directory().c_str(), error.c_str());
+            return TrialState::Unsafe;
+        default:
+            return TrialState::None;  // not this user's to settle
+    }
+    TrialRecord trial;
+    const TrialFile file = store.read(trial, error);
     if (file == TrialFile::None) return TrialState::None;
     if (file == TrialFile::Damaged) {
         std::fprintf(stderr,
-                     "cfgctl: the trial record %s is damaged (%s): nothing was written; "
+                     "cfgctl: the trial record in %s is damaged (%s): nothing was written; "
                      "cfgctl rollback --force removes it\n",
-                     path.c_str(), error.c_str());
+                     store.directory().c_str(), error.c_str());
         return TrialState::Damaged;
     }
     client::LockLine daemon{};
-    const bool restarted =
-        client::readLockFile(lockPathOf(invocation), daemon) == client::Status::Ok &&
-        daemon.pid != trial.daemonPid && alive(daemon.pid);
-    const bool guarded = alive(trial.guardPid);
+    const bool restarted = client::readLockFile(lockPath, daemon) == client::Status::Ok &&
+                           daemon.pid != trial.daemonPid && alive(daemon.pid);
+    const bool guarded = isGuard(trial.guard);
     if (restarted || (!guarded && now() >= trial.deadline)) {
         std::fprintf(stderr, "cfgctl: %s: rolling the trial back first\n",
                      restarted ? "cfgd restarted during a trial"
                                : "a trial's guard is gone and its deadline has passed");
         const int status = rollBack(invocation, trial);
         if (!unreachable(status) || now() >= trial.deadline + kGraceSeconds) {
-            removeTrial(path, trial);
+            removeTrial(store, trial);
             return TrialState::None;
         }
     } else if (!guarded) {
-        trial.guardPid = startGuard(invocation, path, false);
-        if (trial.guardPid < 0 || !writeTrial(path, trial))
+        trial.guard = startGuard(invocation, store, false);
+        if (trial.guard.pid < 0 || !store.write(trial))
             std::fprintf(stderr, "cfgctl: cannot give the trial a new guard\n");
     }
     secondsLeft = std::max(0LL, trial.deadline - now());
@@ -251,6 +345,7 @@ int refuseWritesDuringTrial(const Invocation& invocation) {
     long long left = 0;
     switch (settleTrial(invocation, left)) {
         case TrialState::None:
+        case TrialState::Unsafe:  // no trial of ours can be there; its reason was printed
             return kExitOk;
         case TrialState::Pending:
             std::fprintf(stderr, kPendingFormat, left);
@@ -262,20 +357,19 @@ int refuseWritesDuringTrial(const Invocation& invocation) {
 }
 
 int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& lines) {
-    if (int status = refuseWritesDuringTrial(invocation); status != 0) return status;
-    const std::string path = trialPath(lockPathOf(invocation));
+    long long left = 0;
+    if (const TrialState state = settleTrial(invocation, left); state != TrialState::None) {
+        if (state != TrialState::Pending) return kExitUsage;  // the reason was printed
+        std::fprintf(stderr, kPendingFormat, left);
+        return kExitRefused;
+    }
     DaemonSession cfgd(invocation);
     if (int status = cfgd.open(); status != 0) return status;
-    unsigned ipcMode = 0, ipcGroup = 0;
-    if (!cfgd.queueAccess(ipcMode, ipcGroup) || !makeTrialDirectory(path, ipcMode, ipcGroup)) {
-        std::fprintf(stderr, "cfgctl: cannot make the trial's directory for %s: %s\n", path.c_str(),
-                     std::strerror(errno));
-        return kExitUsage;
-    }
-    TrialLock lock(path);  // a second trial started at the same time waits, then is refused
+    TrialStore store;  // a second trial started at the same time waits, then is refused
+    if (!openStore(invocation, store)) return kExitUsage;
     TrialRecord trial;
     std::string error;
-    if (readTrial(path, trial, error) != TrialFile::None) {
+    if (store.read(trial, error) != TrialFile::None) {
         std::fprintf(stderr, kPendingFormat, std::max(0LL, trial.deadline - now()));
         return kExitRefused;
     }
@@ -318,9 +412,9 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
     // Recorded before anything is written: if this call dies halfway, the next one finds a
     // trial without a guard and rolls it back.
     trial.deadline = now() + invocation.trialSeconds;
-    if (!writeTrial(path, trial)) {
-        std::fprintf(stderr, "cfgctl: cannot write the trial record %s: %s\n", path.c_str(),
-                     std::strerror(errno));
+    if (!store.write(trial)) {
+        std::fprintf(stderr, "cfgctl: cannot write the trial record in %s: %s\n",
+                     store.directory().c_str(), std::strerror(errno));
         (void)cfgd.end(true);
         return kExitUsage;
     }
@@ -333,15 +427,15 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
         if (cfgd.refused()) {
             std::fprintf(stderr, "cfgctl: %s = %s: %s (nothing was written)\n",
                          labelOf(lines[i].param, numbers), lines[i].value.c_str(), cfgd.refusal());
-            (void)std::remove(path.c_str());  // nothing of the trial was applied
+            (void)store.clear();  // nothing of the trial was applied; a record left is settled
             const int status = cfgd.end(true);
             return status != 0 ? status : kExitRefused;
         }
     }
     const int finished = cfgd.end(false);  // a failed apply is reported, and rolled back too
     trial.deadline = now() + invocation.trialSeconds;
-    trial.guardPid = startGuard(invocation, path, true);
-    if (trial.guardPid < 0 || !writeTrial(path, trial))
+    trial.guard = startGuard(invocation, store, true);
+    if (trial.guard.pid < 0 || !store.write(trial))
         std::fprintf(stderr, "cfgctl: cannot start the trial's guard: the next call rolls back\n");
     std::printf("trial: applied, not stored; rolled back in %d s unless confirmed:\n",
                 invocation.trialSeconds);
@@ -357,22 +451,22 @@ template <typename Act>
 int withPendingTrial(const Invocation& invocation, Act act) {
     long long left = 0;
     const TrialState state = settleTrial(invocation, left);
-    if (state == TrialState::Damaged) return kExitUsage;
-    const std::string path = trialPath(lockPathOf(invocation));
-    TrialLock lock(path);
+    if (state == TrialState::Damaged || state == TrialState::Unsafe) return kExitUsage;
+    TrialStore store;
     TrialRecord trial;
     std::string error;
-    if (state == TrialState::None || readTrial(path, trial, error) != TrialFile::Pending) {
+    if (state == TrialState::None || !openStore(invocation, store, true) ||
+        store.read(trial, error) != TrialFile::Pending) {
         std::fputs(kNoTrialText, stderr);
         return kExitRefused;
     }
-    return act(path, trial, left);
+    return act(store, trial, left);
 }
 
 }  // namespace
 
 int runConfirm(const Invocation& invocation) {
-    return withPendingTrial(invocation, [&](const std::string& path, const TrialRecord& trial,
+    return withPendingTrial(invocation, [&](const TrialStore& store, const TrialRecord& trial,
                                             long long) {
         // The values are the daemon's already, but a store writes only what a write marked.
         const std::vector<ApplyLine> lines = linesOf(trial, false);
@@ -380,7 +474,7 @@ int runConfirm(const Invocation& invocation) {
             std::fprintf(stderr, "cfgctl: nothing was stored; the trial goes on\n");
             return status;
         }
-        removeTrial(path, trial);
+        removeTrial(store, trial);
         std::printf("confirmed: %zu values stored\n", lines.size());
         return kExitOk;
     });
@@ -388,33 +482,44 @@ int runConfirm(const Invocation& invocation) {
 
 int runRollback(const Invocation& invocation) {
     if (invocation.force) {
-        const std::string path = trialPath(lockPathOf(invocation));
-        TrialLock lock(path);
+        TrialStore store;
+        if (!openStore(invocation, store)) return kExitUsage;
         TrialRecord trial;
         std::string error;
-        const TrialFile file = readTrial(path, trial, error);
+        const TrialFile file = store.read(trial, error);
         if (file == TrialFile::None) {
             std::fputs(kNoTrialText, stderr);
             return kExitRefused;
         }
         if (file == TrialFile::Damaged) trial = TrialRecord{};  // no guard to end that it names
-        removeTrial(path, trial);
-        std::printf("trial record %s removed; nothing was written\n", path.c_str());
+        removeTrial(store, trial);
+        std::printf("trial record in %s removed; nothing was written\n", store.directory().c_str());
         return kExitOk;
     }
     return withPendingTrial(
-        invocation, [&](const std::string& path, const TrialRecord& trial, long long) {
+        invocation, [&](const TrialStore& store, const TrialRecord& trial, long long) {
             const int status = rollBack(invocation, trial);
             if (unreachable(status)) return status;
-            removeTrial(path, trial);
+            removeTrial(store, trial);
             std::printf("rolled back: %zu values restored\n", linesOf(trial, true).size());
             return status;
         });
 }
 
+int runTrialInit(const Invocation& invocation) {
+    if (geteuid() != 0) {
+        std::fputs("cfgctl: only root makes the trial directory\n", stderr);
+        return kExitUsage;
+    }
+    TrialStore store;
+    if (!openStore(invocation, store)) return kExitUsage;
+    std::printf("trial directory %s ready\n", store.directory().c_str());
+    return kExitOk;
+}
+
 int runTrialStatus(const Invocation& invocation) {
     return withPendingTrial(invocation,
-                            [](const std::string&, const TrialRecord& trial, long long left) {
+                            [](const TrialStore&, const TrialRecord& trial, long long left) {
                                 std::printf("trial pending: %lld s left\n", left);
                                 printTrial(trial);
                                 return kExitOk;

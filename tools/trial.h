@@ -21,7 +21,8 @@ inline constexpr int kMaxTrialSeconds = 3600;
 // Settles a pending trial before a command's own work: rolls back one whose daemon restarted, or
 // whose guard is gone and whose deadline has passed; gives a new guard to one whose guard is
 // gone before its deadline. Every command that reaches the daemon calls it first.
-enum class TrialState { None, Pending, Damaged };
+// Unsafe: the trial directory fails its checks (the reason was printed); no trial is there.
+enum class TrialState { None, Pending, Damaged, Unsafe };
 TrialState settleTrial(const Invocation& invocation, long long& secondsLeft);
 
 // 0 when a write may go ahead; else the exit status, after the reason was printed.
@@ -32,5 +33,7 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
 int runConfirm(const Invocation& invocation);
 int runRollback(const Invocation& invocation);
 int runTrialStatus(const Invocation& invocation);
+// trial --init: root makes the trial directory (at boot, before other users' processes run).
+int runTrialInit(const Invocation& invocation);
 
 }  // namespace cfgctl

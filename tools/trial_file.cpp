@@ -1,6 +1,7 @@
 #include "trial_file.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,28 +11,18 @@
 #include <cstdio>
 #include <cstring>
 
-#include "read_file.h"
-
 namespace cfgctl {
 
 namespace {
 
-constexpr std::string_view kVersionLine = "cfgd-trial 1";
+constexpr std::string_view kVersionLine = "cfgd-trial 2";
 constexpr std::string_view kEndLine = "end";
-constexpr const char* kTrialDirectorySuffix = ".trial";
-constexpr const char* kRecordName = "/record";
-constexpr const char* kLockSuffix = ".lock";
-constexpr const char* kNewSuffix = ".new";
-constexpr const char* kLogSuffix = ".log";
-// The directory limits who reaches the files (see makeTrialDirectory).
-constexpr mode_t kSharedFileMode = 0666;
-
-// Opens `path` for writing with the shared mode, whatever the umask; -1 on failure.
-int openShared(const std::string& path, int flags) {
-    const int fd = ::open(path.c_str(), flags | O_CREAT | O_CLOEXEC, kSharedFileMode);
-    if (fd >= 0) (void)fchmod(fd, kSharedFileMode);  // another user's file keeps its mode
-    return fd;
-}
+constexpr const char* kDirectorySuffix = ".trial";
+constexpr const char* kRecordName = "record";
+constexpr const char* kLockName = "record.lock";
+constexpr const char* kLogName = "record.log";
+constexpr mode_t kDirectoryMode = 0750;
+constexpr mode_t kFileMode = 0660;
 constexpr char kValueMark = '=';  // a field that holds a value starts with it; none is empty
 constexpr std::string_view kNoName = "-";
 constexpr std::size_t kMaxRecordBytes = 1 << 20;
@@ -89,6 +80,14 @@ bool readNumberLine(std::string_view line, std::string_view key, Number& value) 
     return error == std::errc{} && end == last;
 }
 
+// "guard PID START": the pid and the start time that prove it is still the same process.
+bool readGuardLine(std::string_view line, GuardId& guard) {
+    const std::size_t space = line.rfind(' ');
+    return space != std::string_view::npos &&
+           readNumberLine(line.substr(0, space), "guard", guard.pid) &&
+           readNumberLine("start" + std::string(line.substr(space)), "start", guard.startTicks);
+}
+
 // "F1 F2 F3<TAB>NAME<TAB>OLD<TAB>NEW"
 bool readEntry(std::string_view line, TrialEntry& entry) {
     std::string_view fields[4];
@@ -120,33 +119,75 @@ bool readEntry(std::string_view line, TrialEntry& entry) {
     return readEscaped(fields[2], entry.old) && readEscaped(fields[3], entry.value);
 }
 
+// Root's directory that only root may add entries to; the group may write beside the sticky
+// bit only, which keeps each entry to its owner.
+bool safeDirectory(const struct stat& st, std::string& error) {
+    char reason[64] = "";
+    if (st.st_uid != 0)
+        std::snprintf(reason, sizeof reason, "owned by uid %u, not root",
+                      static_cast<unsigned>(st.st_uid));
+    else if ((st.st_mode & S_IWOTH) != 0)
+        std::snprintf(reason, sizeof reason, "writable by others");
+    else if ((st.st_mode & S_IWGRP) != 0 && (st.st_mode & S_ISVTX) == 0)
+        std::snprintf(reason, sizeof reason, "writable by its group without the sticky bit");
+    error = reason;
+    return reason[0] == '\0';
+}
+
+constexpr int kMissing = -2;
+constexpr int kDenied = -3;
+
+// Opens the file `name` of the checked directory `dir` without following a link, made by root
+// when missing; -1 (reason in `error`) when it is not root's own plain file, kMissing when it
+// is not there and the caller may not make it, kDenied when the caller may not open it.
+int openFile(int dir, const char* name, int flags, bool make, gid_t gid, std::string& error) {
+    const int base = flags | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    bool made = false;
+    int fd = -1;
+    if (make) {
+        fd = openat(dir, name, base | O_CREAT | O_EXCL, 0600);
+        made = fd >= 0;
+    }
+    if (fd < 0) fd = openat(dir, name, base);
+    if (fd < 0) {
+        if (errno == ENOENT && !make) return kMissing;
+        if (errno == EACCES) return kDenied;
+        error =
+            std::string(name) + ": " + (errno == ELOOP ? "a symbolic link" : std::strerror(errno));
+        return -1;
+    }
+    struct stat st {};
+    char reason[96] = "";
+    if (fstat(fd, &st) != 0)
+        std::snprintf(reason, sizeof reason, "%s", std::strerror(errno));
+    else if (!S_ISREG(st.st_mode))
+        std::snprintf(reason, sizeof reason, "not a plain file");
+    else if (st.st_uid != 0)
+        std::snprintf(reason, sizeof reason, "owned by uid %u, not root",
+                      static_cast<unsigned>(st.st_uid));
+    else if (st.st_nlink != 1)
+        std::snprintf(reason, sizeof reason, "%u links to it", static_cast<unsigned>(st.st_nlink));
+    else if ((st.st_mode & S_IWOTH) != 0)
+        std::snprintf(reason, sizeof reason, "writable by others");
+    else if (made && (fchown(fd, 0, gid) != 0 || fchmod(fd, kFileMode) != 0))
+        std::snprintf(reason, sizeof reason, "%s", std::strerror(errno));
+    if (reason[0] != '\0') {
+        error = std::string(name) + ": " + reason;
+        (void)::close(fd);  // not ours to use
+        return -1;
+    }
+    // Blocking again: a plain file never blocks, the flag only kept a FIFO from hanging us.
+    (void)fcntl(fd, F_SETFL, flags & O_APPEND);
+    return fd;
+}
+
 }  // namespace
-
-std::string trialPath(const char* lockPath) {
-    return std::string(lockPath) + kTrialDirectorySuffix + kRecordName;
-}
-
-bool makeTrialDirectory(const std::string& trialPath, unsigned ipcMode, unsigned ipcGroup) {
-    const std::string directory = trialPath.substr(0, trialPath.rfind('/'));
-    // The queue's read and write bits for its group and for others become the directory's
-    // full access; files made in it take the group with the set-group-ID bit.
-    mode_t mode = S_IRWXU;
-    if ((ipcMode & 0060) != 0) mode |= S_IRWXG | S_ISGID;
-    if ((ipcMode & 0006) != 0) mode |= S_IRWXO;
-    if (mkdir(directory.c_str(), mode) != 0) return errno == EEXIST;
-    // Root gives it the queue's group; another user's own group is the queue's already.
-    if (getegid() != ipcGroup) (void)chown(directory.c_str(), static_cast<uid_t>(-1), ipcGroup);
-    return chmod(directory.c_str(), mode) == 0;  // past the umask, and after the group
-}
-
-std::string guardLogPath(const std::string& trialPath) {
-    return trialPath + kLogSuffix;
-}
 
 std::string formatTrial(const TrialRecord& trial) {
     std::string out(kVersionLine);
     out += "\ndeadline " + std::to_string(trial.deadline) + "\ndaemon " +
-           std::to_string(trial.daemonPid) + "\nguard " + std::to_string(trial.guardPid) + "\n";
+           std::to_string(trial.daemonPid) + "\nguard " + std::to_string(trial.guard.pid) + " " +
+           std::to_string(trial.guard.startTicks) + "\n";
     for (const TrialEntry& entry : trial.entries) {
         const Param& p = entry.param;
         out += std::to_string(p.f1) + " " + std::to_string(p.f2) + " " + std::to_string(p.f3) +
@@ -180,7 +221,7 @@ bool parseTrial(std::string_view text, TrialRecord& trial, std::string& error) {
     }
     if (!readNumberLine(lines[1], "deadline", trial.deadline) ||
         !readNumberLine(lines[2], "daemon", trial.daemonPid) ||
-        !readNumberLine(lines[3], "guard", trial.guardPid)) {
+        !readGuardLine(lines[3], trial.guard)) {
         error = "its deadline, daemon or guard line does not read";
         return false;
     }
@@ -195,49 +236,110 @@ bool parseTrial(std::string_view text, TrialRecord& trial, std::string& error) {
     return true;
 }
 
-TrialFile readTrial(const std::string& path, TrialRecord& trial, std::string& error) {
-    std::FILE* in = std::fopen(path.c_str(), "rb");
-    if (in == nullptr) {
-        if (errno == ENOENT) return TrialFile::None;
-        error = std::strerror(errno);
-        return TrialFile::Damaged;
+std::string trialDirectory(const char* lockPath) {
+    return std::string(lockPath) + kDirectorySuffix;
+}
+
+bool trialMayBePending(const char* lockPath) {
+    const std::string record = trialDirectory(lockPath) + "/" + kRecordName;
+    struct stat st {};
+    // Anything but an empty regular file is looked at closely.
+    return lstat(record.c_str(), &st) == 0 && (!S_ISREG(st.st_mode) || st.st_size > 0);
+}
+
+TrialStore::~TrialStore() {
+    close();
+}
+
+void TrialStore::close() {
+    for (int* fd : {&lock_, &record_, &dir_}) {
+        if (*fd >= 0) (void)::close(*fd);  // closing the lock's descriptor releases it
+        *fd = -1;
     }
+}
+
+TrialPlace TrialStore::open(const char* lockPath, std::string& error) {
+    close();
+    directory_ = trialDirectory(lockPath);
+    const bool root = geteuid() == 0;
+    const group* frontEnd = getgrnam(CFGD_FRONT_END_GROUP);
+    const gid_t gid = frontEnd != nullptr ? frontEnd->gr_gid : 0;
+    if (root && mkdir(directory_.c_str(), 0700) == 0) {
+        dir_ = ::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (dir_ < 0 || fchown(dir_, 0, gid) != 0 || fchmod(dir_, kDirectoryMode) != 0) {
+            error = std::string("cannot be made: ") + std::strerror(errno);
+            return TrialPlace::Unsafe;
+        }
+    } else {
+        dir_ = ::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (dir_ < 0 && errno == ENOENT) return TrialPlace::Missing;
+        if (dir_ < 0 && errno == EACCES) return TrialPlace::Denied;
+    }
+    if (dir_ < 0) {
+        const int reason = errno;
+        struct stat st {};
+        const bool link = lstat(directory_.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+        error = link ? "a symbolic link" : std::strerror(reason);
+        return TrialPlace::Unsafe;
+    }
+    struct stat st {};
+    if (fstat(dir_, &st) != 0 || !safeDirectory(st, error)) return TrialPlace::Unsafe;
+    record_ = openFile(dir_, kRecordName, O_RDWR, root, gid, error);
+    lock_ = record_ >= 0 ? openFile(dir_, kLockName, O_RDONLY, root, gid, error) : record_;
+    for (int* fd : {&record_, &lock_}) {
+        if (*fd != kMissing && *fd != kDenied) continue;
+        const TrialPlace place = *fd == kMissing ? TrialPlace::Missing : TrialPlace::Denied;
+        *fd = -1;
+        close();
+        return place;
+    }
+    if (record_ < 0 || lock_ < 0) return TrialPlace::Unsafe;
+    if (root) {
+        const int log = openFile(dir_, kLogName, O_WRONLY, root, gid, error);
+        if (log < 0) return TrialPlace::Unsafe;
+        (void)::close(log);  // only made here, for a guard that may not be root
+    }
+    while (flock(lock_, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            error = std::string("its lock: ") + std::strerror(errno);
+            return TrialPlace::Unsafe;
+        }
+    }
+    return TrialPlace::Ready;
+}
+
+TrialFile TrialStore::read(TrialRecord& trial, std::string& error) const {
     std::string text;
-    const bool failed = !readToEnd(in, text, kMaxRecordBytes);
-    (void)std::fclose(in);  // read only: nothing to lose
-    if (failed) {
-        error = "cannot be read";
+    char buffer[4096];
+    ssize_t n = 0;
+    while (text.size() < kMaxRecordBytes &&
+           (n = pread(record_, buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0)
+        text.append(buffer, static_cast<std::size_t>(n));
+    if (n < 0) {
+        error = std::string("cannot be read: ") + std::strerror(errno);
         return TrialFile::Damaged;
     }
+    if (text.empty()) return TrialFile::None;
     return parseTrial(text, trial, error) ? TrialFile::Pending : TrialFile::Damaged;
 }
 
-bool writeTrial(const std::string& path, const TrialRecord& trial) {
-    const std::string fresh = path + kNewSuffix;
+bool TrialStore::write(const TrialRecord& trial) const {
+    // In place, under the lock: the directory takes no new entries, and a record cut short by
+    // a crash reads as damaged (its end line is missing), never as a shorter trial.
     const std::string text = formatTrial(trial);
-    const int fd = openShared(fresh, O_WRONLY | O_TRUNC);
-    std::FILE* out = fd >= 0 ? fdopen(fd, "wb") : nullptr;
-    if (out == nullptr) {
-        if (fd >= 0) (void)close(fd);
-        return false;
-    }
-    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
-    if (std::fclose(out) != 0 || !written) {
-        (void)std::remove(fresh.c_str());  // a partial record must not stay behind
-        return false;
-    }
-    return std::rename(fresh.c_str(), path.c_str()) == 0;
+    return pwrite(record_, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) &&
+           ftruncate(record_, static_cast<off_t>(text.size())) == 0;
 }
 
-TrialLock::TrialLock(const std::string& trialPath)
-    : fd_(openShared(trialPath + kLockSuffix, O_RDONLY)) {
-    // Without the lock file (a read-only /tmp) there is nothing to share the trial with either.
-    while (fd_ >= 0 && flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
-    }
+bool TrialStore::clear() const {
+    return ftruncate(record_, 0) == 0;
 }
 
-TrialLock::~TrialLock() {
-    if (fd_ >= 0) (void)close(fd_);  // closing releases the lock
+int TrialStore::openLog(bool fresh) const {
+    std::string error;
+    const int log = openFile(dir_, kLogName, O_WRONLY | O_APPEND, false, 0, error);
+    if (log >= 0 && fresh) (void)ftruncate(log, 0);  // an old log only costs room
+    return log >= 0 ? log : -1;
 }
 
 }  // namespace cfgctl

@@ -19,49 +19,65 @@ struct TrialEntry {
     std::optional<std::string> value;  // the trial's; none for a value only restored with others
 };
 
+// A process as the record names it: its pid alone could be another process's by now.
+struct GuardId {
+    int pid = 0;  // 0 while there is none
+    unsigned long long startTicks = 0;
+};
+
 struct TrialRecord {
     long long deadline = 0;  // seconds since the epoch
     int daemonPid = 0;
-    int guardPid = 0;  // 0 while it has none
+    GuardId guard;
     std::vector<TrialEntry> entries;
 };
-
-// The record "<lock file>.trial/record", one trial per daemon. Its directory, with the record's
-// lock and the guard's log, is open to exactly the users that may reach the daemon's queue, so
-// that a trial started by the web server's user can be confirmed by root and the other way
-// round (the RAM disk's sticky /tmp would let only the record's owner replace or remove it),
-// and so that nobody who cannot write to the daemon can plant a record that another user's
-// rollback would write.
-std::string trialPath(const char* lockPath);
-// Makes the record's directory when missing, with the access of the daemon's queue (`ipcMode`
-// and `ipcGroup` as the queue has them); a directory that exists is used as it is. False when it
-// cannot be made.
-[[nodiscard]] bool makeTrialDirectory(const std::string& trialPath, unsigned ipcMode,
-                                      unsigned ipcGroup);
-// The guard's log beside the record.
-std::string guardLogPath(const std::string& trialPath);
 
 std::string formatTrial(const TrialRecord& trial);
 // False, with the reason in `error`, for a text that is not a whole record of this version.
 [[nodiscard]] bool parseTrial(std::string_view text, TrialRecord& trial, std::string& error);
 
-enum class TrialFile { None, Pending, Damaged };
-// Reads the record at `path`; Damaged comes with the reason in `error`.
-TrialFile readTrial(const std::string& path, TrialRecord& trial, std::string& error);
-// Replaces the record at `path` whole (a temporary file renamed over it).
-[[nodiscard]] bool writeTrial(const std::string& path, const TrialRecord& trial);
+// The directory "<lock file>.trial" with the record, its lock and the guard's log. The lock
+// file's place (/tmp) is open to every local user, who may plant links, files and directories
+// there before root's first trial. So only root makes the directory and its files, all at once,
+// owned by root and given the web front end's group (0750 and 0660), so that the web server's
+// user and root can take turns; nobody else can add, replace or remove an entry, and every use
+// checks that this is still so, on the opened descriptors.
+std::string trialDirectory(const char* lockPath);
+// Whether a record may be pending, cheaply: false when there is certainly none.
+bool trialMayBePending(const char* lockPath);
 
-// Held while a process reads, acts on and rewrites the record, so that a confirm, a rollback
-// and the guard never act on one trial at the same time.
-class TrialLock {
+enum class TrialFile { None, Pending, Damaged };
+enum class TrialPlace { Ready, Missing, Denied, Unsafe };
+
+// The opened, checked directory with the record's lock held: a confirm, a rollback and the
+// guard never act on one trial at the same time.
+class TrialStore {
   public:
-    explicit TrialLock(const std::string& trialPath);
-    ~TrialLock();
-    TrialLock(const TrialLock&) = delete;
-    TrialLock& operator=(const TrialLock&) = delete;
+    TrialStore() = default;
+    ~TrialStore();
+    TrialStore(const TrialStore&) = delete;
+    TrialStore& operator=(const TrialStore&) = delete;
+
+    // Opens the directory of `lockPath` and takes the lock. Root makes what is missing; for
+    // others a missing directory is Missing, and one they may not use Denied. Unsafe comes
+    // with the reason in `error`.
+    [[nodiscard]] TrialPlace open(const char* lockPath, std::string& error);
+
+    TrialFile read(TrialRecord& trial, std::string& error) const;
+    // Replaces the record whole; clear() leaves none.
+    [[nodiscard]] bool write(const TrialRecord& trial) const;
+    [[nodiscard]] bool clear() const;
+    // The guard's log, for appending (emptied first when `fresh`); -1 when it cannot be used.
+    int openLog(bool fresh) const;
+    const std::string& directory() const { return directory_; }
 
   private:
-    int fd_;
+    void close();
+
+    std::string directory_;
+    int dir_ = -1;
+    int record_ = -1;
+    int lock_ = -1;
 };
 
 }  // namespace cfgctl

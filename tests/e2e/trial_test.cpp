@@ -1,7 +1,10 @@
 // Trials with cfgctl against the real daemon: a change applied but not stored, rolled back at
 // its deadline by a guard that outlives cfgctl unless confirmed, and the faults around it (the
-// guard killed, the daemon restarted or gone, a refused old value, a damaged record).
+// guard killed, the daemon restarted or gone, a refused old value, a damaged record), and what
+// a local user who plants files, links and records for root's next cfgctl achieves: nothing.
 
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -52,9 +55,9 @@ TEST(Trial, RolledBackAtTheDeadlineWithoutTouchingTheFile) {
     TrialSetUp t(93);
     EXPECT_NE(t.started.output.find("can1.bitrate: 500000 -> 250000"), std::string::npos);
     EXPECT_EQ(cfgctl(t.d, {"get", "can1.bitrate"}).output, "250000\n");  // reads go on
-    struct stat directory {};  // open to all, as the legacy daemon's queue is
-    EXPECT_EQ(stat((t.d.lock + ".trial").c_str(), &directory) == 0 ? directory.st_mode & 0777 : 0,
-              0777u);
+    struct stat directory {};  // root's; the front end's group may look in, nobody else
+    ASSERT_EQ(lstat((t.d.lock + ".trial").c_str(), &directory), 0);
+    EXPECT_EQ(std::tuple(directory.st_uid, directory.st_mode & 07777), std::tuple(0u, 0750u));
     EXPECT_TRUE(poll([&] { return !t.pending(); }, kDeadlineMs));
     EXPECT_EQ(logged(t.first, kOldRate), 1u);
     EXPECT_EQ(logged(t.first, "mv "), 0u);
@@ -155,7 +158,7 @@ TEST(Trial, ADamagedRecordRefusesWritesUntilRemovedByForce) {
     for (const std::string& damaged : {std::string("cfgd-trial 0\nend\n"),
                                        std::string("cfgd-trial 1\ndeadline 1\ndaemon 1\n")}) {
         const std::size_t first = commands().size();
-        (void)mkdir((d.lock + ".trial").c_str(), 0777);
+        ASSERT_EQ(cfgctl(d, {"trial", "--init"}).status, 0);
         std::ofstream(d.lock + ".trial/record") << damaged;
         const Outcome refused = cfgctl(d, {"set", "can1.bitrate", "250000"});
         EXPECT_EQ(refused.status, 2);
@@ -164,6 +167,152 @@ TEST(Trial, ADamagedRecordRefusesWritesUntilRemovedByForce) {
         EXPECT_EQ(commands(first).size(), 0u) << "nothing was written";
         EXPECT_EQ(cfgctl(d, {"rollback", "--force"}).status, 0);
         EXPECT_EQ(cfgctl(d, {"set", "can1.bitrate", "250000"}).status, 0);
+    }
+}
+
+// Runs `act` in a child process as the user `name`; its exit status (0 when `act` is true).
+int asUser(const char* name, const std::function<bool()>& act) {
+    const passwd* user = getpwnam(name);
+    if (user == nullptr) return -1;
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(setgroups(0, nullptr) == 0 && setgid(user->pw_gid) == 0 &&
+                      setuid(user->pw_uid) == 0 && act()
+                  ? 0
+                  : 1);
+    int status = -1;
+    (void)waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A process that must survive: a sleep of the user `name`'s.
+pid_t victim(const char* name) {
+    const passwd* user = getpwnam(name);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (setgid(user->pw_gid) == 0 && setuid(user->pw_uid) == 0)
+            execl("/bin/sleep", "sleep", "600", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return pid;
+}
+
+bool running(pid_t pid) {
+    return waitpid(pid, nullptr, WNOHANG) == 0;  // our child, not yet ended
+}
+
+// The start time that /proc/PID/stat gives as its 22nd field.
+std::string startTicks(pid_t pid) {
+    const std::string text = readFile("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream stat(text.substr(text.rfind(')') + 2));
+    std::string field;
+    for (int i = 3; i <= 22; ++i)
+        stat >> field;
+    return field;
+}
+
+// A file of root's that planted links aim at.
+struct Target {
+    Target() { std::ofstream(path) << "secret\n", chmod(path.c_str(), 0600); }
+    bool untouched() const {
+        struct stat st {};
+        return stat(path.c_str(), &st) == 0 && (st.st_mode & 07777) == 0600 && st.st_uid == 0 &&
+               readFile(path) == "secret\n";
+    }
+    const std::string path = "/tmp/e2e-trial-target";
+};
+
+TEST(TrialAttack, PlantedDirectoriesAndLinksAreRefusedAndLeftAlone) {
+    Daemon d(131, 132);
+    ASSERT_NE(d.up(), "") << d.process.output();
+    const std::string dir = d.lock + ".trial";
+    Target target;
+    const pid_t other = victim("root");
+    const std::string record = "cfgd-trial 2\ndeadline 1\ndaemon 1\nguard " +
+                               std::to_string(other) + " " + startTicks(other) + "\nend\n";
+    // The links a local user plants in a directory of theirs: root must neither open, chmod,
+    // truncate nor signal through them.
+    const auto plantLinks = [&] {
+        return symlink(target.path.c_str(), (dir + "/record.lock").c_str()) == 0 &&
+               symlink(target.path.c_str(), (dir + "/record.log").c_str()) == 0 &&
+               (std::ofstream(dir + "/record") << record).good();
+    };
+    struct Case {
+        const char* what;
+        std::function<bool()> plant;  // run as nobody, except where it says root
+        bool asRoot;
+        const char* refusal;
+    };
+    const Case cases[] = {
+        {"nobody's directory", [&] { return mkdir(dir.c_str(), 0777) == 0 && plantLinks(); }, false,
+         "owned by uid 65534, not root"},
+        {"a link to root's directory", [&] { return symlink("/etc", dir.c_str()) == 0; }, false,
+         "a symbolic link"},
+        {"root's directory open to all",
+         [&] { return mkdir(dir.c_str(), 0777) == 0 && chmod(dir.c_str(), 0777) == 0; }, true,
+         "writable by others"},
+        {"a link in root's own directory",
+         [&] {
+             return cfgctl(d, {"trial", "--init"}).status == 0 &&
+                    unlink((dir + "/record.lock").c_str()) == 0 &&
+                    symlink(target.path.c_str(), (dir + "/record.lock").c_str()) == 0;
+         },
+         true, "record.lock: a symbolic link"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        (void)std::system(("rm -rf " + dir).c_str());
+        ASSERT_EQ(c.asRoot ? (c.plant() ? 0 : 1) : asUser("nobody", c.plant), 0);
+        const std::size_t first = commands().size();
+        const Outcome trial = cfgctl(d, {"set", "--trial", "60", "can1.bitrate", "250000"});
+        EXPECT_EQ(trial.status, 2);
+        EXPECT_NE(trial.output.find(std::string("is not safe to use (") + c.refusal + ")"),
+                  std::string::npos)
+            << trial.output;
+        EXPECT_EQ(logged(first, "ip link"), 0u) << "nothing of the trial was applied";
+        for (const char* command : {"confirm", "rollback", "trial"})
+            EXPECT_NE(cfgctl(d, {command}).status, 0) << command;
+        const Outcome read = cfgctl(d, {"get", "can1.bitrate"});  // the rest goes on
+        EXPECT_TRUE(read.status == 0 && read.output.ends_with("500000\n")) << read.output;
+        EXPECT_TRUE(target.untouched());
+        EXPECT_TRUE(running(other));
+    }
+    (void)kill(other, SIGKILL);
+    (void)waitpid(other, nullptr, 0);
+}
+
+TEST(TrialAttack, ARecordNamingAnotherProcessSignalsNobody) {
+    // The front end's user may write the record; it names the guard as a process of root's,
+    // or as a dead guard's pid that another process now has (its start time is the guard's).
+    for (const bool reused : {false, true}) {
+        SCOPED_TRACE(reused ? "a reused pid" : "root's process");
+        TrialSetUp t(reused ? 133 : 135, 60);
+        const int guard = t.guardPid();
+        const std::string guardLine = "\nguard " + std::to_string(guard) + " ";
+        const std::string guardTicks = startTicks(guard);
+        if (reused) {
+            ASSERT_EQ(kill(guard, SIGKILL), 0);
+        }
+        const pid_t other = victim(reused ? "nobody" : "root");
+        const std::string ticks = reused ? guardTicks : startTicks(other);
+        ASSERT_EQ(asUser(CFGD_E2E_HARDENED_GROUP,
+                         [&] {
+                             std::string text = readFile(t.trialFile());
+                             const std::size_t at = text.find(guardLine);
+                             text.replace(at, text.find('\n', at + 1) - at,
+                                          "\nguard " + std::to_string(other) + " " + ticks);
+                             return at != std::string::npos &&
+                                    (std::ofstream(t.trialFile()) << text).good();
+                         }),
+                  0);
+        EXPECT_TRUE(t.pending());  // the named process is no guard: a new one takes over
+        EXPECT_NE(t.guardPid(), other);
+        const Outcome rolledBack = cfgctl(t.d, {"rollback"});
+        EXPECT_EQ(rolledBack.status, 0) << rolledBack.output;
+        EXPECT_EQ(logged(t.first, kOldRate), 1u);
+        EXPECT_TRUE(running(other));
+        (void)kill(other, SIGKILL);
+        (void)waitpid(other, nullptr, 0);
     }
 }
 
