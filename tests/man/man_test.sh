@@ -26,7 +26,9 @@ for page in "$dir/cfgctl.1" "$dir/cfgd.8"; do
     wide=$(awk 'length > 80' <<<"$text")
     printf '%s' "${wide:+$wide$'\n'}"
     check "$page: no line over 80 columns" [ -z "$wide" ]
-    check "$page: every @NAME@ replaced" eval '! grep -n "@[A-Z_]*@" "$page"'
+    unreplaced=$(grep -n '@[A-Z_]*@' "$page")
+    printf '%s' "${unreplaced:+$unreplaced$'\n'}"
+    check "$page: every @NAME@ replaced" [ -z "$unreplaced" ]
 done
 
 # The page's source with roff's minus signs as the usage text writes them; each option and
@@ -36,10 +38,10 @@ usage=$("$cfgctl" --help)
 synopsis=$(grep -E '^ *(Usage: )?cfgctl ' <<<"$usage")
 words=$(grep -oE -- '-[-A-Za-z]+' <<<"$synopsis"
         grep -E '^  -' <<<"$usage" | grep -oE -- '^  -[-A-Za-z]+|, -[-A-Za-z]+' | tr -d ' ,'
-        tr ' |' '\n\n' <<<"$synopsis" | grep -xE '[a-z]+' | grep -vx cfgctl)
-for word in $(sort -u <<<"$words"); do
+        tr ' |' '\n' <<<"$synopsis" | grep -xE '[a-z]+' | grep -vx cfgctl)
+while read -r word; do
     check "cfgctl(1) documents $word" \
         grep -qE -- "^\.(B|BR|RB|BI) (.*[ \"])?$word([ \"]|$)" <<<"$source"
-done
+done < <(sort -u <<<"$words")
 echo "$passed passed, $failed failed"
 ((failed == 0))
