@@ -22,6 +22,8 @@ configure_file(${PROJECT_SOURCE_DIR}/packaging/S50cfgd.in ${PROJECT_BINARY_DIR}/
                @ONLY)
 install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S50cfgd DESTINATION ${CFGD_SYSCONF_DIR}/init.d
         COMPONENT cfgd)
+# cfgctl(1) and cfgd(8), compressed, into share/man.
+include(${PROJECT_SOURCE_DIR}/cmake/man.cmake)
 
 # Package cfgd-web: the PHP library, the front end (web/lib/app.php finds the library at
 # share/cfgd/php beside share/cfgd/web), the web server's snippet and the password command.

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # shellcheck disable=SC2016,SC2034  # the checks are evaluated later, on purpose
 # Builds the Debian packages (cfgd, cfgd-web) of the host build (build) and of the device's
-# build (build-armel) with cpack, checks their contents and control fields with dpkg-deb, and
-# runs the armel package's daemon as `cfgd -v` under qemu (-v prints the version and exits
-# before doing anything, so it is safe outside the sandbox). Packages in build-packages/ARCH.
+# build (build-armel) with cpack, checks their contents (the manual pages too) and control fields
+# with dpkg-deb, and runs the armel package's daemon as `cfgd -v` under qemu (-v prints the
+# version and exits before doing anything, so it is safe outside the sandbox). Packages in
+# build-packages/ARCH.
 #   scripts/package-test.sh          (after scripts/test.sh has built both)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -24,6 +25,7 @@ check() {  # check NAME COMMAND...
 files() { dpkg-deb -c "$1" | awk '{ print $1, $6 }'; }
 has_file() { files "$1" | grep -qxF -- "$2"; }
 field() { dpkg-deb -f "$1" "$2"; }
+member() { dpkg-deb --fsys-tarfile "$1" | tar -xOf - "$2"; }  # one file's contents
 no_local() { ! files "$1" | grep -q ' \./usr/local'; }
 
 for pair in build:amd64 build-armel:armel; do
@@ -38,8 +40,15 @@ for pair in build:amd64 build-armel:armel; do
     daemon=$out/$arch/cfgd_${version}_$arch.deb web=$out/$arch/cfgd-web_${version}_all.deb
     check "$arch: cfgd: Architecture $arch" [ "$(field "$daemon" Architecture)" = "$arch" ]
     for entry in "-rwxr-xr-x ./usr/sbin/cfgd" "-rwxr-xr-x ./usr/bin/cfgctl" \
-        "-rwxr-xr-x ./etc/init.d/S50cfgd"; do
+        "-rwxr-xr-x ./etc/init.d/S50cfgd" "-rw-r--r-- ./usr/share/man/man1/cfgctl.1.gz" \
+        "-rw-r--r-- ./usr/share/man/man8/cfgd.8.gz"; do
         check "$arch: cfgd: $entry" has_file "$daemon" "$entry"
+    done
+    for page in man1/cfgctl.1.gz man8/cfgd.8.gz; do
+        check "$arch: cfgd: $page gzip -9n, of this version" eval 'gz=$(member "$daemon" \
+            "./usr/share/man/$page" | od -An -tx1 | tr -d " \n") &&
+            [[ $gz == 1f8b08000000000002* ]] &&
+            [[ $(member "$daemon" "./usr/share/man/$page" | gzip -dc) == *"\"cfgd $version\""* ]]'
     done
     check "$arch: cfgd: init script a conffile" \
         eval 'dpkg-deb -I "$daemon" conffiles | grep -qx /etc/init.d/S50cfgd'

@@ -11,7 +11,9 @@ packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmoc
           # strace), the password script (openssl) and scripts/device.sh's forwarder (socat).
           lighttpd php-cgi chromium chromium-driver python3-selenium strace openssl socat
           # The init script's test (BusyBox's sh and start-stop-daemon); the packages' checks.
-          busybox dpkg-dev)
+          busybox dpkg-dev
+          # The manual pages' test renders them with man and groff.
+          man-db groff-base)
 # `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.
 [ "${1:-}" = fuzz ] && packages+=(clang libclang-rt-dev)
 missing=()

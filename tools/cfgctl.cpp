@@ -293,6 +293,10 @@ int main(int argc, char** argv) {
         cfgctl::printUsage(stdout);
         return cfgctl::kExitOk;
     }
+    if (invocation.command == Command::Version) {
+        cfgctl::printVersion(stdout);
+        return cfgctl::kExitOk;
+    }
     const int status = run(invocation);
     if (std::fflush(stdout) != 0) {
         std::fprintf(stderr, "cfgctl: cannot write the values: %s\n", std::strerror(errno));

@@ -8,6 +8,7 @@
 
 #include "client.h"
 #include "core/options.h"
+#include "core/version.h"
 #include "trial.h"
 
 namespace cfgctl {
@@ -27,6 +28,7 @@ constexpr const char* kUsageFormat =
     "       cfgctl [-l LOCKFILE] [-t SECONDS] apply --trial SECONDS FILE\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] confirm|rollback [--force]|trial [--init]\n"
     "       cfgctl names [--php]\n"
+    "       cfgctl --help|--version\n"
     "Reads or writes cfgd parameters in one session. PARAM is a name such as can1.bitrate\n"
     "(cfgctl names lists them) or three numbers F1 F2 F3 (group, sub-indices, each 0..255).\n"
     "Values that are read are printed one per line.\n"
@@ -45,6 +47,7 @@ constexpr const char* kUsageFormat =
     "  -t SECONDS   how long to wait for the daemon, 1..%d (default %d)\n"
     "  --temp       write with SET_TEMP_PARAM: applied at the end, never stored\n"
     "  --abort      end with ABORT_SESSION instead of FINISH_SESSION: writes are dropped\n"
+    "  --version    prints cfgctl's version, which is cfgd's (cfgd -v); -V is the same\n"
     "Exit status: %d done, %d refused by cfgd, %d bad arguments or file, %d cfgd not\n"
     "reachable, %d no answer in time.\n";
 
@@ -225,6 +228,10 @@ void printUsage(std::FILE* out) {
                  kExitUsage, kExitNoDaemon, kExitNoAnswer);
 }
 
+void printVersion(std::FILE* out) {
+    std::fprintf(out, "cfgctl %s\n", kSoftwareVersion);
+}
+
 std::vector<std::string> closeMatches(std::string_view name, std::size_t most) {
     std::string folded(name);
     for (char& c : folded)
@@ -276,6 +283,9 @@ bool parseArguments(int argc, const char* const* argv, Invocation& invocation, c
         }
         if (arg == "--temp") {
             invocation.temporary = true;
+        } else if (arg == "-V" || arg == "--version") {
+            invocation.command = Command::Version;
+            return true;
         } else if (arg == "--abort") {
             invocation.abort = true;
         } else if (arg == "-l" || arg == "-t") {

@@ -25,7 +25,7 @@ inline constexpr std::size_t kMaxWrites = kMaxAnnounced + 1;
 
 inline constexpr std::size_t kErrorSize = 512;  // room for a reason with close matches
 
-enum class Command { Get, Set, Dump, Apply, Names, Confirm, Rollback, Trial, Help };
+enum class Command { Get, Set, Dump, Apply, Names, Confirm, Rollback, Trial, Help, Version };
 
 struct Parameter {
     uint8_t f1;
@@ -54,6 +54,9 @@ struct Invocation {
                                   char* error, std::size_t errorSize);
 
 void printUsage(std::FILE* out);
+
+// "cfgctl VERSION": the daemon's version, as cfgd -v prints it on its first line.
+void printVersion(std::FILE* out);
 
 // The parameter names closest to `name` (which names none), closest first, at most `most`.
 std::vector<std::string> closeMatches(std::string_view name, std::size_t most);

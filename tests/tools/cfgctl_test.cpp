@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -9,6 +11,7 @@
 #include "apply_file.h"
 #include "cfgctl_args.h"
 #include "client.h"
+#include "core/version.h"
 
 namespace {
 
@@ -65,6 +68,31 @@ TEST(CfgctlArguments, RefusesWhatCannotBeSentAndGroupsTheOperands) {
               "set -l - -t 0 5.8.33= 4.1.2=250000 4.1.2=-1");
     EXPECT_EQ(understood("dump --numeric"), "dump -l - -t 0 --numeric");
     EXPECT_EQ(understood("--temp apply -"), "apply -l - -t 0 --temp -");
+}
+
+TEST(CfgctlArguments, VersionBeforeTheCommandWordOnlyAndTheDaemonsNumber) {
+    for (const char* line : {"--version", "-V", "-l /run/lock --version get 0 2 0"}) {
+        std::vector<const char*> argv{"cfgctl"};
+        std::string words(line);
+        for (char* rest = words.data(); rest != nullptr;)
+            argv.push_back(strsep(&rest, " "));
+        cfgctl::Invocation inv;
+        char error[cfgctl::kErrorSize];
+        ASSERT_TRUE(cfgctl::parseArguments(static_cast<int>(argv.size()), argv.data(), inv, error,
+                                           sizeof error))
+            << line;
+        EXPECT_EQ(inv.command, cfgctl::Command::Version) << line;
+    }
+    // Behind the command word it is an operand like any other.
+    EXPECT_EQ(understood("get --version"), "refused");
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* out = open_memstream(&text, &size);
+    ASSERT_NE(out, nullptr);
+    cfgctl::printVersion(out);
+    std::fclose(out);
+    EXPECT_EQ(std::string(text, size), "cfgctl " + std::string(kSoftwareVersion) + "\n");
+    std::free(text);
 }
 
 TEST(CfgctlNames, SuggestCloseOnesForAnUnknownName) {
