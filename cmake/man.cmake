@@ -55,7 +55,7 @@ cfgd_source_constant(MAX_ANNOUNCED tools/cfgctl_args.h kMaxAnnounced)
 math(EXPR MAX_WRITES "${MAX_ANNOUNCED} + 1")
 cfgd_source_constant(MIN_TRIAL tools/trial.h kMinTrialSeconds)
 cfgd_source_constant(MAX_TRIAL tools/trial.h kMaxTrialSeconds)
-cfgd_source_constant(TRIAL_SUFFIX tools/trial_file.cpp kTrialDirectorySuffix)
+cfgd_source_constant(TRIAL_SUFFIX tools/trial_file.cpp kDirectorySuffix)
 cfgd_source_constant(DEFAULT_TIMEOUT tools/client.h kDefaultTimeoutSeconds)
 cfgd_source_constant(MAX_TIMEOUT tools/cfgctl_args.cpp kMaxTimeoutSeconds)
 

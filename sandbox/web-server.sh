@@ -64,6 +64,9 @@ cmd_start() {
     local dir=/tmp/cfgd-web-$port
     [ ! -s "$dir/lighttpd.pid" ] || ! kill -0 "$(cat "$dir/lighttpd.pid")" 2>/dev/null ||
         die "an instance on port $port runs already"
+    # Trials of the web server's user need the directory that root makes beside the lock file,
+    # as the init script does at boot.
+    "$cfgctl" -l "$lock" trial --init >/dev/null || die "cannot make the trial directory"
     rm -rf "$dir"
     mkdir -m 0755 "$dir"
     install -d -m 0700 -o www-data -g www-data "$dir/sessions" "$dir/upload" "$dir/run"

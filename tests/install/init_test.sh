@@ -17,7 +17,7 @@ for stub in "$CFGD_SANDBOX_BIN"/*; do
 done
 PATH=$work/bin:$PATH
 init=$root/etc/init.d/S50cfgd cfgctl=$root/usr/bin/cfgctl lock=/tmp/kiv_lock
-defaults="DAEMON=$root/usr/sbin/cfgd LOG=$work/cfgd.log PIDFILE=$work/cfgd.pid"
+defaults="DAEMON=$root/usr/sbin/cfgd CFGCTL=$cfgctl LOG=$work/cfgd.log PIDFILE=$work/cfgd.pid"
 echo "$defaults" >/etc/default/cfgd
 
 passed=0 failed=0
@@ -44,6 +44,7 @@ check "start: started, lock file of the pid" eval 'has started && [ "$rc" = 0 ] 
     pid=$(lock_pid) && has "pid $pid"'
 line=$(cat "$lock")
 keys=$(echo "$line" | sed 's/, / /; s/,.*//')
+check "start: the trials' directory, root's" eval '[ "$(stat -c %U:%a "$lock.trial")" = root:750 ]'
 run status
 check "status: running" eval '[ "$rc" = 0 ] && has "running (pid $pid)"'
 out=$("$cfgctl" set can1.bitrate 125000 2>&1 && "$cfgctl" get can1.bitrate 2>&1) && rc=0 || rc=$?
