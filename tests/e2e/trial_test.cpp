@@ -170,31 +170,28 @@ TEST(Trial, ADamagedRecordRefusesWritesUntilRemovedByForce) {
     }
 }
 
-// Runs `act` in a child process as the user `name`; its exit status (0 when `act` is true).
-int asUser(const char* name, const std::function<bool()>& act) {
+// A child process as the user `name` that runs `act` and ends (its pid).
+pid_t asUser(const char* name, const std::function<bool()>& act) {
     const passwd* user = getpwnam(name);
-    if (user == nullptr) return -1;
     const pid_t pid = fork();
     if (pid == 0)
-        _exit(setgroups(0, nullptr) == 0 && setgid(user->pw_gid) == 0 &&
+        _exit(user != nullptr && setgroups(0, nullptr) == 0 && setgid(user->pw_gid) == 0 &&
                       setuid(user->pw_uid) == 0 && act()
                   ? 0
                   : 1);
-    int status = -1;
-    (void)waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return pid;
 }
 
-// A process that must survive: a sleep of the user `name`'s.
+// Whether `act` succeeded as the user `name`.
+bool did(const char* name, const std::function<bool()>& act) {
+    int status = -1;
+    (void)waitpid(asUser(name, act), &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// A process of the user `name` that must survive.
 pid_t victim(const char* name) {
-    const passwd* user = getpwnam(name);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (setgid(user->pw_gid) == 0 && setuid(user->pw_uid) == 0)
-            execl("/bin/sleep", "sleep", "600", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    return pid;
+    return asUser(name, [] { return execl("/bin/sleep", "sleep", "600", nullptr) == 0; });
 }
 
 bool running(pid_t pid) {
@@ -262,7 +259,7 @@ TEST(TrialAttack, PlantedDirectoriesAndLinksAreRefusedAndLeftAlone) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         (void)std::system(("rm -rf " + dir).c_str());
-        ASSERT_EQ(c.asRoot ? (c.plant() ? 0 : 1) : asUser("nobody", c.plant), 0);
+        ASSERT_TRUE(c.asRoot ? c.plant() : did("nobody", c.plant));
         const std::size_t first = commands().size();
         const Outcome trial = cfgctl(d, {"set", "--trial", "60", "can1.bitrate", "250000"});
         EXPECT_EQ(trial.status, 2);
@@ -295,16 +292,14 @@ TEST(TrialAttack, ARecordNamingAnotherProcessSignalsNobody) {
         }
         const pid_t other = victim(reused ? "nobody" : "root");
         const std::string ticks = reused ? guardTicks : startTicks(other);
-        ASSERT_EQ(asUser(CFGD_E2E_HARDENED_GROUP,
-                         [&] {
-                             std::string text = readFile(t.trialFile());
-                             const std::size_t at = text.find(guardLine);
-                             text.replace(at, text.find('\n', at + 1) - at,
-                                          "\nguard " + std::to_string(other) + " " + ticks);
-                             return at != std::string::npos &&
-                                    (std::ofstream(t.trialFile()) << text).good();
-                         }),
-                  0);
+        ASSERT_TRUE(did(CFGD_E2E_HARDENED_GROUP, [&] {
+            std::string text = readFile(t.trialFile());
+            const std::size_t at = text.find(guardLine);
+            if (at == std::string::npos) return false;
+            text.replace(at, text.find('\n', at + 1) - at,
+                         "\nguard " + std::to_string(other) + " " + ticks);
+            return (std::ofstream(t.trialFile()) << text).good();
+        }));
         EXPECT_TRUE(t.pending());  // the named process is no guard: a new one takes over
         EXPECT_NE(t.guardPid(), other);
         const Outcome rolledBack = cfgctl(t.d, {"rollback"});
