@@ -207,8 +207,9 @@ int refuseForTrial(const Invocation& invocation, const TrialRecord* trial, long 
     return kExitTrialPending;
 }
 
-// How the user wrote the parameter of `lines[i]`: set's operand, or apply's file and line.
-std::string writtenAs(const Invocation& invocation, const std::vector<ApplyLine>& lines,
+// How the user wrote the parameter of `lines[i]`: set's operand, or the name or numbers of
+// apply's line.
+std::string asWritten(const Invocation& invocation, const std::vector<ApplyLine>& lines,
                       std::size_t i) {
     if (invocation.command == Command::Set && i < invocation.parameters.size())
         return writtenAs(invocation.parameters[i]);
@@ -369,9 +370,12 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
         if (int status = cfgd.exchange(SET_TEMP_PARAM, requestOf(lines[i])); status != 0)
             return status;
         if (cfgd.refused()) {
-            const std::string written = writtenAs(invocation, lines, i);
-            std::fprintf(stderr, "cfgctl: %s = %s: %s (nothing was written)\n", written.c_str(),
-                         lines[i].value.c_str(), cfgd.refusal());
+            const std::string written = asWritten(invocation, lines, i);
+            char where[kErrorSize] = "";  // apply's file and line, as a refused apply names them
+            if (lines[i].line > 0)
+                std::snprintf(where, sizeof where, "%s:%u: ", invocation.file, lines[i].line);
+            std::fprintf(stderr, "cfgctl: %s%s = %s: %s (nothing was written)\n", where,
+                         written.c_str(), lines[i].value.c_str(), cfgd.refusal());
             if (invocation.report != nullptr)
                 invocation.report->refuse(
                     {lines[i].param, written, lines[i].value, cfgd.refusal(), lines[i].line});

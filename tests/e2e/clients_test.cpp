@@ -80,6 +80,10 @@ TEST(Clients, DumpOfAFullDeviceAppliedToADefaultOneGivesItsValues) {
     EXPECT_EQ(bad.status, 1);
     EXPECT_TRUE(bad.output.starts_with("cfgctl: " + badFile + ":2: can0.bitrate = 4999: "))
         << bad.output;
+    const Outcome trial = cfgctl(fresh, {"apply", "--trial", "5", badFile});
+    EXPECT_EQ(trial.status, 1);
+    EXPECT_TRUE(trial.output.starts_with("cfgctl: " + badFile + ":2: can0.bitrate = 4999: "))
+        << trial.output;
     const Outcome numbers = cfgctl(fresh, {"set", "4", "1", "2", "4999"});  // as written
     EXPECT_TRUE(numbers.output.starts_with("cfgctl: set 4 1 2: baud rate")) << numbers.output;
     EXPECT_TRUE(cfgctl(fresh, {"set", "can0.bitrate", "4999"})
