@@ -450,6 +450,9 @@ final class Trial
      */
     public static function mayBePending(string $lockFile): bool
     {
+        // PHP keeps a file's size from an earlier look: a long-running process would miss a
+        // trial started since.
+        clearstatcache(true, $lockFile . self::FILE_SUFFIX);
         return @filesize($lockFile . self::FILE_SUFFIX) > 0;
     }
 

@@ -83,6 +83,11 @@ $tests = [
         same([4, 1, 2], $e->address, 'address given as numbers');
         same(null, $trial->pending(), 'pending');
         thrown(Cfgd\NoTrial::class, fn () => $trial->rollBack());
+        // A record emptied, or never made, is no trial: nothing needs to ask cfgctl.
+        @mkdir(dirname(LOCK . Trial::FILE_SUFFIX));
+        file_put_contents(LOCK . Trial::FILE_SUFFIX, '');
+        check(!Trial::mayBePending(LOCK), 'an empty record');
+        unlink(LOCK . Trial::FILE_SUFFIX);
     },
     'a trial nobody confirms is rolled back at its deadline' => function () use ($trial) {
         [$old] = readNow('can1.bitrate');
