@@ -16,6 +16,7 @@
 #include "client.h"
 #include "core/options.h"
 #include "daemon_session.h"
+#include "json_out.h"
 #include "read_file.h"
 #include "trial.h"
 
@@ -41,16 +42,25 @@ int settleOrRefuse(const Invocation& invocation, bool writes) {
     return cfgctl::kExitOk;
 }
 
+// An address that has no name in the table.
+Param paramAddress(const cfgctl::Parameter& p) {
+    Param param{};
+    param.f1 = p.f1;
+    param.f2 = p.f2;
+    param.f3 = p.f3;
+    return param;
+}
+
+std::optional<std::string> optionalValue(const char* value) {
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
 // set's parameters as the lines of an apply, with their names where they have one.
 std::vector<cfgctl::ApplyLine> linesOf(const Invocation& invocation) {
     std::vector<cfgctl::ApplyLine> lines;
     for (const cfgctl::Parameter& p : invocation.parameters) {
         cfgctl::ApplyLine line{0, {}, p.value};
-        if (!findParamAt(p.f1, p.f2, p.f3, line.param)) {
-            line.param.f1 = p.f1;
-            line.param.f2 = p.f2;
-            line.param.f3 = p.f3;
-        }
+        if (!findParamAt(p.f1, p.f2, p.f3, line.param)) line.param = paramAddress(p);
         lines.push_back(std::move(line));
     }
     return lines;
@@ -79,9 +89,15 @@ int runGetSet(const Invocation& invocation) {
     for (const cfgctl::Parameter& p : invocation.parameters) {
         if (int status = cfgd.exchange(writes ? writeType : unsigned{READ_PARAM}, p); status != 0)
             return status;
+        const std::string written = cfgctl::writtenAs(p);
         if (cfgd.refused()) {
-            std::fprintf(stderr, "cfgctl: %s %u %u %u: %s\n", requestName(invocation), p.f1, p.f2,
-                         p.f3, cfgd.refusal());
+            std::fprintf(stderr, "cfgctl: %s %s: %s\n", requestName(invocation), written.c_str(),
+                         cfgd.refusal());
+            if (invocation.report != nullptr) {
+                Param param{};
+                if (!findParamAt(p.f1, p.f2, p.f3, param)) param = paramAddress(p);
+                invocation.report->refuse({param, written, optionalValue(p.value), cfgd.refusal()});
+            }
             refused = true;
             break;
         }
@@ -89,8 +105,8 @@ int runGetSet(const Invocation& invocation) {
             std::printf("%s\n", cfgd.answer().da);
         } else if (cfgd.answer().da[0] != '\0') {
             // A write that went through with a remark from the daemon.
-            std::fprintf(stderr, "cfgctl: %s %u %u %u: %s\n", requestName(invocation), p.f1, p.f2,
-                         p.f3, cfgd.answer().da);
+            std::fprintf(stderr, "cfgctl: %s %s: %s\n", requestName(invocation), written.c_str(),
+                         cfgd.answer().da);
         }
     }
     // A refused write aborts, so that none of the call's writes is applied or stored; reads
@@ -167,9 +183,12 @@ int runApply(const Invocation& invocation) {
         return cfgctl::kExitUsage;
     }
     char numbers[16];
-    for (const cfgctl::ApplyLine& line : file.readOnly)
-        std::fprintf(stderr, "cfgctl: %s:%u: %s is read only: skipped\n", path, line.line,
-                     cfgctl::labelOf(line.param, numbers));
+    if (invocation.verbose)
+        for (const cfgctl::ApplyLine& line : file.readOnly)
+            std::fprintf(stderr, "cfgctl: %s:%u: %s is read only: skipped\n", path, line.line,
+                         cfgctl::labelOf(line.param, numbers));
+    if (invocation.report != nullptr)
+        invocation.report->counts.emplace_back("read_only", file.readOnly.size());
     const unsigned writeType = invocation.temporary ? SET_TEMP_PARAM : SET_PARAM;
     for (const cfgctl::ApplyLine& line : file.writes) {
         char where[cfgctl::kErrorSize];
@@ -203,9 +222,12 @@ int runApply(const Invocation& invocation) {
             if (int status = cfgd.exchange(writeType, cfgctl::requestOf(line)); status != 0)
                 return status;
             if (cfgd.refused()) {
+                const char* label = cfgctl::labelOf(line.param, numbers);
                 std::fprintf(stderr, "cfgctl: %s:%u: %s = %s: %s (nothing was written)\n", path,
-                             line.line, cfgctl::labelOf(line.param, numbers), line.value.c_str(),
-                             cfgd.refusal());
+                             line.line, label, line.value.c_str(), cfgd.refusal());
+                if (invocation.report != nullptr)
+                    invocation.report->refuse(
+                        {line.param, label, line.value, cfgd.refusal(), line.line});
                 const int status = cfgd.end(true);
                 return status != 0 ? status : cfgctl::kExitRefused;
             }
@@ -215,9 +237,16 @@ int runApply(const Invocation& invocation) {
         }
         if (int status = cfgd.end(invocation.abort); status != 0) return status;
     }
-    std::printf("%s: %zu written%s, %zu unchanged, %zu read only\n", path, plan.size(),
-                invocation.abort ? " and dropped" : "", file.writes.size() - plan.size(),
-                file.readOnly.size());
+    const std::size_t unchanged = file.writes.size() - plan.size();
+    std::fprintf(cfgctl::humanOutput(invocation),
+                 "%s: %zu written%s, %zu unchanged, %zu read only\n", path, plan.size(),
+                 invocation.abort ? " and dropped" : "", unchanged, file.readOnly.size());
+    if (invocation.report != nullptr) {
+        std::vector<std::pair<const char*, std::size_t>>& counts = invocation.report->counts;
+        counts.insert(counts.begin(), {{"written", plan.size()},
+                                       {"unchanged", unchanged},
+                                       {"dropped", invocation.abort ? plan.size() : 0}});
+    }
     return cfgctl::kExitOk;
 }
 
@@ -256,7 +285,7 @@ int runNames(const Invocation& invocation) {
     return cfgctl::kExitOk;
 }
 
-int run(const Invocation& invocation) {
+int dispatch(const Invocation& invocation) {
     switch (invocation.command) {
         case Command::Dump:
             return runDump(invocation);
@@ -274,6 +303,16 @@ int run(const Invocation& invocation) {
         default:
             return runGetSet(invocation);
     }
+}
+
+int run(const Invocation& given) {
+    if (!given.json) return dispatch(given);
+    cfgctl::Report report;
+    Invocation invocation = given;
+    invocation.report = &report;
+    const int status = dispatch(invocation);
+    std::printf("%s\n", cfgctl::reportJson(status, report).c_str());
+    return status;
 }
 
 }  // namespace

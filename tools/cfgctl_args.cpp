@@ -21,12 +21,12 @@ constexpr std::size_t kShownMatches = 5;
 
 constexpr const char* kUsageFormat =
     "Usage: cfgctl [-l LOCKFILE] [-t SECONDS] [--abort] get PARAM [PARAM ...]\n"
-    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--temp] [--abort] set PARAM VALUE [...]\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] [--temp] [--abort] set PARAM VALUE [...]\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] dump [--numeric]\n"
-    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--temp] [--abort] apply FILE\n"
-    "       cfgctl [-l LOCKFILE] [-t SECONDS] set --trial SECONDS PARAM VALUE [...]\n"
-    "       cfgctl [-l LOCKFILE] [-t SECONDS] apply --trial SECONDS FILE\n"
-    "       cfgctl [-l LOCKFILE] [-t SECONDS] confirm|rollback [--force]|trial [--init]\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] [-v] [--temp] [--abort] apply FILE\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] set --trial SECONDS PARAM VALUE [...]\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] [-v] apply --trial SECONDS FILE\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] confirm|rollback [--force]|trial [--init]\n"
     "       cfgctl names [--php]\n"
     "       cfgctl --help|--version\n"
     "Reads or writes cfgd parameters in one session. PARAM is a name such as can1.bitrate\n"
@@ -35,7 +35,8 @@ constexpr const char* kUsageFormat =
     "  dump         prints every parameter as \"name = value\"; a read that cfgd refuses\n"
     "               as \"# name refused: reason\"; --numeric: \"F1 F2 F3 = value\"\n"
     "  apply        writes the \"name = value\" lines of FILE (a dump or part of one) that\n"
-    "               differ from cfgd's values, in one session; read-only names are skipped\n"
+    "               differ from cfgd's values, in one session, and prints how many it wrote;\n"
+    "               read-only names are skipped and counted (-v: and listed)\n"
     "  --trial S    writes as a trial: applied, not stored, and rolled back after S seconds\n"
     "               (%d..%d) unless confirmed; no other write is taken while it is pending\n"
     "  confirm      stores the pending trial's values; rollback: restores the old ones now\n"
@@ -48,8 +49,13 @@ constexpr const char* kUsageFormat =
     "  --temp       write with SET_TEMP_PARAM: applied at the end, never stored\n"
     "  --abort      end with ABORT_SESSION instead of FINISH_SESSION: writes are dropped\n"
     "  --version    prints cfgctl's version, which is cfgd's (cfgd -v); -V is the same\n"
+    "  --json       set, apply, confirm, rollback, trial: the outcome as one JSON object on\n"
+    "               standard output (messages stay on standard error): \"status\" (the exit\n"
+    "               status's word), \"exit\", and where they apply \"trial\", \"refusal\",\n"
+    "               \"counts\" (README.md describes them)\n"
     "Exit status: %d done, %d refused by cfgd, %d bad arguments or file, %d cfgd not\n"
-    "reachable, %d no answer in time.\n";
+    "reachable, %d no answer in time, %d writes refused while a trial is pending, %d no\n"
+    "trial pending (confirm, rollback, trial).\n";
 
 struct CommandWord {
     std::string_view word;
@@ -156,6 +162,7 @@ bool readOperands(int argc, const char* const* argv, int at, bool writes, Invoca
             parameter.f1 = param.f1;
             parameter.f2 = param.f2;
             parameter.f3 = param.f3;
+            parameter.name = argv[at];
             named = true;
             ++at;
         }
@@ -225,7 +232,7 @@ bool readCommandRest(int argc, const char* const* argv, int at, Invocation& invo
 void printUsage(std::FILE* out) {
     std::fprintf(out, kUsageFormat, kMinTrialSeconds, kMaxTrialSeconds, kDefaultLockPath,
                  kMaxTimeoutSeconds, client::kDefaultTimeoutSeconds, kExitOk, kExitRefused,
-                 kExitUsage, kExitNoDaemon, kExitNoAnswer);
+                 kExitUsage, kExitNoDaemon, kExitNoAnswer, kExitTrialPending, kExitNoTrial);
 }
 
 void printVersion(std::FILE* out) {
@@ -288,6 +295,10 @@ bool parseArguments(int argc, const char* const* argv, Invocation& invocation, c
             return true;
         } else if (arg == "--abort") {
             invocation.abort = true;
+        } else if (arg == "--json") {
+            invocation.json = true;
+        } else if (arg == "-v") {
+            invocation.verbose = true;
         } else if (arg == "-l" || arg == "-t") {
             if (at + 1 >= argc) {
                 std::snprintf(error, errorSize, "%s needs an argument", argv[at]);
@@ -325,6 +336,17 @@ bool parseArguments(int argc, const char* const* argv, Invocation& invocation, c
     const bool writes = invocation.command == Command::Set || invocation.command == Command::Apply;
     if (invocation.temporary && !writes) {
         std::snprintf(error, errorSize, "--temp applies to set and apply only");
+        return false;
+    }
+    if (invocation.json &&
+        !(writes || invocation.command == Command::Confirm ||
+          invocation.command == Command::Rollback || invocation.command == Command::Trial)) {
+        std::snprintf(error, errorSize,
+                      "--json applies to set, apply, confirm, rollback and trial");
+        return false;
+    }
+    if (invocation.verbose && invocation.command != Command::Apply) {
+        std::snprintf(error, errorSize, "-v applies to apply only");
         return false;
     }
     if (writes && !readTrialOption(argc, argv, at, invocation, error, errorSize)) return false;

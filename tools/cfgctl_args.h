@@ -13,10 +13,12 @@
 namespace cfgctl {
 
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitRefused = 1;   // cfgd answered NEG_ANSW
-inline constexpr int kExitUsage = 2;     // bad arguments or a bad file
-inline constexpr int kExitNoDaemon = 3;  // no lock file, no queue, semaphore busy
-inline constexpr int kExitNoAnswer = 4;  // cfgd did not answer in time
+inline constexpr int kExitRefused = 1;       // cfgd answered NEG_ANSW
+inline constexpr int kExitUsage = 2;         // bad arguments or a bad file
+inline constexpr int kExitNoDaemon = 3;      // no lock file, no queue, semaphore busy
+inline constexpr int kExitNoAnswer = 4;      // cfgd did not answer in time
+inline constexpr int kExitTrialPending = 5;  // a trial is pending: writes are refused
+inline constexpr int kExitNoTrial = 6;       // confirm, rollback or trial without a trial
 
 // START_SESSION announces the writes in one byte, and the daemon takes one write more than
 // announced.
@@ -31,8 +33,11 @@ struct Parameter {
     uint8_t f1;
     uint8_t f2;
     uint8_t f3;
-    const char* value;  // nullptr for reads
+    const char* value;           // nullptr for reads
+    const char* name = nullptr;  // as the user wrote it; nullptr when given as numbers
 };
+
+struct Report;
 
 struct Invocation {
     Command command = Command::Get;
@@ -46,6 +51,9 @@ struct Invocation {
     int trialSeconds = 0;        // set/apply --trial SECONDS; 0: not a trial
     bool force = false;          // rollback --force: remove the record, write nothing
     bool init = false;           // trial --init: make the trial directory
+    bool json = false;           // --json: the outcome as one JSON object on standard output
+    bool verbose = false;        // -v: apply lists the read-only lines it skips
+    Report* report = nullptr;    // filled for --json while the command runs
     std::vector<Parameter> parameters;
 };
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "core/options.h"
+#include "json_out.h"
 
 namespace cfgctl {
 
@@ -75,7 +76,8 @@ const char* lockPathOf(const Invocation& invocation) {
     return invocation.lockPath != nullptr ? invocation.lockPath : kDefaultLockPath;
 }
 
-DaemonSession::DaemonSession(const Invocation& invocation) : lockPath_(lockPathOf(invocation)) {
+DaemonSession::DaemonSession(const Invocation& invocation)
+    : lockPath_(lockPathOf(invocation)), report_(invocation.report) {
     if (invocation.timeoutSeconds > 0) cfgd_.setTimeout(invocation.timeoutSeconds);
 }
 
@@ -98,8 +100,9 @@ int DaemonSession::end(bool abort, bool keep) {
         return status;
     if (!keep) cfgd_.endSession();
     if (answer_.mt != NEG_ANSW) return kExitOk;
-    std::fprintf(stderr, "cfgctl: %s: %s\n", abort ? "ABORT_SESSION" : "FINISH_SESSION",
-                 answer_.da);
+    const char* request = abort ? "ABORT_SESSION" : "FINISH_SESSION";
+    std::fprintf(stderr, "cfgctl: %s: %s\n", request, answer_.da);
+    if (report_ != nullptr) report_->refuse({std::nullopt, request, std::nullopt, answer_.da});
     return kExitRefused;
 }
 
@@ -113,6 +116,13 @@ int DaemonSession::check(Status status, bool inSession) {
 const char* labelOf(const Param& param, char (&numbers)[16]) {
     if (param.name[0] != '\0') return param.name;
     std::snprintf(numbers, sizeof numbers, "%u %u %u", param.f1, param.f2, param.f3);
+    return numbers;
+}
+
+std::string writtenAs(const Parameter& p) {
+    if (p.name != nullptr) return p.name;
+    char numbers[16];
+    std::snprintf(numbers, sizeof numbers, "%u %u %u", p.f1, p.f2, p.f3);
     return numbers;
 }
 

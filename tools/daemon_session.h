@@ -39,12 +39,16 @@ class DaemonSession {
     int check(client::Status status, bool inSession = false);
 
     const char* lockPath_;
+    Report* report_;
     client::Connection cfgd_;
     RequestMessage answer_{};
 };
 
 // A parameter's name, or its numbers "F1 F2 F3" when it has none.
 const char* labelOf(const Param& param, char (&numbers)[16]);
+
+// A parameter of the command line as the user wrote it: its name, or "F1 F2 F3".
+std::string writtenAs(const Parameter& p);
 
 // The request that writes `line`'s value (or reads it, when the value is dropped).
 Parameter requestOf(const ApplyLine& line);

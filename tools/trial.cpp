@@ -16,6 +16,7 @@
 
 #include "client.h"
 #include "daemon_session.h"
+#include "json_out.h"
 #include "trial_file.h"
 
 namespace cfgctl {
@@ -143,8 +144,11 @@ int writeLines(const Invocation& invocation, const std::vector<ApplyLine>& lines
         if (int status = cfgd.exchange(mt, requestOf(lines[i])); status != 0) return status;
         if (!cfgd.refused()) continue;
         char numbers[16];
-        std::fprintf(stderr, "cfgctl: %s: %s = %s: %s\n", what, labelOf(lines[i].param, numbers),
-                     lines[i].value.c_str(), cfgd.refusal());
+        const char* label = labelOf(lines[i].param, numbers);
+        std::fprintf(stderr, "cfgctl: %s: %s = %s: %s\n", what, label, lines[i].value.c_str(),
+                     cfgd.refusal());
+        if (invocation.report != nullptr)
+            invocation.report->refuse({lines[i].param, label, lines[i].value, cfgd.refusal()});
         refused = true;
         if (stopAtRefusal) break;
     }
@@ -237,19 +241,45 @@ GuardId startGuard(const Invocation& invocation, const TrialStore& store, bool f
     _exit(guard(invocation));
 }
 
-void printTrial(const TrialRecord& trial) {
+void printTrial(std::FILE* out, const TrialRecord& trial) {
     for (const TrialEntry& entry : trial.entries) {
         char numbers[16];
-        std::printf("  %s: ", labelOf(entry.param, numbers));
-        printValue(stdout, entry.old);
+        std::fprintf(out, "  %s: ", labelOf(entry.param, numbers));
+        printValue(out, entry.old);
         if (entry.value) {
-            std::fputs(" -> ", stdout);
-            printValue(stdout, entry.value);
+            std::fputs(" -> ", out);
+            printValue(out, entry.value);
         } else {
-            std::fputs(" (restored with the others)", stdout);
+            std::fputs(" (restored with the others)", out);
         }
-        std::putchar('\n');
+        std::fputc('\n', out);
     }
+}
+
+// A write refused because of the pending trial: the reason, and the trial under --json.
+int refuseForTrial(const Invocation& invocation, const TrialRecord* trial, long long left) {
+    std::fprintf(stderr, kPendingFormat, left);
+    if (invocation.report == nullptr) return kExitTrialPending;
+    TrialRecord read;
+    if (trial == nullptr) {
+        TrialStore store;
+        std::string error;
+        if (store.open(lockPathOf(invocation), error) == TrialPlace::Ready &&
+            store.read(read, error) == TrialFile::Pending)
+            trial = &read;
+    }
+    if (trial != nullptr) invocation.report->setTrial(*trial, left);
+    return kExitTrialPending;
+}
+
+// How the user wrote the parameter of `lines[i]`: set's operand, or the name or numbers of
+// apply's line.
+std::string asWritten(const Invocation& invocation, const std::vector<ApplyLine>& lines,
+                      std::size_t i) {
+    if (invocation.command == Command::Set && i < invocation.parameters.size())
+        return writtenAs(invocation.parameters[i]);
+    char numbers[16];
+    return labelOf(lines[i].param, numbers);
 }
 
 // The values of other parameters of the instances that `lines` write, which those writes change
@@ -348,20 +378,29 @@ int refuseWritesDuringTrial(const Invocation& invocation) {
         case TrialState::Unsafe:  // no trial of ours can be there; its reason was printed
             return kExitOk;
         case TrialState::Pending:
-            std::fprintf(stderr, kPendingFormat, left);
-            return kExitRefused;
+            return refuseForTrial(invocation, nullptr, left);
         case TrialState::Damaged:
             break;
     }
     return kExitUsage;
 }
 
+namespace {
+
+// A trial start's counts, before those the caller gave (apply's read-only lines).
+void addCounts(const Invocation& invocation, std::size_t written, std::size_t unchanged) {
+    if (invocation.report == nullptr) return;
+    std::vector<std::pair<const char*, std::size_t>>& counts = invocation.report->counts;
+    counts.insert(counts.begin(), {{"written", written}, {"unchanged", unchanged}});
+}
+
+}  // namespace
+
 int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& lines) {
     long long left = 0;
     if (const TrialState state = settleTrial(invocation, left); state != TrialState::None) {
         if (state != TrialState::Pending) return kExitUsage;  // the reason was printed
-        std::fprintf(stderr, kPendingFormat, left);
-        return kExitRefused;
+        return refuseForTrial(invocation, nullptr, left);
     }
     DaemonSession cfgd(invocation);
     if (int status = cfgd.open(); status != 0) return status;
@@ -369,10 +408,8 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
     if (!openStore(invocation, store)) return kExitUsage;
     TrialRecord trial;
     std::string error;
-    if (store.read(trial, error) != TrialFile::None) {
-        std::fprintf(stderr, kPendingFormat, std::max(0LL, trial.deadline - now()));
-        return kExitRefused;
-    }
+    if (store.read(trial, error) != TrialFile::None)
+        return refuseForTrial(invocation, &trial, std::max(0LL, trial.deadline - now()));
 
     std::vector<ApplyLine> read = lines;
     const std::vector<ApplyLine> followers = followersOf(lines);
@@ -399,7 +436,9 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
         if (current[lines.size() + i])
             trial.entries.push_back({followers[i].param, current[lines.size() + i], {}});
     if (plan.empty()) {
-        std::printf("nothing differs from cfgd's values: no trial started\n");
+        std::fprintf(humanOutput(invocation),
+                     "nothing differs from cfgd's values: no trial started\n");
+        addCounts(invocation, 0, lines.size());
         return cfgd.end(false);
     }
     if (trial.entries.size() > kMaxWrites) {
@@ -425,8 +464,15 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
         if (int status = cfgd.exchange(SET_TEMP_PARAM, requestOf(lines[i])); status != 0)
             return status;
         if (cfgd.refused()) {
-            std::fprintf(stderr, "cfgctl: %s = %s: %s (nothing was written)\n",
-                         labelOf(lines[i].param, numbers), lines[i].value.c_str(), cfgd.refusal());
+            const std::string written = asWritten(invocation, lines, i);
+            char where[kErrorSize] = "";  // apply's file and line, as a refused apply names them
+            if (lines[i].line > 0)
+                std::snprintf(where, sizeof where, "%s:%u: ", invocation.file, lines[i].line);
+            std::fprintf(stderr, "cfgctl: %s%s = %s: %s (nothing was written)\n", where,
+                         written.c_str(), lines[i].value.c_str(), cfgd.refusal());
+            if (invocation.report != nullptr)
+                invocation.report->refuse(
+                    {lines[i].param, written, lines[i].value, cfgd.refusal(), lines[i].line});
             (void)store.clear();  // nothing of the trial was applied; a record left is settled
             const int status = cfgd.end(true);
             return status != 0 ? status : kExitRefused;
@@ -437,10 +483,13 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
     trial.guard = startGuard(invocation, store, true);
     if (trial.guard.pid < 0 || !store.write(trial))
         std::fprintf(stderr, "cfgctl: cannot start the trial's guard: the next call rolls back\n");
-    std::printf("trial: applied, not stored; rolled back in %d s unless confirmed:\n",
-                invocation.trialSeconds);
-    printTrial(trial);
-    std::printf("keep it with: cfgctl confirm; undo it now with: cfgctl rollback\n");
+    std::FILE* out = humanOutput(invocation);
+    std::fprintf(out, "trial: applied, not stored; rolled back in %d s unless confirmed:\n",
+                 invocation.trialSeconds);
+    printTrial(out, trial);
+    std::fprintf(out, "keep it with: cfgctl confirm; undo it now with: cfgctl rollback\n");
+    if (invocation.report != nullptr) invocation.report->setTrial(trial, invocation.trialSeconds);
+    addCounts(invocation, plan.size(), lines.size() - plan.size());
     return finished;
 }
 
@@ -458,8 +507,9 @@ int withPendingTrial(const Invocation& invocation, Act act) {
     if (state == TrialState::None || !openStore(invocation, store, true) ||
         store.read(trial, error) != TrialFile::Pending) {
         std::fputs(kNoTrialText, stderr);
-        return kExitRefused;
+        return kExitNoTrial;
     }
+    if (invocation.report != nullptr) invocation.report->setTrial(trial, left);
     return act(store, trial, left);
 }
 
@@ -475,7 +525,8 @@ int runConfirm(const Invocation& invocation) {
             return status;
         }
         removeTrial(store, trial);
-        std::printf("confirmed: %zu values stored\n", lines.size());
+        std::fprintf(humanOutput(invocation), "confirmed: %zu values stored\n", lines.size());
+        if (invocation.report != nullptr) invocation.report->counts = {{"stored", lines.size()}};
         return kExitOk;
     });
 }
@@ -489,11 +540,12 @@ int runRollback(const Invocation& invocation) {
         const TrialFile file = store.read(trial, error);
         if (file == TrialFile::None) {
             std::fputs(kNoTrialText, stderr);
-            return kExitRefused;
+            return kExitNoTrial;
         }
         if (file == TrialFile::Damaged) trial = TrialRecord{};  // no guard to end that it names
         removeTrial(store, trial);
-        std::printf("trial record in %s removed; nothing was written\n", store.directory().c_str());
+        std::fprintf(humanOutput(invocation), "trial record in %s removed; nothing was written\n",
+                     store.directory().c_str());
         return kExitOk;
     }
     return withPendingTrial(
@@ -501,7 +553,9 @@ int runRollback(const Invocation& invocation) {
             const int status = rollBack(invocation, trial);
             if (unreachable(status)) return status;
             removeTrial(store, trial);
-            std::printf("rolled back: %zu values restored\n", linesOf(trial, true).size());
+            const std::size_t restored = linesOf(trial, true).size();
+            std::fprintf(humanOutput(invocation), "rolled back: %zu values restored\n", restored);
+            if (invocation.report != nullptr) invocation.report->counts = {{"restored", restored}};
             return status;
         });
 }
@@ -513,15 +567,16 @@ int runTrialInit(const Invocation& invocation) {
     }
     TrialStore store;
     if (!openStore(invocation, store)) return kExitUsage;
-    std::printf("trial directory %s ready\n", store.directory().c_str());
+    std::fprintf(humanOutput(invocation), "trial directory %s ready\n", store.directory().c_str());
     return kExitOk;
 }
 
 int runTrialStatus(const Invocation& invocation) {
     return withPendingTrial(invocation,
-                            [](const TrialStore&, const TrialRecord& trial, long long left) {
-                                std::printf("trial pending: %lld s left\n", left);
-                                printTrial(trial);
+                            [&](const TrialStore&, const TrialRecord& trial, long long left) {
+                                std::FILE* out = humanOutput(invocation);
+                                std::fprintf(out, "trial pending: %lld s left\n", left);
+                                printTrial(out, trial);
                                 return kExitOk;
                             });
 }

@@ -12,14 +12,16 @@
 // A session holds the daemon's session semaphore from start() to finish() or abort(), as
 // cfgctl does, so that the two never interleave their requests. Failures are exceptions:
 // Cfgd\Refused carries the daemon's own text (a refused write leaves the session open: abort()
-// drops its writes), Cfgd\Busy says that another client kept its session, Cfgd\Error anything
-// else. A session dropped while open is aborted.
+// drops its writes), Cfgd\Busy says that another client kept its session, Cfgd\NotRunning that
+// the daemon cannot be reached, Cfgd\Error anything else. A session dropped while open is
+// aborted.
 //
 // A change that could cut the browser off the device (a LAN address, a CAN bit rate) goes
 // through a trial: Cfgd\Trial has cfgctl apply it without storing it and leave a guard that
 // rolls it back at a deadline unless confirm() comes first. The trial's state is cfgctl's
 // trial file, so cfgctl and PHP can each start, confirm or roll back the other's trial. While
-// one is pending, writes are refused with Cfgd\TrialPending; reads go on.
+// one is pending, writes are refused with Cfgd\TrialPending; reads go on. The library reads
+// cfgctl's exit status and its --json object, never the wording of its messages.
 //
 //     $trial = new Cfgd\Trial();
 //     $trial->start(['lan0.ipv4' => '198.51.100.11'], 60);
@@ -40,6 +42,18 @@ final class Busy extends Error
 
 final class UnknownName extends Error
 {
+}
+
+final class NotRunning extends Error
+{
+}
+
+final class NoTrial extends Error
+{
+    public function __construct()
+    {
+        parent::__construct('no trial pending');
+    }
 }
 
 final class Refused extends Error
@@ -247,7 +261,7 @@ final class Session
     // a trial file this costs one stat(); with one, cfgctl settles a trial whose guard died.
     private function refuseDuringTrial(): void
     {
-        if (!file_exists($this->lockFile . Trial::FILE_SUFFIX)) {
+        if (!Trial::mayBePending($this->lockFile)) {
             return;
         }
         $trial = (new Trial($this->lockFile, $this->cfgctl, $this->timeoutSeconds))->pending();
@@ -300,7 +314,7 @@ final class Session
     {
         $line = @file_get_contents($this->lockFile);
         if ($line === false) {
-            throw new Error("cannot read lock file {$this->lockFile} (is cfgd running?)");
+            throw new NotRunning("cannot read lock file {$this->lockFile} (is cfgd running?)");
         }
         if (preg_match('/^(-?\d+), (-?\d+), (-?\d+)\n?$/D', $line, $keys) !== 1) {
             throw new Error("lock file {$this->lockFile} does not hold \"<semaphore key>, <queue key>, <pid>\"");
@@ -308,7 +322,7 @@ final class Session
         [, $semaphoreKey, $queueKey] = array_map('intval', $keys);
         // msg_get_queue and sem_get would make what is missing: a queue nobody serves.
         if (!msg_queue_exists($queueKey)) {
-            throw new Error("cfgd is not running: no queue for the keys in {$this->lockFile}");
+            throw new NotRunning("cfgd is not running: no queue for the keys in {$this->lockFile}");
         }
         $this->queue = msg_get_queue($queueKey, 0666);
         $semaphore = sem_get($semaphoreKey, 1, 0666, true);
@@ -407,20 +421,39 @@ final class Session
 }
 
 // Trials run through cfgctl, which owns the trial file and starts the guard; the guard detaches
-// and redirects its own output, so every call returns when cfgctl exits.
+// and redirects its own output, so every call returns when cfgctl exits. What cfgctl did is its
+// exit status and its --json object; its messages are for people.
 final class Trial
 {
     public const FILE_SUFFIX = '.trial/record';  // beside the lock file: /tmp/kiv_lock.trial/
     public const SHORTEST = 5;
     public const LONGEST = 3600;
 
-    private const NO_TRIAL = 1;           // cfgctl's exit status for "none pending"
+    // cfgctl's exit statuses (cfgctl --help), for the pages that run cfgctl themselves too.
+    public const EXIT_OK = 0;
+    public const EXIT_REFUSED = 1;
+    public const EXIT_NOT_REACHABLE = 3;
+    public const EXIT_NO_ANSWER = 4;
+    public const EXIT_TRIAL_PENDING = 5;
+    public const EXIT_NO_TRIAL = 6;
 
     public function __construct(
         private readonly string $lockFile = Session::DEFAULT_LOCK_FILE,
         private readonly string $cfgctl = 'cfgctl',
         private readonly int $timeoutSeconds = Session::DEFAULT_TIMEOUT,
     ) {
+    }
+
+    /**
+     * Whether a trial may be pending beside `$lockFile`, cheaply: without a record, or with an
+     * empty one, there is none, and no cfgctl needs to run. Only cfgctl reads the record.
+     */
+    public static function mayBePending(string $lockFile): bool
+    {
+        // PHP keeps a file's size from an earlier look: a long-running process would miss a
+        // trial started since.
+        clearstatcache(true, $lockFile . self::FILE_SUFFIX);
+        return @filesize($lockFile . self::FILE_SUFFIX) > 0;
     }
 
     /**
@@ -436,48 +469,33 @@ final class Trial
             throw new Error("a trial lasts 5 to 3600 s, not $seconds");
         }
         $arguments = ['set', '--trial', (string) $seconds];
-        $refusals = [];  // how cfgctl starts the line of a value that cfgd refused => its address
         foreach ($values as $param => $value) {
-            [$label, $address] = self::label((string) $param);
+            if (!ctype_digit(str_replace(' ', '', (string) $param))) {
+                Session::address((string) $param);  // a slip gets its close matches here
+            }
             $arguments = [...$arguments, ...explode(' ', (string) $param), (string) $value];
-            $refusals["$label = $value: "] = $address;
         }
-        $this->run($arguments, false, $refusals);
+        $this->run($arguments);
     }
 
     /**
      * The pending trial, or null: ['secondsLeft' => int, 'deadline' => unix time,
      * 'params' => [name => ['old' => ?string, 'new' => ?string]]], where a null 'new' is a
-     * value read only to be restored. A trial whose guard died is settled first.
+     * value read only to be restored, and an address without a name is 'F1 F2 F3'. A trial
+     * whose guard died is settled first.
      */
     public function pending(): ?array
     {
-        if ($this->run(['trial'], true) === null) {
+        $trial = $this->run(['trial'], true)['trial'] ?? null;
+        if (!is_array($trial)) {
             return null;
         }
-        $path = $this->lockFile . self::FILE_SUFFIX;
-        $text = @file_get_contents($path);
-        if ($text === false) {
-            return null;  // ended between cfgctl's look and ours
-        }
-        $lines = explode("\n", $text);
-        $header = array_splice($lines, 0, 4);
-        if (count($header) < 4 || $header[0] !== 'cfgd-trial 1'
-            || preg_match('/^deadline (\d+)$/D', $header[1], $deadline) !== 1
-            || !in_array('end', $lines, true)) {
-            throw new Error("the trial file $path is damaged");
-        }
         $params = [];
-        foreach (array_slice($lines, 0, array_search('end', $lines, true)) as $line) {
-            $fields = explode("\t", $line);
-            if (count($fields) !== 4 || preg_match('/^\d+ \d+ \d+$/D', $fields[0]) !== 1) {
-                throw new Error("the trial file $path is damaged");
-            }
-            $params[$fields[1] === '-' ? $fields[0] : $fields[1]] =
-                ['old' => self::value($fields[2]), 'new' => self::value($fields[3])];
+        foreach ($trial['params'] as $param) {
+            $params[$param['name'] ?? implode(' ', $param['address'])] =
+                ['old' => $param['old'], 'new' => $param['new']];
         }
-        $deadline = (int) $deadline[1];
-        return ['secondsLeft' => max(0, $deadline - time()), 'deadline' => $deadline,
+        return ['secondsLeft' => $trial['seconds_left'], 'deadline' => $trial['deadline'],
             'params' => $params];
     }
 
@@ -493,75 +511,41 @@ final class Trial
         $this->run($force ? ['rollback', '--force'] : ['rollback']);
     }
 
-    /** @return array{0: string, 1: int[]} how cfgctl names a parameter, and its address */
-    private static function label(string $param): array
-    {
-        if (!ctype_digit(str_replace(' ', '', $param))) {
-            // Checked here, as a session does, so that a slip gets its close matches.
-            return [$param, Session::address($param)];
-        }
-        $address = array_map('intval', explode(' ', $param));
-        foreach (Session::names() as $name => $entry) {
-            if (array_slice($entry, 0, 3) === $address) {
-                return [$name, $address];
-            }
-        }
-        return [$param, $address];
-    }
-
-    private static function value(string $field): ?string
-    {
-        if ($field === '') {
-            return null;
-        }
-        return strtr(substr($field, 1),
-            ['\\\\' => '\\', '\\n' => "\n", '\\t' => "\t", '\\r' => "\r"]);
-    }
-
     /**
-     * Runs cfgctl with `$arguments` (no shell in between, so values need no quoting) and
-     * returns its output; with `$orNone`, null for the exit status of "no trial pending".
-     * `$refusals` are the refusal lines to look for, as in start().
+     * Runs cfgctl --json with `$arguments` (no shell in between, so values need no quoting) and
+     * returns its object; with `$orNone`, an empty one for "no trial pending".
      */
-    private function run(array $arguments, bool $orNone = false, array $refusals = []): ?string
+    private function run(array $arguments, bool $orNone = false): array
     {
         [$status, $out, $err] = run_program([$this->cfgctl, '-l', $this->lockFile, '-t',
-            (string) $this->timeoutSeconds, ...$arguments]);
-        if ($status === 0) {
-            return $out;
+            (string) $this->timeoutSeconds, '--json', ...$arguments]);
+        $errors = trim($err) !== '' ? trim($err) : "{$this->cfgctl} exited with status $status";
+        $report = json_decode($out, true);
+        if (!is_array($report) || ($report['exit'] ?? null) !== $status) {
+            throw new Error($errors);  // a command line cfgctl refused: it printed no object
         }
-        if ($orNone && $status === self::NO_TRIAL) {
-            return null;
+        if ($status === self::EXIT_OK) {
+            return $report;
         }
-        throw self::failure($status, trim($err), $this->cfgctl, $refusals);
+        if ($orNone && $status === self::EXIT_NO_TRIAL) {
+            return [];
+        }
+        throw self::failure($status, $report, $errors);
     }
 
-    private static function failure(int $status, string $errors, string $cfgctl,
-        array $refusals): Error
+    private static function failure(int $status, array $report, string $errors): Error
     {
-        if ($status === self::NO_TRIAL) {
-            if (preg_match('/a trial is pending \((\d+) s left\)/', $errors, $pending) === 1) {
-                return new TrialPending((int) $pending[1]);
-            }
-            if (str_contains($errors, 'no trial pending')) {
-                return new Error('no trial pending');
-            }
-            foreach ($refusals as $start => $address) {
-                $pattern = '/^cfgctl: ' . preg_quote($start, '/') . '(.*?)(?: \(nothing was written\))?$/m';
-                if (preg_match($pattern, $errors, $refusal) === 1) {
-                    return new Refused($refusal[1], $address);
-                }
-            }
-            // As a set without a trial: the last refusal, after remarks on writes that went
-            // through.
-            $pattern = '/^cfgctl: (?:set(?: --\S+(?: \d+)?)* (\d+) (\d+) (\d+)|FINISH_SESSION): (.*)$/m';
-            if (preg_match_all($pattern, $errors, $refusals, PREG_SET_ORDER) > 0) {
-                $refusal = end($refusals);
-                // A refused FINISH_SESSION has no address: [0, 0, 0], as in a session.
-                return new Refused($refusal[4], array_map('intval', array_slice($refusal, 1, 3)));
-            }
-        }
-        return new Error($errors !== '' ? $errors : "$cfgctl exited with status $status");
+        $refusal = $report['refusal'] ?? null;
+        return match (true) {
+            $status === self::EXIT_TRIAL_PENDING =>
+                new TrialPending((int) ($report['trial']['seconds_left'] ?? 0)),
+            $status === self::EXIT_NO_TRIAL => new NoTrial(),
+            // A refused end of session has no parameter: [0, 0, 0], as in a session.
+            $status === self::EXIT_REFUSED && is_array($refusal) =>
+                new Refused($refusal['text'], $refusal['param']['address'] ?? [0, 0, 0]),
+            $status === self::EXIT_NOT_REACHABLE => new NotRunning($errors),
+            default => new Error($errors),
+        };
     }
 }
 

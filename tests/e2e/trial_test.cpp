@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "harness.h"
 
@@ -72,7 +73,8 @@ TEST(Trial, ConfirmedStoresAndNothingRollsBackLater) {
     EXPECT_NE(readFile(t.d.file).find("250000"), std::string::npos);
     std::this_thread::sleep_for(std::chrono::milliseconds(kDeadlineMs));
     EXPECT_EQ(logged(t.first, kOldRate), 0u);
-    EXPECT_EQ(cfgctl(t.d, {"confirm"}).output, "cfgctl: no trial pending\n");
+    const Outcome none = cfgctl(t.d, {"confirm"});
+    EXPECT_EQ(std::tie(none.status, none.output), std::tuple(6, "cfgctl: no trial pending\n"));
 }
 
 TEST(Trial, OtherWritesAreRefusedUntilRolledBack) {
@@ -84,16 +86,22 @@ TEST(Trial, OtherWritesAreRefusedUntilRolledBack) {
           {"set", "--trial", "5", "can0.bitrate", "125000"},
           {"apply", "/dev/null"}}) {
         const Outcome refused = cfgctl(t.d, write);
-        EXPECT_EQ(refused.status, 1) << write[0];
+        EXPECT_EQ(refused.status, 5) << write[0];
         EXPECT_TRUE(refused.output.starts_with("cfgctl: a trial is pending (")) << refused.output;
         EXPECT_TRUE(refused.output.ends_with(refusal)) << refused.output;
     }
+    const std::string json = cfgctl(t.d, {"--json", "set", "can0.bitrate", "125000"}).output;
+    for (const char* part :
+         {"{\"status\":\"trial_pending\",\"exit\":5,\"trial\":{\"seconds_left\":",
+          "\"params\":[{\"name\":\"can1.bitrate\",\"address\":[4,2,2],\"old\":"
+          "\"500000\",\"new\":\"250000\"}]}}\n"})
+        EXPECT_NE(json.find(part), std::string::npos) << json;
     EXPECT_EQ(logged(t.first, "ip link set can0 type can"), 0u);
     const int guard = t.guardPid();
     EXPECT_EQ(cfgctl(t.d, {"rollback"}).status, 0);
     EXPECT_EQ(logged(t.first, kOldRate), 1u);
     EXPECT_TRUE(poll([&] { return kill(guard, 0) != 0; }, kAnswerMs)) << "the guard ended";
-    EXPECT_EQ(cfgctl(t.d, {"rollback"}).status, 1);
+    EXPECT_EQ(cfgctl(t.d, {"rollback"}).status, 6);
     EXPECT_EQ(cfgctl(t.d, {"set", "can0.bitrate", "125000"}).status, 0);
 }
 

@@ -9,6 +9,7 @@
 #include "apply_file.h"
 #include "cfgctl_args.h"
 #include "client.h"
+#include "json_out.h"
 
 namespace {
 
@@ -38,7 +39,8 @@ std::string understood(std::string line) {
                        std::string(inv.lockPath ? inv.lockPath : "-") + " -t " +
                        std::to_string(inv.timeoutSeconds) + (inv.temporary ? " --temp" : "") +
                        (inv.abort ? " --abort" : "") + (inv.numeric ? " --numeric" : "") +
-                       (inv.php ? " --php" : "") + (inv.file ? " " + std::string(inv.file) : "");
+                       (inv.php ? " --php" : "") + (inv.file ? " " + std::string(inv.file) : "") +
+                       (inv.json ? " --json" : "") + (inv.verbose ? " -v" : "");
     for (const cfgctl::Parameter& p : inv.parameters)
         text += " " + std::to_string(p.f1) + "." + std::to_string(p.f2) + "." +
                 std::to_string(p.f3) + (p.value != nullptr ? "=" + std::string(p.value) : "");
@@ -66,6 +68,10 @@ TEST(CfgctlArguments, RefusesWhatCannotBeSentAndGroupsTheOperands) {
               "set -l - -t 0 5.8.33= 4.1.2=250000 4.1.2=-1");
     EXPECT_EQ(understood("dump --numeric"), "dump -l - -t 0 --numeric");
     EXPECT_EQ(understood("--temp apply -"), "apply -l - -t 0 --temp -");
+    // --json for the commands whose outcome the web front end reads, -v for apply only.
+    for (const char* line : {"--json get 0 2 0", "--json dump", "-v set 0 2 0 x", "set --json 0"})
+        EXPECT_EQ(understood(line), "refused") << line;
+    EXPECT_EQ(understood("--json -v apply f"), "apply -l - -t 0 f --json -v");
 }
 
 TEST(CfgctlArguments, VersionBeforeTheCommandWordOnly) {
@@ -127,6 +133,44 @@ TEST(CfgctlApply, ReadsTheLinesAndWritesWhatDiffersWithWhatMustFollow) {
     EXPECT_STREQ(error, "2: unknown parameter name \"route2.nmae\"; close: route2.name");
     EXPECT_FALSE(cfgctl::parseApplyText("can0.bitrate 5\n", file, error, sizeof error));
     EXPECT_STREQ(error, "1: expected NAME = VALUE");
+}
+
+TEST(CfgctlJson, EscapesEveryByteSoThatTheTextReadsBack) {
+    const std::tuple<std::string, std::string> cases[] = {
+        {"plain = text", "\"plain = text\""},
+        {"a\"b\\c/", "\"a\\\"b\\\\c/\""},
+        {"\n\r\t", "\"\\n\\r\\t\""},
+        {std::string("\0\x01\x1f\x7f", 4), "\"\\u0000\\u0001\\u001f\\u007f\""},
+        {"gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80",
+         "\"gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80\""},
+        // Not UTF-8: a lone byte, a cut sequence, an overlong form, a surrogate.
+        {"\xe9t\xc3", "\"\\u00e9t\\u00c3\""},
+        {"\xc0\xaf\xed\xa0\x80", "\"\\u00c0\\u00af\\u00ed\\u00a0\\u0080\""},
+    };
+    for (const auto& [text, json] : cases)
+        EXPECT_EQ(cfgctl::jsonString(text), json) << text;
+}
+
+TEST(CfgctlJson, ReportsTrialRefusalAndCounts) {
+    Param rate{};
+    ASSERT_TRUE(findParam("can1.bitrate", rate));
+    cfgctl::Report report;
+    cfgctl::TrialRecord trial;
+    trial.deadline = 100;
+    trial.entries = {{rate, "500000", "250000"}, {Param{}, std::nullopt, {}}};
+    report.setTrial(trial, 7);
+    report.refuse({rate, "4 2 2", "4999", "too \"low\"", 3});
+    report.refuse({std::nullopt, "FINISH_SESSION", std::nullopt, "later"});
+    report.counts = {{"written", 1}, {"read_only", 2}};
+    EXPECT_EQ(
+        cfgctl::reportJson(cfgctl::kExitTrialPending, report),
+        "{\"status\":\"trial_pending\",\"exit\":5,\"trial\":{\"seconds_left\":7,\"deadline\":100,"
+        "\"params\":[{\"name\":\"can1.bitrate\",\"address\":[4,2,2],\"old\":\"500000\",\"new\":"
+        "\"250000\"},{\"name\":null,\"address\":[0,0,0],\"old\":null,\"new\":null}]},"
+        "\"refusal\":{\"param\":{\"name\":\"can1.bitrate\",\"address\":[4,2,2],\"as_written\":"
+        "\"4 2 2\"},\"value\":\"4999\",\"text\":\"too \\\"low\\\"\",\"line\":3},"
+        "\"counts\":{\"written\":1,\"read_only\":2}}");
+    EXPECT_EQ(cfgctl::reportJson(cfgctl::kExitNoTrial, {}), "{\"status\":\"no_trial\",\"exit\":6}");
 }
 
 }  // namespace

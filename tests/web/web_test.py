@@ -6,7 +6,7 @@
 Starts daemon A on the sample configuration and daemon B on the defaults, each behind lighttpd
 and php-cgi as on the device (sandbox/web-server.sh); A is served twice, with trials of 60 s
 and of 5 s, the first on every address of the sandbox's own network (the LAN test reaches it at
-eth0's new address). Headless Chromium logs in with an Authorization header. Screenshots go to
+eth0's new address) and with cfgctl's messages reworded (tests/support/reworded-cfgctl). Headless Chromium logs in with an Authorization header. Screenshots go to
 $CFGD_BUILD_DIR/web-screenshots/."""
 import base64, os, re, subprocess, sys, tempfile, time, urllib.error, urllib.parse, urllib.request
 from selenium import webdriver
@@ -57,9 +57,9 @@ def start_daemon(lock, keys, ini):
     return daemon
 
 
-def start_server(port, lock, trial_seconds, bind="127.0.0.1"):
+def start_server(port, lock, trial_seconds, bind="127.0.0.1", cfgctl=None):
     env = dict(os.environ, CFGD_TRIAL_SECONDS=str(trial_seconds), CFGD_WEB_BIND=bind,
-               CFGD_CFGCTL=CFGCTL)
+               CFGD_CFGCTL=cfgctl or CFGCTL)
     return run(SERVER, "start", str(port), lock, "/tmp/web.htpasswd", env=env).strip()
 
 
@@ -179,6 +179,24 @@ def try_can1_bitrate(port, rate):
     return returned
 
 
+def test_pending_trial_and_refusals_show_with_reworded_messages():
+    """SLOW's pages run cfgctl with every message reworded (REWORDED): they read none."""
+    try_can1_bitrate(SLOW, "250000")
+    check("can1.bitrate" in by_id("trial-changes").text, by_id("trial-changes").text)
+    DRIVER.get(f"http://127.0.0.1:{SLOW}/can.php")
+    set_field("can0.bitrate", "125000")
+    press("btn-trial")
+    warnings = " ".join(b.text for b in DRIVER.find_elements(By.CSS_SELECTOR, ".banner-warn"))
+    check("A trial is pending" in warnings, f"banners: {warnings!r}")
+    press("btn-rollback")
+    check(not DRIVER.find_elements(By.ID, "trial"), "still shown as pending")
+    DRIVER.get(f"http://127.0.0.1:{SLOW}/can.php")
+    set_field("can0.bitrate", "4999")
+    press("btn-trial")
+    error = by_id("err-can0-bitrate").text
+    check("baud rate not changed" in error, f"the field's error: {error!r}")
+
+
 def test_can_trial_kept():
     try_can1_bitrate(SLOW, "250000")
     press("btn-keep")
@@ -250,7 +268,11 @@ def main():
     run("sh", "-c", f"printf '%s\\n' '{PASSWORD}' | '{REPO}/web/cfgd-web-passwd' {USER} /tmp/web.htpasswd")
     run("cp", os.path.join(REPO, "sandbox", "device", "kiv_config.ini"), A_INI)
     start_daemon(A, 71, A_INI)
-    start_server(SLOW, A, 60, bind="0.0.0.0")
+    reworded = "/tmp/web-reworded-cfgctl"
+    with open(reworded, "w") as launcher:
+        launcher.write(f"#!/bin/sh\nexec '{REPO}/tests/support/reworded-cfgctl' '{CFGCTL}' \"$@\"\n")
+    os.chmod(reworded, 0o755)
+    start_server(SLOW, A, 60, bind="0.0.0.0", cfgctl=reworded)
     start_server(FAST, A, 5)
     DRIVER = browser()
     passed = failed = 0

@@ -140,7 +140,7 @@ function banner_for(Throwable $e): void
         banner('warn', TEXT['busy']);
     } elseif ($e instanceof Cfgd\Refused) {
         banner('error', 'The device refused: ' . $e->getMessage());
-    } elseif ($e instanceof Cfgd\Error && preg_match('/is cfgd running|not running/', $e->getMessage()) === 1) {
+    } elseif ($e instanceof Cfgd\NotRunning) {
         http_response_code(503);
         banner('error', TEXT['not_running']);
     } elseif ($e instanceof Cfgd\Error && !($e instanceof Cfgd\UnknownName)) {

@@ -8,7 +8,7 @@ declare(strict_types=1);
 function pending_trial(): ?array
 {
     // Without a record there is no trial, and no cfgctl to run.
-    if (!file_exists(CFGD_LOCK_FILE . Cfgd\Trial::FILE_SUFFIX)) {
+    if (!Cfgd\Trial::mayBePending(CFGD_LOCK_FILE)) {
         return null;
     }
     try {

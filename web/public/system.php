@@ -53,20 +53,25 @@ function apply_upload(string $mode): ?string
     try {
         file_put_contents($path, str_replace("\r\n", "\n", $text));
         $trial = $mode === 'trial' ? ['--trial', (string) CFGD_TRIAL_SECONDS] : [];
-        [$status, $output, $errors] = run_cfgctl(['apply', ...$trial, $path]);
+        [$status, $output, $errors] = run_cfgctl(['--json', 'apply', ...$trial, $path]);
     } finally {
         @unlink($path);
     }
-    // cfgctl names the file in its lines: the name the user knows.
-    $lines = str_replace($path, $name, trim($output . $errors));
-    if ($status === 0) {
+    // cfgctl names the file in its lines: the name the user knows. Under --json its lines
+    // (the summary too) are on standard error, what it did is the object on standard output.
+    $lines = str_replace($path, $name, trim($errors));
+    $report = json_decode($output, true);
+    $refusal = is_array($report) ? ($report['refusal'] ?? null) : null;
+    if ($status === Cfgd\Trial::EXIT_OK) {
         banner('ok', $mode === 'trial' ? TEXT['trial_started'] : "$name is applied and stored.");
-    } elseif (preg_match('/a trial is pending \((\d+) s left\)/', $lines, $m) === 1) {
-        banner_for(new Cfgd\TrialPending((int) $m[1]));
-    } elseif ($status === 1) {
-        $refused = preg_match('/^' . preg_quote($name, '/') . ':\d+: .*$/m', $lines, $m) === 1 ? $m[0] : '';
-        banner('error', "The device refused a line of $name, so nothing of it was applied" . ($refused !== '' ? ": $refused" : '.'));
-    } elseif ($status === 3 || $status === 4) {
+    } elseif ($status === Cfgd\Trial::EXIT_TRIAL_PENDING) {
+        banner_for(new Cfgd\TrialPending((int) ($report['trial']['seconds_left'] ?? 0)));
+    } elseif ($status === Cfgd\Trial::EXIT_REFUSED) {
+        $refused = is_array($refusal) && is_array($refusal['param'] ?? null)
+            ? ': line ' . ($refusal['line'] ?? '?') . ", {$refusal['param']['as_written']} = {$refusal['value']}: {$refusal['text']}"
+            : (is_array($refusal) ? ": {$refusal['text']}" : '.');
+        banner('error', "The device refused a line of $name, so nothing of it was applied$refused");
+    } elseif ($status === Cfgd\Trial::EXIT_NOT_REACHABLE || $status === Cfgd\Trial::EXIT_NO_ANSWER) {
         banner('error', TEXT['not_running']);
     } else {
         banner('error', "$name cannot be applied: see cfgctl's message below.");

@@ -18,12 +18,10 @@ if ($action === 'confirm' || $action === 'rollback') {
             new_trial()->rollBack();
             banner('ok', 'Rolled back: the device has its old settings again.');
         }
+    } catch (Cfgd\NoTrial) {
+        banner('warn', 'No trial is pending: it was settled already, or its time ran out and it was rolled back.');
     } catch (Cfgd\Error $e) {
-        if ($e->getMessage() === 'no trial pending') {
-            banner('warn', 'No trial is pending: it was settled already, or its time ran out and it was rolled back.');
-        } else {
-            banner_for($e);
-        }
+        banner_for($e);
     }
 }
 read_page([]);  // the header's identity

@@ -8,17 +8,25 @@ require_once __DIR__ . '/../cfgd.php';
 use Cfgd\Session;
 
 // The daemon's and cfgctl's paths from the command line; outside the sandbox the daemon would
-// reconfigure this machine, so the test stops there.
+// reconfigure this machine, so the test stops there. With a WRAPPER (such as
+// tests/support/reworded-cfgctl), cfgctl is run as "WRAPPER CFGCTL ...", through a launcher.
 function sandboxArguments(array $argv): array
 {
     $token = getenv('CFGD_SANDBOX');
     if ($token === false || @file_get_contents('/etc/cfgd-sandbox') !== "$token\n"
-        || count($argv) !== 3) {
+        || count($argv) < 3 || count($argv) > 4) {
         fwrite(STDERR, "{$argv[0]}: runs only inside the sandbox:\n"
-            . "  sandbox/sandbox.sh test php {$argv[0]} CFGD CFGCTL\n");
+            . "  sandbox/sandbox.sh test php {$argv[0]} CFGD CFGCTL [WRAPPER]\n");
         exit(2);
     }
-    return [$argv[1], $argv[2]];
+    if (!isset($argv[3])) {
+        return [$argv[1], $argv[2]];
+    }
+    $launcher = '/tmp/wrapped-cfgctl';
+    file_put_contents($launcher, sprintf("#!/bin/sh\nexec %s %s \"\$@\"\n",
+        escapeshellarg($argv[3]), escapeshellarg($argv[2])));
+    chmod($launcher, 0755);
+    return [$argv[1], $launcher];
 }
 
 // Starts cfgd with `$options` and waits until it has written its lock file.

@@ -1,6 +1,7 @@
 <?php
 // Trials from PHP and from cfgctl against the real daemon, inside the sandbox only:
-//   sandbox/sandbox.sh test php clients/php/tests/trial_test.php CFGD CFGCTL
+//   sandbox/sandbox.sh test php clients/php/tests/trial_test.php CFGD CFGCTL [WRAPPER]
+// (with tests/support/reworded-cfgctl as WRAPPER: the same, with cfgctl's messages reworded)
 
 declare(strict_types=1);
 
@@ -71,16 +72,22 @@ $tests = [
         $trial->confirm();
         same(null, $trial->pending(), 'after confirm');
         same(['try\\1'], readNow('general.description'), 'read back');
-        $e = thrown(Cfgd\Error::class, fn () => $trial->confirm());
+        $e = thrown(Cfgd\NoTrial::class, fn () => $trial->confirm());
         same('no trial pending', $e->getMessage(), 'a second confirm');
     },
     'a refused trial leaves nothing pending' => function () use ($trial) {
         $e = thrown(Refused::class, fn () => $trial->start(['can0.bitrate' => '4999'], SECONDS));
         same('baud rate not changed! min. baud rate is 1000000!', $e->getMessage(), 'text');
         same([4, 1, 2], $e->address, 'address');
+        $e = thrown(Refused::class, fn () => $trial->start(['4 1 2' => '4999'], SECONDS));
+        same([4, 1, 2], $e->address, 'address given as numbers');
         same(null, $trial->pending(), 'pending');
-        $e = thrown(Cfgd\Error::class, fn () => $trial->rollBack());
-        same('no trial pending', $e->getMessage(), 'rollback');
+        thrown(Cfgd\NoTrial::class, fn () => $trial->rollBack());
+        // A record emptied, or never made, is no trial: nothing needs to ask cfgctl.
+        @mkdir(dirname(LOCK . Trial::FILE_SUFFIX));
+        file_put_contents(LOCK . Trial::FILE_SUFFIX, '');
+        check(!Trial::mayBePending(LOCK), 'an empty record');
+        unlink(LOCK . Trial::FILE_SUFFIX);
     },
     'a trial nobody confirms is rolled back at its deadline' => function () use ($trial) {
         [$old] = readNow('can1.bitrate');
