@@ -1,7 +1,7 @@
-# The manual pages cfgctl(1) and cfgd(8): man/*.in with the version, default paths, limits and
-# exit statuses read from the sources that define them, so that a page never states another
-# value than the programs use. Configured into build/man (read them with man -l) and installed
-# gzip -9n compressed, as Debian's packages carry them, in the cfgd component.
+# The manual pages cfgctl(1), cfgd(8) and cfgd-web-passwd(8): man/*.in with the version,
+# default paths, limits and exit statuses read from the sources that define them, so that a page
+# never states another value than the programs use. Configured into build/man (read them with man -l) and installed
+# gzip -9n compressed, as Debian's packages carry them, in the component of their program.
 
 # Sets `var` to the value of `name` as `file` (relative to the source root) defines it:
 # `name = "text";` gives the text, `name = number;` the number. A value that can no longer be
@@ -61,7 +61,21 @@ cfgd_source_constant(TRIAL_SUFFIX tools/trial_file.cpp kDirectorySuffix)
 cfgd_source_constant(DEFAULT_TIMEOUT tools/client.h kDefaultTimeoutSeconds)
 cfgd_source_constant(MAX_TIMEOUT tools/cfgctl_args.cpp kMaxTimeoutSeconds)
 
-set(CFGD_MAN_PAGES cfgctl.1 cfgd.8)
+# The password command's default file and group, as the script sets them.
+file(STRINGS ${PROJECT_SOURCE_DIR}/web/cfgd-web-passwd lines REGEX "^(file|group)=\\$")
+if(NOT "${lines}" MATCHES "file=\\$\\{2:-([^}]+)\\}.*group=\\$\\{CFGD_WEB_GROUP:-([^}]+)\\}")
+  message(FATAL_ERROR "man pages: the default file and group not found in web/cfgd-web-passwd")
+endif()
+set(WEB_PASSWORD_FILE ${CMAKE_MATCH_1})
+set(WEB_PASSWORD_GROUP ${CMAKE_MATCH_2})
+set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+             ${PROJECT_SOURCE_DIR}/web/cfgd-web-passwd)
+
+# Each page goes into the package of its program.
+set(CFGD_MAN_PAGES cfgctl.1 cfgd.8 cfgd-web-passwd.8)
+set(CFGD_MAN_COMPONENT_cfgctl.1 cfgd)
+set(CFGD_MAN_COMPONENT_cfgd.8 cfgd)
+set(CFGD_MAN_COMPONENT_cfgd-web-passwd.8 cfgd-web)
 set(CFGD_MAN_DIR ${PROJECT_BINARY_DIR}/man)
 set(compressed)
 foreach(page IN LISTS CFGD_MAN_PAGES)
@@ -72,7 +86,7 @@ foreach(page IN LISTS CFGD_MAN_PAGES)
   list(APPEND compressed ${CFGD_MAN_DIR}/${page}.gz)
   string(REGEX MATCH "[0-9]$" section ${page})
   install(FILES ${CFGD_MAN_DIR}/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
-          COMPONENT cfgd)
+          COMPONENT ${CFGD_MAN_COMPONENT_${page}})
 endforeach()
 add_custom_target(man ALL DEPENDS ${compressed})
 

@@ -126,6 +126,7 @@ for tree in "${trees[@]}"; do
         "-rw-r--r-- ./usr/share/cfgd/web/lib/app.php" \
         "-rw-r--r-- ./etc/lighttpd/conf-available/cfgd-web.conf" \
         "-rwxr-xr-x ./usr/sbin/cfgd-web-passwd" \
+        "-rw-r--r-- ./usr/share/man/man8/cfgd-web-passwd.8.gz" \
         "-rw-r--r-- ./usr/share/doc/cfgd-web/copyright" \
         "-rw-r--r-- ./usr/share/doc/cfgd-web/changelog.gz"; do
         check "$arch: cfgd-web: $entry" has_file "$web" "$entry"

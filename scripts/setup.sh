@@ -10,8 +10,9 @@ packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmoc
           # (tests/web), its benchmark (bench/web_bench.py counts the pages' messages with
           # strace), the password script (openssl) and scripts/device.sh's forwarder (socat).
           lighttpd php-cgi chromium chromium-driver python3-selenium strace openssl socat
-          # The init script's test (BusyBox's sh and start-stop-daemon); the packages' checks.
-          busybox dpkg-dev
+          # The init script's test (BusyBox's sh and start-stop-daemon); the packages' checks
+          # (dpkg-deb, dpkg-shlibdeps, dpkg-parsechangelog) and Debian's package checker.
+          busybox dpkg-dev lintian
           # The manual pages' test renders them with man and groff.
           man-db groff-base)
 # `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.

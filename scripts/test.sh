@@ -27,7 +27,8 @@ cmake -S . -B build-armel -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/armel-toolchain.
     -DCFGD_WERROR=ON >/dev/null
 cmake --build build-armel -j "$jobs"
 ctest --test-dir build-armel --output-on-failure -j "$jobs"
-# The Debian packages of the host and the armel build, checked; the armel daemon runs -v.
+# The Debian packages of both profiles for the host and armel, checked: lintian, and each
+# package's daemon run in the sandbox (armel under qemu) to show its profile.
 echo "== packages"
 bash scripts/package-test.sh
 echo "== all tests passed"

@@ -49,11 +49,13 @@ run status
 check "status: running" eval '[ "$rc" = 0 ] && has "running (pid $pid)"'
 out=$("$cfgctl" set can1.bitrate 125000 2>&1 && "$cfgctl" get can1.bitrate 2>&1) && rc=0 || rc=$?
 check "cfgctl set, get" has 125000
-run restart
-check "restart: a new daemon" eval '[ "$rc" = 0 ] && has stopped && has started &&
-    [ "$(lock_pid)" != "$pid" ] && pid=$(lock_pid) && line=$(cat "$lock")'
-out=$("$cfgctl" get can1.bitrate 2>&1) && rc=0 || rc=$?
-check "restart: the stored value kept" has 125000
+for action in restart force-reload; do
+    run "$action"
+    check "$action: a new daemon" eval '[ "$rc" = 0 ] && has stopped && has started &&
+        [ "$(lock_pid)" != "$pid" ] && pid=$(lock_pid) && line=$(cat "$lock")'
+    out=$("$cfgctl" get can1.bitrate 2>&1) && rc=0 || rc=$?
+    check "$action: the stored value kept" has 125000
+done
 run start
 check "start while running: refused, nothing disturbed" eval '[ "$rc" != 0 ] &&
     has "already running (pid $pid)" && [ "$(cat "$lock")" = "$line" ] && kill -0 "$pid"'

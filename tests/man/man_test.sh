@@ -17,7 +17,7 @@ check() {  # check NAME COMMAND...
         echo "FAIL $1"
     fi
 }
-for page in "$dir/cfgctl.1" "$dir/cfgd.8"; do
+for page in "$dir/cfgctl.1" "$dir/cfgd.8" "$dir/cfgd-web-passwd.8"; do
     warnings=$(man --warnings -l "$page" 2>&1 >/dev/null)
     printf '%s' "${warnings:+$warnings$'\n'}"
     check "$page renders without warnings" [ -z "$warnings" ]
