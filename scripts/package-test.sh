@@ -22,13 +22,13 @@ if [ "${1:-}" = __queue-mode ]; then
     [ -n "${CFGD_SANDBOX:-}" ] || { echo "package-test: __queue-mode runs in the sandbox" >&2; exit 2; }
     lock=/tmp/kiv_lock log=/tmp/package-cfgd.log
     for root in "${@:2}"; do
-        daemon=("$root/usr/sbin/cfgd")
+        run=("$root/usr/sbin/cfgd")
         # The ARM program under qemu, without the host's driver simulation preloaded (the
         # daemon goes on without a gateway driver).
-        arm-linux-gnueabi-readelf -h "${daemon[0]}" | grep -q "Machine: *ARM" &&
-            daemon=(env -u LD_PRELOAD qemu-arm -L /usr/arm-linux-gnueabi "${daemon[@]}")
+        [[ $(arm-linux-gnueabi-readelf -h "${run[0]}") =~ Machine:\ *ARM ]] &&
+            run=(env -u LD_PRELOAD qemu-arm -L /usr/arm-linux-gnueabi "${run[@]}")
         rm -f "$lock"
-        "${daemon[@]}" -f /mnt/user/kiv_config.ini -l "$lock" </dev/null >"$log" 2>&1 &
+        "${run[@]}" -f /mnt/user/kiv_config.ini -l "$lock" </dev/null >"$log" 2>&1 &
         pid=$! queue=
         for ((tenths = 0; tenths < 300; ++tenths)); do
             queue=$(sed -n "s/^[0-9]*, \([0-9]*\), $pid\$/\1/p" "$lock" 2>/dev/null || true)
