@@ -9,6 +9,7 @@
 // fork and two program starts to every store.
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <getopt.h>
 #include <unistd.h>
 
@@ -79,6 +80,12 @@ class FileSystem final : public sys::System {
         return ::fsync(::fileno(stream));
     }
     int closeStream(std::FILE* stream) override { return std::fclose(stream); }
+    int syncPath(const char* path) override {
+        const int fd = ::open(path, O_RDONLY);
+        const int result = fd >= 0 ? ::fsync(fd) : -1;
+        if (fd >= 0) (void)::close(fd);  // read only
+        return result;
+    }
     int renameFile(const char* from, const char* to) override { return std::rename(from, to); }
 
   private:
