@@ -14,11 +14,13 @@
 #include "config/conversions.h"
 #include "config/ini_layout.h"
 #include "config/loader.h"
+#include "config/stored_check.h"
 #include "filters/filter_store.h"
 #include "filters/filter_term.h"
 #include "filters/route_filters.h"
 #include "model/config_model.h"
 #include "model/handler.h"
+#include "model/value_rules.h"
 #include "network/dhcp_server.h"
 #include "sys/log.h"
 #include "sys/shell_command.h"
@@ -38,6 +40,7 @@ constexpr const char* kCreateFailedFormat = "ERROR@(%d,%d%d): new .ini file can'
 constexpr const char* kCloseFailedFormat = "ERROR@(%d,%d%d): can't close new .ini file (%s)";
 constexpr const char* kRenameOldFailedFormat = "ERROR@(%d,%d%d): can't rename old .ini file (%s)";
 constexpr const char* kRenameNewFailedFormat = "ERROR@(%d,%d%d): can't rename new .ini file (%s)";
+constexpr const char* kSyncFailedFormat = "ERROR@(%d,%d%d): can't sync new .ini file (%s)";
 constexpr int kFileErrorGroup = 2;
 constexpr int kFileErrorKey = 0;
 
@@ -56,6 +59,17 @@ constexpr std::size_t kValueSize = 512;
 constexpr unsigned kMaxLeasesErrorGroup = 5;
 // GUI errors carry instance 1, although the GUI has only the group as a whole.
 constexpr unsigned kGuiErrorInstance = 1;
+
+// The directory a placed file is in, whose entry for the file is synced with it.
+sys::FilePath directoryOf(const sys::FilePath& file) {
+    sys::FilePath directory = file;
+    char* slash = std::strrchr(directory.text, '/');
+    if (slash == nullptr)
+        std::snprintf(directory.text, sizeof directory.text, ".");
+    else
+        slash[slash == directory.text ? 1 : 0] = '\0';
+    return directory;
+}
 
 struct ErrorAt {
     unsigned group;
@@ -516,14 +530,30 @@ int Store::replaceFile() {
     std::FILE* stream = system.openStream(temporary.c_str(), kTemporaryOpenMode);
     if (stream == nullptr) return failFileStep(kCreateFailedFormat);
     errno = 0;
-    ini::writeHeader(stream);
-    iniparser_dump_ini(&file_, stream);
+    bool written = true;
+    if constexpr (kHardened) {
+        // Checked at start: the text goes to memory first, so that a line with its length and
+        // checksum can go before it.
+        char* text = nullptr;
+        std::size_t size = 0;
+        std::FILE* memory = open_memstream(&text, &size);
+        if (memory != nullptr) {
+            ini::writeHeader(memory);
+            iniparser_dump_ini(&file_, memory);
+        }
+        written = memory != nullptr && std::fclose(memory) == 0 &&
+                  stored::writeChecked(stream, text, size);
+        std::free(text);
+    } else {
+        ini::writeHeader(stream);
+        iniparser_dump_ini(&file_, stream);
+    }
     // A failed sync still leaves a complete file once the stream is closed.
     (void)system.syncStream(stream);
     // A write that failed on the way counts as a failed close, with the write's error: the C
     // library drops what it could not write, so the close itself may well succeed, and the
     // configuration file must never be replaced by a part of the new one.
-    const bool writeFailed = std::ferror(stream) != 0;
+    const bool writeFailed = std::ferror(stream) != 0 || !written;
     const int writeError = errno != 0 ? errno : EIO;
     if (system.closeStream(stream) != 0) return failFileStep(kCloseFailedFormat);
     if (writeFailed) {
@@ -542,6 +572,13 @@ int Store::replaceFile() {
         const int result = failFileStep(kRenameNewFailedFormat);
         (void)system.renameFile(backup.c_str(), current.c_str());  // nothing more to try
         return result;
+    }
+    // The mv wrote the file's data without a sync: until it and the new name in the directory
+    // reach the flash, a power cut can leave an empty or cut file. The client's answer waits.
+    if constexpr (kHardened) {
+        if (system.syncPath(current.c_str()) != 0 ||
+            system.syncPath(directoryOf(current).c_str()) != 0)
+            return failFileStep(kSyncFailedFormat);
     }
     return status_;
 }
@@ -586,10 +623,24 @@ int restoreInterruptedStore() {
     struct stat status {};
     const bool fileMissing = ::stat(file.c_str(), &status) != 0 && errno == ENOENT;
     const bool fileEmpty = !fileMissing && S_ISREG(status.st_mode) && status.st_size == 0;
-    if (!fileMissing && !fileEmpty) return 0;
+    // A file that the checking store wrote but that did not reach the flash whole.
+    bool fileCut = false;
+    if constexpr (kHardened)
+        fileCut = !fileMissing && stored::checkFile(file.c_str()) == stored::Check::Fails;
+    if (!fileMissing && !fileEmpty && !fileCut) return 0;
     if (::stat(backup.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0)
         return 0;
+    if constexpr (kHardened) {
+        if (stored::checkFile(backup.c_str()) == stored::Check::Fails) {
+            sys::logLine("%s: %s and %s are both cut short\n", __func__, configPath(),
+                         kBackupConfigPath);
+            return 0;
+        }
+    }
     if (sys::current().renameFile(backup.c_str(), file.c_str()) != 0) return -1;
+    if constexpr (kHardened) {
+        if (sys::current().syncPath(directoryOf(file).c_str()) != 0) return -1;
+    }
     sys::logLine("%s: %s put back from %s\n", __func__, configPath(), kBackupConfigPath);
     return 1;
 }

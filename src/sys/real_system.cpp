@@ -87,4 +87,12 @@ int RealSystem::renameFile(const char* from, const char* to) {
     return std::rename(from, to);
 }
 
+int RealSystem::syncPath(const char* path) {
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    const int result = ::fsync(fd);
+    (void)::close(fd);  // read only: the sync above is what counts
+    return result;
+}
+
 }  // namespace sys

@@ -20,6 +20,7 @@ class RealSystem final : public System {
     int syncStream(std::FILE* stream) override;
     int closeStream(std::FILE* stream) override;
     int renameFile(const char* from, const char* to) override;
+    int syncPath(const char* path) override;
 };
 
 }  // namespace sys

@@ -47,6 +47,9 @@ class System {
     virtual int syncStream(std::FILE* stream) = 0;
     virtual int closeStream(std::FILE* stream) = 0;
     virtual int renameFile(const char* from, const char* to) = 0;
+    // fsync(2) of a placed file or directory, opened read-only, so that what a program wrote
+    // into it, or a name made in it, survives a power cut.
+    virtual int syncPath(const char* path) = 0;
 };
 
 // The seam in force. Calling it before install() is a programming error and aborts: the core

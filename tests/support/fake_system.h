@@ -51,6 +51,7 @@ class FakeSystem final : public sys::System {
     int closeErrno = 0;       // non-zero: closeStream closes the stream, then fails with it
     int renameErrno = 0;      // non-zero: renameFile fails with it and renames nothing
     int streamSyncs = 0;
+    std::vector<std::string> syncedPaths;  // syncPath's, as the device names them
 
     // Files of the device, under the private root.
     std::string pathOf(const char* devicePath) const { return root_ + devicePath; }
@@ -84,6 +85,10 @@ class FakeSystem final : public sys::System {
     int renameFile(const char* from, const char* to) override {
         if (renameErrno != 0) errno = renameErrno;
         return renameErrno != 0 ? -1 : std::rename(from, to);
+    }
+    int syncPath(const char* path) override {
+        syncedPaths.push_back(std::string(path).substr(root_.size()));
+        return 0;
     }
 
   private:

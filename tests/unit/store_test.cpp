@@ -10,6 +10,7 @@
 #include "config/ini_layout.h"
 #include "config/loader.h"
 #include "config/store.h"
+#include "config/stored_check.h"
 #include "fake_system.h"
 #include "filters/filter_store.h"
 #include "filters/route_filters.h"
@@ -50,7 +51,12 @@ class Store : public SeamTest {
         answer = AnswerMessage{};
         return storeConfiguration(m(), answer);
     }
-    std::string stored() const { return fake.readFile(kDefaultConfigPath); }
+    // The file as the store wrote it, behind the hardened profile's check line (which must hold).
+    std::string stored(const char* path = kDefaultConfigPath) const {
+        const std::string file = fake.readFile(path);
+        const bool checked = stored::checkFile(fake.pathOf(path).c_str()) == stored::Check::Passes;
+        return checked ? file.substr(file.find('\n') + 1) : file;
+    }
     // Entries of the stored file as the library reads them back, "|"-separated: "-" for none,
     // "[]" for a section.
     std::string entries(const std::string& names) const {
@@ -274,7 +280,7 @@ TEST_F(Store, EachFileStepFailingLeavesAWholeFile) {
     };
     std::string fresh;
     const auto state = [&](const char* path) {
-        const std::string content = fake.fileExists(path) ? fake.readFile(path) : "-";
+        const std::string content = fake.fileExists(path) ? stored(path) : "-";
         return content == "-" ? '-' : content == before ? 'O' : content == fresh ? 'N' : '?';
     };
     for (const auto& [knob, value, flag, text, states] : cases) {
