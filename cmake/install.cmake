@@ -25,7 +25,7 @@ else()
   set(CFGD_OTHER_DAEMON_PACKAGE cfgd)
 endif()
 
-# Package cfgd: the daemon, cfgctl and the init script.
+# The daemon's package (component cfgd): the daemon, cfgctl and the init script.
 install(TARGETS cfgd DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT cfgd)
 install(TARGETS cfgctl DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT cfgd)
 set(SBINDIR ${CMAKE_INSTALL_FULL_SBINDIR})
@@ -143,9 +143,9 @@ if(CFGD_HARDENED)
   set(CPACK_DEBIAN_CFGD_DESCRIPTION "configuration daemon of the CAN-to-LAN gateway
 ${CFGD_DESCRIPTION}
 This is the hardened profile: only root and the group ${CFGD_HARDENED_GROUP} (the web front
-end's) reach the daemon, and values that reach root's shell lines and files are
-checked by rules that name what they refuse. cfgd-legacy holds the device's
-historical behaviour instead.")
+end's) reach the daemon, and the values that clients write are checked, before
+they reach root's shell lines and files, by rules that name what they refuse.
+cfgd-legacy holds the device's historical behaviour instead.")
 else()
   # What the legacy profile keeps, from SECURITY.md.
   set(CPACK_DEBIAN_CFGD_DESCRIPTION "configuration daemon of the CAN-to-LAN gateway, legacy profile
