@@ -51,12 +51,12 @@ TEST(Log, AFullPipeThatNobodyReadsDoesNotHoldOffTermination) {
     ASSERT_TRUE(d.start(93, 0, 2));
     ASSERT_TRUE(send(d.queue, text(SET_PARAM, kWlanGroup, 0, 0, "x")));  // logs, then answers
     // Taken off the queue, and the daemon asleep without an answer: waiting for the pipe.
+    const std::string stat = "/proc/" + std::to_string(d.process.pid()) + "/stat";
     ASSERT_TRUE(poll(
         [&] {
             msqid_ds queue{};
-            const std::string stat = readFile("/proc/" + std::to_string(d.process.pid()) + "/stat");
             return msgctl(d.queue, IPC_STAT, &queue) == 0 && queue.msg_qnum == 0 &&
-                   stat.find(") S ") != std::string::npos;
+                   readFile(stat).find(") S ") != std::string::npos;
         },
         kAnswerMs));
     EXPECT_FALSE(receive(d.queue, 93, 0).has_value());

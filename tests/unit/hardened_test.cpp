@@ -6,6 +6,7 @@
 
 #include "config/config_path.h"
 #include "config/loader.h"
+#include "config/store.h"
 #include "core/session.h"
 #include "fake_system.h"
 #include "model/value_rules.h"
@@ -96,78 +97,66 @@ TEST_F(Hardened, ValuesThatReachShellLinesAndFiles) {
     }
 }
 
-// A key of the file with shell syntax (or a text the file cannot keep) in it, as a legacy build,
-// a backup or a hand may have left it. The legacy build loads it as it stands; the hardened one
-// loads the default instead, names the key and the rule in one line, and passes nothing on.
+// Keys of the file with shell syntax (or a text the file cannot keep) in them, as a legacy
+// build, a backup or a hand may have left them. The legacy build passes them on; the hardened
+// one loads each key's default, names key and rule in one line, and passes nothing on.
 struct FileCase {
-    const char* lines;  // appended to a file that has NTP, DHCP, route 0, filter 0 and WLAN on
-    const char* value;  // what the legacy build loads
     const char* key;
+    const char* value;  // quoted in the file when it holds ';' or '#'
     const char* rule;
     const char* fallback;
-    const char* (*field)(const ConfigModel&);
-    bool wlan = false;
+    // 's': a store writes it; 'w': read by a build with a WLAN interface only; 'x': reaches
+    // nothing in this set-up (only the log shows the rule)
+    char reaches;
 };
 
-const FileCase kFileCases[] = {
-    {"[General]\nNTPServer = x$(reboot)", "x$(reboot)", "General:NTPServer", rules::kNtpServerText,
-     "pool.ntp.org", [](const ConfigModel& m) { return m.general.NTPServer; }},
-    {"[HOST]\nDevicename = gw`reboot`", "gw`reboot`", "HOST:Devicename", rules::kHostNameText,
-     "VORL-Gateway", [](const ConfigModel& m) { return m.general.hostName; }},
-    {"[LAN_0]\nIfName = eth0$(reboot)", "eth0$(reboot)", "LAN_0:IfName", rules::kInterfaceNameText,
-     "eth0", [](const ConfigModel& m) { return m.lan[0].IfName; }},
-    {"[CAN_1]\nIfName = can1|reboot", "can1|reboot", "CAN_1:IfName", rules::kInterfaceNameText,
-     "can1", [](const ConfigModel& m) { return m.can[1].IfName; }},
-    {"[RT_0]\nInterface1 = c$(reboot)", "c$(reboot)", "RT_0:Interface1", rules::kInterfaceNameText,
-     "can0", [](const ConfigModel& m) { return m.routes[0].image.info.interface1; }},
-    {"[RT_0]\nRtInfo = \"rt;x\"", "rt;x", "RT_0:RtInfo", rules::kStoredTextText, "Route n",
-     [](const ConfigModel& m) { return m.routes[0].RtInfo; }},
-    {"[General]\nDescription = \"a;b\"", "a;b", "General:Description", rules::kStoredTextText,
-     "Module description", [](const ConfigModel& m) { return m.general.Description; }},
-    {"[FILTER_0]\nComment = \"in#2\"", "in#2", "FILTER_0:Comment", rules::kStoredTextText, "",
-     [](const ConfigModel& m) { return m.filters.slots[0].Comment; }},
-    {"[FILTER_0]\nName = \"f;x\"", "f;x", "FILTER_0:Name", rules::kStoredTextText, "",
-     [](const ConfigModel& m) { return m.filters.slots[0].Name; }},
-    {"[WLAN_0]\nIfName = w$(reboot)", "w$(reboot)", "WLAN_0:IfName", rules::kInterfaceNameText,
-     "wlan0", [](const ConfigModel& m) { return m.wlan.IfName; }, true},
-    {"[WLAN_0]\nSSID = lab\"x", "lab\"x", "WLAN_0:SSID", rules::kSsidText, "MyWLAN",
-     [](const ConfigModel& m) { return m.wlan.SSID; }, true},
-    {"[WLAN_0]\nKey = pa\\ss", "pa\\ss", "WLAN_0:Key", rules::kWlanKeyText, "",
-     [](const ConfigModel& m) { return m.wlan.Key; }, true},
+constexpr FileCase kFileCases[] = {
+    {"General:Description", "a;b", rules::kStoredTextText, "Module description", 's'},
+    {"General:NTPServer", "x$(reboot)", rules::kNtpServerText, "pool.ntp.org", '-'},
+    {"HOST:Devicename", "gw`reboot`", rules::kHostNameText, "VORL-Gateway", 's'},
+    {"LAN_0:IfName", "eth0$(reboot)", rules::kInterfaceNameText, "eth0", 's'},
+    {"WLAN_0:IfName", "w$(reboot)", rules::kInterfaceNameText, "wlan0", 'x'},
+    {"WLAN_0:SSID", "lab\"x", rules::kSsidText, "MyWLAN", 'w'},
+    {"WLAN_0:Key", "pa\\ss", rules::kWlanKeyText, "", 'w'},
+    {"CAN_1:IfName", "can1|reboot", rules::kInterfaceNameText, "can1", 's'},
+    {"FILTER_0:Comment", "in#2", rules::kStoredTextText, "", 's'},
+    {"FILTER_0:Name", "f;x", rules::kStoredTextText, "", 's'},
+    {"RT_0:RtInfo", "rt;x", rules::kStoredTextText, "Route n", 's'},
+    {"RT_0:Interface1", "c$(reboot)", rules::kInterfaceNameText, "can0", 's'},
 };
 
-TEST_F(Hardened, FileValuesAreCheckedAtLoadAsAClientsWrites) {
+TEST_F(Hardened, FileTextsAreCheckedAtLoadAsAClientsWrites) {
+    std::string file = configHeader("1.3.1") +
+                       "[General]\nUseNTP = 1\n[LAN_0]\nUseDHCP = 1\n[FWD_GEN]\nCount = 1\n[RT_0]\n"
+                       "Active = TRUE\n[FILTER_0]\nfilter_type = 1\nTerm = 0x1-0x2\n[WLAN_0]\n"
+                       "Encryption = 1\nEncryptionType = 6\n";
+    std::string expectedLog;
     for (const FileCase& c : kFileCases) {
-        if (c.wlan && WLAN_IF_COUNT == 0) continue;  // no WLAN section is read
-        SCOPED_TRACE(c.lines);
-        fake.commands.clear();
-        fake.hostNamesSet.clear();
-        fake.writeFile(kDefaultConfigPath,
-                       configHeader("1.3.1") +
-                           "[General]\nUseNTP = 1\n[LAN_0]\nUseDHCP = 1\n[FWD_GEN]\nCount = 1\n"
-                           "[RT_0]\nActive = TRUE\n[FILTER_0]\nfilter_type = 1\nTerm = 0x1-0x2\n"
-                           "[WLAN_0]\nEncryption = 1\nEncryptionType = 6\n" +
-                           c.lines + "\n");
-        ::testing::internal::CaptureStderr();
-        ASSERT_EQ(loadConfiguration(m()), 0);
-        const std::string logged = ::testing::internal::GetCapturedStderr();
-        m().changed.setAll();  // as the start-up's apply, and the WLAN group too
-        AnswerMessage answer{};
-        (void)applyChangedGroups(m(), answer);  // what ran is what counts
-        const bool passedOn =
-            anyCommandHas(c.value) ||
-            fake.readFile("/tmp/wpa_supplicant0.conf").find(c.value) != std::string::npos ||
-            (!fake.hostNamesSet.empty() && fake.hostNamesSet[0] == c.value);
-        if (kHardened) {
-            EXPECT_STREQ(c.field(m()), c.fallback);
-            EXPECT_EQ(logged, std::string("cfgd: ") + c.key +
-                                  " in the configuration file refused, its default \"" +
-                                  c.fallback + "\" loaded: " + c.rule + "\n");
-            EXPECT_FALSE(passedOn) << ::testing::PrintToString(fake.commands);
-        } else {
-            EXPECT_STREQ(c.field(m()), c.value);
-            EXPECT_EQ(logged, "");
-        }
+        const std::string key = c.key, value = c.value;
+        const bool quoted = value.find_first_of(";#") != std::string::npos;
+        file += "[" + key.substr(0, key.find(':')) + "]\n" + key.substr(key.find(':') + 1) +
+                (quoted ? " = \"" + value + "\"\n" : " = " + value + "\n");
+        expectedLog += "cfgd: " + key + " in the configuration file refused, its default \"" +
+                       c.fallback + "\" loaded: " + c.rule + "\n";
+    }
+    fake.writeFile(kDefaultConfigPath, file);
+    ::testing::internal::CaptureStderr();
+    ASSERT_EQ(loadConfiguration(m()), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), kHardened ? expectedLog : "");
+    m().changed.setAll();  // the start-up's apply, the WLAN group's too, and a store of all
+    AnswerMessage answer{};
+    (void)applyChangedGroups(m(), answer);  // what ran is what counts
+    ASSERT_EQ(storeConfiguration(m(), answer), 0) << answer.da;
+    // Commands, the host name and the supplicant's file; the store keeps keys it never writes.
+    const std::string ran = ::testing::PrintToString(fake.commands) +
+                            ::testing::PrintToString(fake.hostNamesSet) +
+                            fake.readFile("/tmp/wpa_supplicant0.conf");
+    const std::string stored = fake.readFile(kDefaultConfigPath);
+    for (const FileCase& c : kFileCases) {
+        const bool passedOn = ran.find(c.value) != std::string::npos ||
+                              (c.reaches == 's' && stored.find(c.value) != std::string::npos);
+        const bool read = c.reaches != 'x' && (c.reaches != 'w' || WLAN_IF_COUNT > 0);
+        EXPECT_EQ(passedOn, !kHardened && read) << c.value;
     }
 }
 
