@@ -1,7 +1,8 @@
 #pragma once
 // The configuration file as a format: its header, its sections, and for every key its name,
-// number, value form, default and written form. The loader and the writer walk these tables
-// instead of naming keys one by one; they map the keys to record fields themselves.
+// number, value form, default and written form. The writer walks these tables in each section's
+// write order; the loader names the keys group by group and reads each through the look-ups
+// below. Both map the keys to record fields themselves.
 
 #include <iniparser.h>
 

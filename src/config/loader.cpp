@@ -19,6 +19,7 @@
 #include "filters/route_filters.h"
 #include "model/config_model.h"
 #include "model/handler.h"
+#include "model/value_rules.h"
 #include "routing/gateway.h"
 #include "sys/log.h"
 #include "sys/system.h"
@@ -29,18 +30,34 @@ namespace {
 
 constexpr std::size_t kHeaderScanSize = 2048;
 
-// The text of a key, cut to the key's own limit.
+// The check a client's write of the same value meets; nullptr when it passes, else its text.
+using Rule = const char* (*)(const char* value);
+
+constexpr const char* kRefusedAtLoadFormat =
+    "cfgd: %s in the configuration file refused, its default \"%s\" loaded: %s\n";
+
+// The text of a key, cut to the key's own limit. The hardened profile trusts the file no more
+// than a client (a legacy build may have written it, or a hand or a backup): a text that fails
+// its rule is never loaded, and the line names the key and the rule, not the text.
 void loadText(char* field, std::size_t fieldSize, const dictionary* file, Section section,
-              int number, unsigned place) {
+              int number, unsigned place, [[maybe_unused]] Rule rule) {
     ini::KeyAddress fallback;
     const char* text = ini::readText(file, section, number, place, fallback);
+    if constexpr (kHardened) {
+        if (const char* refusal = rule(text)) {
+            ini::KeyAddress key;
+            (void)ini::keyAddress(key, section, number, place);  // an empty name if it failed
+            sys::logError(kRefusedAtLoadFormat, key, fallback, refusal);
+            text = fallback;  // every default passes its rule
+        }
+    }
     copyText(field, fieldSize, text, static_cast<std::size_t>(ini::keySpec(section, place).high));
 }
 
 template <std::size_t N>
-void loadText(char (&field)[N], const dictionary* file, Section section, int number,
-              unsigned place) {
-    loadText(field, N, file, section, number, place);
+void loadText(char (&field)[N], const dictionary* file, Section section, int number, unsigned place,
+              Rule rule) {
+    loadText(field, N, file, section, number, place, rule);
 }
 
 uint8_t loadFlag(const dictionary* file, Section section, int number, unsigned place) {
@@ -50,16 +67,17 @@ uint8_t loadFlag(const dictionary* file, Section section, int number, unsigned p
 void loadGeneralAndHost(const dictionary* file, ConfigModel& model) {
     using namespace ini::general_key;
     GeneralRecord& general = model.general;
-    loadText(general.Description, file, Section::General, 0, Description);
+    loadText(general.Description, file, Section::General, 0, Description, rules::checkStoredText);
     general.KL15pwdn = loadFlag(file, Section::General, 0, KL15pwdn);
     // The power-down setting is not the hardware's default, so the next apply must set it.
     if (general.KL15pwdn) model.changed.mark(flag::General);
     general.LighttpdPort =
         static_cast<uint32_t>(ini::readInteger(file, Section::General, 0, LighttpdPort));
     general.UseNTP = loadFlag(file, Section::General, 0, UseNTP);
-    loadText(general.NTPServer, file, Section::General, 0, NTPServer);
+    loadText(general.NTPServer, file, Section::General, 0, NTPServer, rules::checkNtpServer);
 
-    loadText(general.hostName, file, Section::Host, 0, ini::host_key::Devicename);
+    loadText(general.hostName, file, Section::Host, 0, ini::host_key::Devicename,
+             rules::checkHostName);
     (void)sys::current().setHostName(general.hostName,  // the Host apply reports failures
                                      std::strlen(general.hostName));
 }
@@ -76,7 +94,7 @@ void loadAddress(Address& field, int family, const dictionary* file, Section sec
 
 void loadLan(const dictionary* file, int n, LanInterface& lan) {
     using namespace ini::lan_key;
-    loadText(lan.IfName, file, Section::Lan, n, IfName);
+    loadText(lan.IfName, file, Section::Lan, n, IfName, rules::checkInterfaceName);
     lan.UseDHCP = loadFlag(file, Section::Lan, n, UseDHCP);
     loadAddress(lan.IPv4, AF_INET, file, Section::Lan, n, IPv4);
     loadAddress(lan.Subnetmask, AF_INET, file, Section::Lan, n, Subnetmask);
@@ -88,13 +106,13 @@ void loadLan(const dictionary* file, int n, LanInterface& lan) {
 
 void loadWlan(const dictionary* file, int n, WlanInterface& wlan) {
     using namespace ini::wlan_key;
-    loadText(wlan.IfName, file, Section::Wlan, n, IfName);
-    loadText(wlan.SSID, file, Section::Wlan, n, SSID);
+    loadText(wlan.IfName, file, Section::Wlan, n, IfName, rules::checkInterfaceName);
+    loadText(wlan.SSID, file, Section::Wlan, n, SSID, rules::checkSsid);
     wlan.Encryption = loadFlag(file, Section::Wlan, n, Encryption);
     wlan.EncryptionType =
         static_cast<uint8_t>(ini::readInteger(file, Section::Wlan, n, EncryptionType));
     wlan.KeyType = static_cast<uint8_t>(ini::readInteger(file, Section::Wlan, n, KeyType));
-    loadText(wlan.Key, file, Section::Wlan, n, Key);
+    loadText(wlan.Key, file, Section::Wlan, n, Key, rules::checkWlanKey);
     wlan.Mode = static_cast<uint8_t>(ini::readInteger(file, Section::Wlan, n, Mode));
     wlan.UseDHCP = loadFlag(file, Section::Wlan, n, UseDHCP);
     loadAddress(wlan.IPv4, AF_INET, file, Section::Wlan, n, IPv4);
@@ -107,7 +125,7 @@ void loadWlan(const dictionary* file, int n, WlanInterface& wlan) {
 
 void loadCan(const dictionary* file, int n, CanInterface& can) {
     using namespace ini::can_key;
-    loadText(can.IfName, file, Section::Can, n, IfName);
+    loadText(can.IfName, file, Section::Can, n, IfName, rules::checkInterfaceName);
     can.Active = loadFlag(file, Section::Can, n, Active);
     can.Baudrate = static_cast<uint32_t>(ini::readInteger(file, Section::Can, n, Baudrate));
     can.Listenonly = loadFlag(file, Section::Can, n, Listenonly);
@@ -147,8 +165,8 @@ void loadFilter(const dictionary* file, int n, FilterTable& filters) {
 
     Filter* kept = insertFilter(filters, record);
     if (kept == nullptr) return;
-    loadText(kept->Comment, file, Section::Filter, n, Comment);
-    loadText(kept->Name, file, Section::Filter, n, Name);
+    loadText(kept->Comment, file, Section::Filter, n, Comment, rules::checkStoredText);
+    loadText(kept->Name, file, Section::Filter, n, Name, rules::checkStoredText);
 }
 
 void loadForwarding(const dictionary* file, GeneralRecord& general) {
@@ -169,10 +187,10 @@ void loadRoute(const dictionary* file, int n, RouteRecord& route, FilterTable& f
     ini::KeyAddress fallback;
     RouteInfo& info = route.image.info;
     route.RouteFlags = kRouteActive;
-    loadText(route.RtInfo, file, Section::Route, n, RtInfo);
+    loadText(route.RtInfo, file, Section::Route, n, RtInfo, rules::checkStoredText);
     if (loadFlag(file, Section::Route, n, Active)) route.RouteFlags |= kRouteRunning;
     (void)parseRouteType(ini::readText(file, Section::Route, n, Type, fallback), info.flags);
-    loadText(info.interface1, file, Section::Route, n, Interface1);
+    loadText(info.interface1, file, Section::Route, n, Interface1, rules::checkInterfaceName);
     (void)ini::readText(file, Section::Route, n, Interface2, fallback);  // not used
     (void)ini::readText(file, Section::Route, n, Protocol1, fallback);   // not used
     (void)parseProtocol(ini::readText(file, Section::Route, n, Protocol2, fallback),

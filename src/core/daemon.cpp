@@ -56,13 +56,14 @@ constexpr const char* kIpcSetFailedFormat = "cfgd: permissions of the %s not set
 // Process-wide state that the clean-up needs; the clean-up may run twice (from a signal and at
 // exit), so every step leaves its state in the "nothing to do" value.
 char lockPath[kMaxPathLength + 1];
+sys::FilePath placedLockPath{};  // placed once at start, so that the handler formats nothing
 int queueId = -1;
 int semaphoreSetId = -1;
 ConfigModel* model = nullptr;
 
 // Only system calls, so that it is safe inside a signal handler.
 void removeLockAndIpc() {
-    if (lockPath[0] != '\0') (void)unlink(sys::placeFile(lockPath).c_str());  // may be gone
+    if (placedLockPath.text[0] != '\0') (void)unlink(placedLockPath.text);  // may be gone
     if (queueId >= 0) (void)msgctl(queueId, IPC_RMID, nullptr);
     queueId = -1;
     if (semaphoreSetId >= 0) (void)semctl(semaphoreSetId, 0, IPC_RMID);
@@ -76,6 +77,7 @@ void cleanUp() {
 
 void onTerminate(int) {
     removeLockAndIpc();
+    sys::flushPendingLog();     // a line cut short by this signal, as far as its output takes it
     _exit(kExitSignal & 0xFF);  // the model dies with the process; exit handlers are not safe here
 }
 
@@ -89,10 +91,13 @@ void installSignals() {
     struct sigaction terminate {};
     terminate.sa_handler = onTerminate;
     sigemptyset(&terminate.sa_mask);
+    for (int signal : {SIGTERM, SIGHUP, SIGINT})
+        sigaddset(&terminate.sa_mask, signal);  // one clean-up at a time
     terminate.sa_flags = SA_RESTART;
     for (int signal : {SIGTERM, SIGHUP, SIGINT})
         (void)sigaction(signal, &terminate, nullptr);
     struct sigaction child = terminate;
+    sigemptyset(&child.sa_mask);
     child.sa_handler = onChild;
     (void)sigaction(SIGCHLD, &child, nullptr);
 }
@@ -218,6 +223,7 @@ int runDaemon(int argc, char** argv) {
     // A lock file left by another daemon does not stop this one: it is overwritten once the
     // queue is ready, and clients then find this daemon's keys in it.
     std::snprintf(lockPath, sizeof lockPath, "%s", options.lockPath);
+    placedLockPath = sys::placeFile(lockPath);
 
     model = allocateModel();
     if (model == nullptr) return kExitAllocation;

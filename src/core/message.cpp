@@ -16,9 +16,6 @@ constexpr unsigned kAnswerElements = 5;
 constexpr unsigned long kLargestByte = 255;
 constexpr unsigned long kLongestValue = 507;
 
-constexpr const char* kTypeNames[] = {"START_SESSION", "READ_PARAM",     "SET_PARAM",    "POS_ANSW",
-                                      "NEG_ANSW",      "FINISH_SESSION", "ABORT_SESSION"};
-
 // A terminated copy of the received text with some zeros behind it, so that the parser's
 // unchecked single-character skips can never leave the buffer.
 struct ReceivedText {
@@ -127,10 +124,6 @@ bool readByteElement(const char*& at, std::string_view key, uint8_t& value) {
 }
 
 }  // namespace
-
-const char* messageTypeName(unsigned mt) {
-    return mt < std::size(kTypeNames) ? kTypeNames[mt] : nullptr;
-}
 
 int parseRequest(const char* text, std::size_t length, RequestMessage& request) {
     ReceivedText received;

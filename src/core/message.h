@@ -30,9 +30,6 @@ static_assert(sizeof(long) != 4 || sizeof(QueueMessage) == 512);
 static_assert(offsetof(AnswerQueueMessage, text) == sizeof(long));
 static_assert(sizeof(AnswerQueueMessage) == 1024);
 
-// Name of a message type for diagnostics; SET_TEMP_PARAM and unknown types have none (nullptr).
-const char* messageTypeName(unsigned mt);
-
 // Parses a received request text of `length` bytes. 0 on success; -1 to -6 name the element
 // that was malformed. `da` is copied over the previous request's value without being cleared.
 [[nodiscard]] int parseRequest(const char* text, std::size_t length, RequestMessage& request);

@@ -199,7 +199,7 @@ int applyFilters2Route(RouteRecord& route, int fd, int index, FilterTable& filte
 void storeFilterInformation(const RouteRecord& route, int index, const FilterList& list) {
     char devicePath[64];
     std::snprintf(devicePath, sizeof devicePath, kFilterFileFormat, index);
-    const int fd = ::open(sys::placeFile(devicePath).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    const int fd = sys::current().openFile(devicePath, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (fd < 0) {
         std::perror(kCannotOpenFilterFile);
         std::exit(-1);

@@ -8,6 +8,7 @@ namespace {
 
 constexpr std::size_t kHostNameChars = 64;  // HOST_NAME_MAX, and the model's field
 constexpr std::size_t kLabelChars = 63;
+constexpr std::size_t kNtpServerChars = 127;     // the model's field
 constexpr std::size_t kInterfaceNameChars = 15;  // IFNAMSIZ - 1
 constexpr std::size_t kSsidChars = 32;
 constexpr std::size_t kWlanKeyChars = 64;  // a WPA passphrase, or a PSK of 64 hex digits
@@ -32,17 +33,25 @@ bool isQuotableText(std::string_view text) {
     return true;
 }
 
+// Dot-separated labels; a dotted IPv4 address is such a name too.
+bool isDnsName(std::string_view name, std::size_t maxChars) {
+    if (name.empty() || name.size() > maxChars) return false;
+    for (std::size_t start = 0;;) {
+        const std::size_t dot = name.find('.', start);
+        if (!isLabel(name.substr(start, dot - start))) return false;
+        if (dot == std::string_view::npos) return true;
+        start = dot + 1;
+    }
+}
+
 }  // namespace
 
 const char* checkHostName(const char* value) {
-    const std::string_view name(value);
-    if (name.empty() || name.size() > kHostNameChars) return kHostNameText;
-    for (std::size_t start = 0;;) {
-        const std::size_t dot = name.find('.', start);
-        if (!isLabel(name.substr(start, dot - start))) return kHostNameText;
-        if (dot == std::string_view::npos) return nullptr;
-        start = dot + 1;
-    }
+    return isDnsName(value, kHostNameChars) ? nullptr : kHostNameText;
+}
+
+const char* checkNtpServer(const char* value) {
+    return isDnsName(value, kNtpServerChars) ? nullptr : kNtpServerText;
 }
 
 const char* checkInterfaceName(const char* value) {

@@ -15,6 +15,10 @@ namespace rules {
 inline constexpr const char* kHostNameText =
     "host name refused: only letters, digits and '-' in dot-separated labels of 1 to 63 "
     "characters, none starting or ending with '-', at most 64 in all (RFC 1123)";
+inline constexpr const char* kNtpServerText =
+    "NTP server refused: a host name (letters, digits and '-' in dot-separated labels of 1 to "
+    "63 characters, none starting or ending with '-', at most 127 in all) or a dotted IPv4 "
+    "address";
 inline constexpr const char* kInterfaceNameText =
     "interface name refused: at most 15 letters, digits, '-', '_' or '.' (a Linux interface "
     "name)";
@@ -29,6 +33,8 @@ inline constexpr const char* kStoredTextText =
 // Each returns nullptr when the value passes, else the refusal's text.
 // The host name goes into the DHCP client's and the CAN-over-IP helper's command lines.
 [[nodiscard]] const char* checkHostName(const char* value);
+// The NTP server goes into ntpd's command line. No client writes it; it comes from the file.
+[[nodiscard]] const char* checkNtpServer(const char* value);
 // Interface names reach the configuration file and the gateway driver's route records; empty
 // is no interface.
 [[nodiscard]] const char* checkInterfaceName(const char* value);

@@ -29,7 +29,7 @@ void appendLine(char (&text)[kDhcpdTextSize], std::size_t& length, const char* f
 }  // namespace
 
 int nw_write_dhcpd_config(const DhcpServerConfig& dhcp, const PlatformConfig& /*platform*/) {
-    std::FILE* file = std::fopen(sys::placeFile(kDhcpdConfigPath).c_str(), kDhcpdOpenMode);
+    std::FILE* file = sys::openFileStream(kDhcpdConfigPath, kDhcpdOpenMode);
     if (file == nullptr) return -1;
     char text[kDhcpdTextSize] = {};
     std::size_t length = 0;

@@ -88,8 +88,7 @@ int nw_update_default_route(const char* ifName, in_addr gateway) {
 
 int nw_update_resolv_conf(const in_addr* gateway) {
     if (gateway == nullptr) return -1;
-    const sys::FilePath path = sys::placeFile(kResolvConfPath);
-    std::FILE* file = std::fopen(path.c_str(), "w");
+    std::FILE* file = sys::openFileStream(kResolvConfPath, "w");
     if (file == nullptr) return -1;
     DottedText gatewayText;
     const int written =

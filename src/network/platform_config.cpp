@@ -169,7 +169,7 @@ void parseLine(const char* text, std::size_t length, PlatformConfig& config) {
 }  // namespace
 
 int readPlatformConfig(PlatformConfig& config) {
-    std::FILE* file = std::fopen(sys::placeFile(kPlatformConfigPath).c_str(), "r");
+    std::FILE* file = sys::openFileStream(kPlatformConfigPath, "r");
     if (file == nullptr) return -1;
     char* line = nullptr;
     std::size_t capacity = 0;
@@ -195,7 +195,7 @@ int writePlatformConfig(const PlatformConfig& config) {
     PlatformConfig current{};
     if (readPlatformConfig(current) == 0 && platform_cfg_equivalent(&current, &config)) return 0;
 
-    std::FILE* file = std::fopen(sys::placeFile(kPlatformConfigPath).c_str(), "w+");
+    std::FILE* file = sys::openFileStream(kPlatformConfigPath, "w+");
     if (file == nullptr) return -1;
     char text[kFileTextSize] = {};
     std::size_t used = 0;

@@ -303,8 +303,7 @@ void writeLine(int fd, const char* format, ...) {
 // caller's result says so.
 int createGeneratedFile(const char* devicePath, mode_t& savedUmask) {
     savedUmask = umask(0);
-    return open(sys::placeFile(devicePath).c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                kGeneratedFileMode);
+    return sys::current().openFile(devicePath, O_WRONLY | O_CREAT | O_TRUNC, kGeneratedFileMode);
 }
 
 void serviceFilePath(char (&path)[kPathChars + 1], const char* base, const WlanInterface& wlan) {
@@ -493,7 +492,7 @@ int writeAddressFile(const WlanInterface& wlan) {
     std::snprintf(path, sizeof path, kAddressFileFormat, kAddressFileDirectory, wlan.BaseName,
                   wlan.Index);
     if (wlan.UseDHCP) {
-        (void)unlink(sys::placeFile(path).c_str());  // there may be none
+        (void)sys::current().unlinkFile(path);  // there may be none
         return 0;
     }
     mode_t savedUmask = 0;

@@ -1,5 +1,6 @@
 #include "sys/log.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -12,29 +13,47 @@ namespace sys {
 namespace {
 
 constexpr int kLineChars = 1023;  // longer lines are cut, and still end the line
+constexpr int kTerminationWaitMs = 1000;
+
+// The line being written. The termination signals are held while it is made and written, and
+// let through only while the writer waits for room (ppoll): a termination handler then finds
+// here exactly the part that has not reached the output.
+char line[kLineChars + 1];
+volatile sig_atomic_t lineFd = -1;
+volatile sig_atomic_t lineLength = 0;  // 0: no line pending
+volatile sig_atomic_t lineWritten = 0;
 
 void writeLine(int fd, const char* format, va_list arguments) {
     const int savedErrno = errno;  // callers report errno after logging
-    // A termination signal ends the process at once; held back while the line is made and
-    // written, it cannot cut the line or drop it half made.
     sigset_t termination, previous;
     sigemptyset(&termination);
     for (int signal : {SIGTERM, SIGHUP, SIGINT})
         sigaddset(&termination, signal);
     (void)sigprocmask(SIG_BLOCK, &termination, &previous);  // cannot fail with these arguments
 
-    char line[kLineChars + 1];
     int length = std::vsnprintf(line, sizeof line, format, arguments);
     if (length > kLineChars) {
         length = kLineChars;
         line[length - 1] = '\n';
     }
-    for (int written = 0; length > 0 && written < length;) {
-        const ssize_t n = write(fd, line + written, static_cast<std::size_t>(length - written));
-        if (n < 0 && errno == EINTR) continue;
+    lineFd = fd;
+    lineWritten = 0;
+    lineLength = length > 0 ? length : 0;
+    while (lineWritten < lineLength) {
+        // With room for it, the write does not block: a pipe that POLLOUT reports has a free
+        // page, and a line is shorter than one. (Only another writer of the same pipe, a
+        // command the daemon started, can take that room first.)
+        pollfd output{fd, POLLOUT, 0};
+        const int ready = ppoll(&output, 1, nullptr, &previous);
+        if (ready < 0 && errno == EINTR) continue;  // a child reaped
+        if (ready < 0 || (output.revents & POLLNVAL) != 0) break;
+        const ssize_t n =
+            write(fd, line + lineWritten, static_cast<std::size_t>(lineLength - lineWritten));
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n <= 0) break;  // nowhere to report a log that cannot be written
-        written += static_cast<int>(n);
+        lineWritten = lineWritten + static_cast<int>(n);
     }
+    lineLength = 0;
     (void)sigprocmask(SIG_SETMASK, &previous, nullptr);  // a held signal ends the process here
     errno = savedErrno;
 }
@@ -53,6 +72,20 @@ void logError(const char* format, ...) {
     va_start(arguments, format);
     writeLine(STDERR_FILENO, format, arguments);
     va_end(arguments);
+}
+
+void flushPendingLog() {
+    while (lineWritten < lineLength) {
+        pollfd output{lineFd, POLLOUT, 0};
+        const int ready = poll(&output, 1, kTerminationWaitMs);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0 || (output.revents & POLLNVAL) != 0) return;  // the rest is lost
+        const ssize_t n =
+            write(lineFd, line + lineWritten, static_cast<std::size_t>(lineLength - lineWritten));
+        if (n <= 0) return;
+        lineWritten = lineWritten + static_cast<int>(n);
+    }
+    lineLength = 0;
 }
 
 }  // namespace sys

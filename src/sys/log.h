@@ -11,4 +11,9 @@ void logLine(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // A line on standard error.
 void logError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// For the termination handler (system calls only): writes what is left of a line that a
+// termination signal interrupted while it waited for room in its output, waiting for room a
+// bounded time, so that a reader that stopped cannot keep the daemon from ending.
+void flushPendingLog();
+
 }  // namespace sys

@@ -41,6 +41,12 @@ class System {
     // Where a file of the device (a fixed path such as "/tmp/uboot_env") is to be opened.
     virtual FilePath placeFile(const char* devicePath) = 0;
 
+    // The files the daemon writes for the services (name server, platform, DHCP server, filter
+    // and WLAN files): open(2) and unlink(2) of a device path, placed as placeFile places it.
+    // Failures set errno.
+    virtual int openFile(const char* devicePath, int flags, unsigned mode);
+    virtual int unlinkFile(const char* devicePath);
+
     // The file steps of replacing the configuration file, on placed paths: fopen(3); the
     // stream flushed and its descriptor fsync(2)ed; fclose(3); rename(2). Failures set errno.
     virtual std::FILE* openStream(const char* path, const char* mode) = 0;
@@ -60,5 +66,9 @@ void install(System* system);
 inline FilePath placeFile(const char* devicePath) {
     return current().placeFile(devicePath);
 }
+
+// openFile as a stream, with the flags and mode that fopen(3) opens "r", "w" or "w+" with;
+// nullptr on failure.
+std::FILE* openFileStream(const char* devicePath, const char* mode);
 
 }  // namespace sys

@@ -56,11 +56,12 @@ inline std::string readFile(const std::string& path) {
     return content.str();
 }
 
-// A started program; its standard output and error go to one file of its own. It leads a
-// process group of its own, so that a test can end it together with the programs it runs.
+// A started program; its standard output and error go to one file of its own (or its standard
+// output to the descriptor `output`). It leads a process group of its own, so that a test can
+// end it together with the programs it runs.
 class Process {
   public:
-    Process(const std::string& program, std::vector<std::string> arguments)
+    Process(const std::string& program, std::vector<std::string> arguments, int output = -1)
         : outputPath_("/tmp/e2e-" + std::to_string(getpid()) + "-" + std::to_string(++count_)) {
         arguments.insert(arguments.begin(), program);
         std::vector<char*> argv;
@@ -70,9 +71,9 @@ class Process {
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, outputPath_.c_str(), O_WRONLY | O_CREAT,
+        posix_spawn_file_actions_addopen(&actions, 2, outputPath_.c_str(), O_WRONLY | O_CREAT,
                                          0644);
-        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        posix_spawn_file_actions_adddup2(&actions, output >= 0 ? output : 2, 1);
         posix_spawnattr_t attributes;
         posix_spawnattr_init(&attributes);
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);  // group 0: its own
@@ -171,13 +172,15 @@ inline int runStub(const std::string& name, const std::vector<std::string>& argu
 // with no file there (so the defaults); freshFile(content) writes one, or a daemon's before.
 struct Daemon {
     Daemon(int semaphoreKey, int queueKey, const std::string& configuration = freshFile(""),
-           const char* program = CFGD_E2E_DAEMON)
+           const char* program = CFGD_E2E_DAEMON, int output = -1)
         : key(queueKey),
           lock("/tmp/e2e-lock-" + std::to_string(key)),
           staleLock(unlink(lock.c_str())),
           file(configuration),
-          process(program, {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key), "-l",
-                            lock, "-f", file}) {}
+          process(program,
+                  {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key), "-l", lock, "-f",
+                   file},
+                  output) {}
 
     // The lock file's line once the daemon is up; empty when it did not come up in time.
     std::string up() {

@@ -37,5 +37,35 @@ TEST(Log, EveryLineIsWrittenAtOnceAndSurvivesEachTerminatingSignal) {
     }
 }
 
+// A log pipe that nobody reads any more fills up; the daemon then waits for room in it, and a
+// termination signal still ends it.
+TEST(Log, AFullPipeThatNobodyReadsDoesNotHoldOffTermination) {
+    int pipeEnds[2];
+    ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
+    Daemon d(93, 94, Daemon::freshFile(""), CFGD_E2E_DAEMON, pipeEnds[1]);
+    ASSERT_NE(d.up(), "") << d.process.output();
+    ASSERT_EQ(fcntl(pipeEnds[1], F_SETFL, O_NONBLOCK), 0);  // the daemon idles in msgrcv
+    for (const std::string page(4096, '-'); write(pipeEnds[1], page.data(), page.size()) > 0;) {
+    }
+    ASSERT_EQ(fcntl(pipeEnds[1], F_SETFL, 0), 0);
+    ASSERT_TRUE(d.start(93, 0, 2));
+    ASSERT_TRUE(send(d.queue, text(SET_PARAM, kWlanGroup, 0, 0, "x")));  // logs, then answers
+    // Taken off the queue, and the daemon asleep without an answer: waiting for the pipe.
+    const std::string stat = "/proc/" + std::to_string(d.process.pid()) + "/stat";
+    ASSERT_TRUE(poll(
+        [&] {
+            msqid_ds queue{};
+            return msgctl(d.queue, IPC_STAT, &queue) == 0 && queue.msg_qnum == 0 &&
+                   readFile(stat).find(") S ") != std::string::npos;
+        },
+        kAnswerMs));
+    EXPECT_FALSE(receive(d.queue, 93, 0).has_value());
+
+    ASSERT_EQ(kill(d.process.pid(), SIGTERM), 0);
+    EXPECT_EQ(d.process.wait(kAnswerMs), 255);
+    (void)close(pipeEnds[0]);  // after the daemon: a closed pipe would end it with SIGPIPE
+    (void)close(pipeEnds[1]);
+}
+
 }  // namespace
 }  // namespace e2e

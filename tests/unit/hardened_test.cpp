@@ -5,6 +5,9 @@
 #include <string_view>
 
 #include "config/config_path.h"
+#include "config/loader.h"
+#include "config/store.h"
+#include "core/session.h"
 #include "fake_system.h"
 #include "model/value_rules.h"
 #include "network/wlan_count.h"
@@ -91,6 +94,69 @@ TEST_F(Hardened, ValuesThatReachShellLinesAndFiles) {
             }
         }
         send(FINISH_SESSION);
+    }
+}
+
+// Keys of the file with shell syntax (or a text the file cannot keep) in them, as a legacy
+// build, a backup or a hand may have left them. The legacy build passes them on; the hardened
+// one loads each key's default, names key and rule in one line, and passes nothing on.
+struct FileCase {
+    const char* key;
+    const char* value;  // quoted in the file when it holds ';' or '#'
+    const char* rule;
+    const char* fallback;
+    // 's': a store writes it; 'w': read by a build with a WLAN interface only; 'x': reaches
+    // nothing in this set-up (only the log shows the rule)
+    char reaches;
+};
+
+constexpr FileCase kFileCases[] = {
+    {"General:Description", "a;b", rules::kStoredTextText, "Module description", 's'},
+    {"General:NTPServer", "x$(reboot)", rules::kNtpServerText, "pool.ntp.org", '-'},
+    {"HOST:Devicename", "gw`reboot`", rules::kHostNameText, "VORL-Gateway", 's'},
+    {"LAN_0:IfName", "eth0$(reboot)", rules::kInterfaceNameText, "eth0", 's'},
+    {"WLAN_0:IfName", "w$(reboot)", rules::kInterfaceNameText, "wlan0", 'x'},
+    {"WLAN_0:SSID", "lab\"x", rules::kSsidText, "MyWLAN", 'w'},
+    {"WLAN_0:Key", "pa\\ss", rules::kWlanKeyText, "", 'w'},
+    {"CAN_1:IfName", "can1|reboot", rules::kInterfaceNameText, "can1", 's'},
+    {"FILTER_0:Comment", "in#2", rules::kStoredTextText, "", 's'},
+    {"FILTER_0:Name", "f;x", rules::kStoredTextText, "", 's'},
+    {"RT_0:RtInfo", "rt;x", rules::kStoredTextText, "Route n", 's'},
+    {"RT_0:Interface1", "c$(reboot)", rules::kInterfaceNameText, "can0", 's'},
+};
+
+TEST_F(Hardened, FileTextsAreCheckedAtLoadAsAClientsWrites) {
+    std::string file = configHeader("1.3.1") +
+                       "[General]\nUseNTP = 1\n[LAN_0]\nUseDHCP = 1\n[FWD_GEN]\nCount = 1\n[RT_0]\n"
+                       "Active = TRUE\n[FILTER_0]\nfilter_type = 1\nTerm = 0x1-0x2\n[WLAN_0]\n"
+                       "Encryption = 1\nEncryptionType = 6\n";
+    std::string expectedLog;
+    for (const FileCase& c : kFileCases) {
+        const std::string key = c.key, value = c.value;
+        const bool quoted = value.find_first_of(";#") != std::string::npos;
+        file += "[" + key.substr(0, key.find(':')) + "]\n" + key.substr(key.find(':') + 1) +
+                (quoted ? " = \"" + value + "\"\n" : " = " + value + "\n");
+        expectedLog += "cfgd: " + key + " in the configuration file refused, its default \"" +
+                       c.fallback + "\" loaded: " + c.rule + "\n";
+    }
+    fake.writeFile(kDefaultConfigPath, file);
+    ::testing::internal::CaptureStderr();
+    ASSERT_EQ(loadConfiguration(m()), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), kHardened ? expectedLog : "");
+    m().changed.setAll();  // the start-up's apply, the WLAN group's too, and a store of all
+    AnswerMessage answer{};
+    (void)applyChangedGroups(m(), answer);  // what ran is what counts
+    ASSERT_EQ(storeConfiguration(m(), answer), 0) << answer.da;
+    // Commands, the host name and the supplicant's file; the store keeps keys it never writes.
+    const std::string ran = ::testing::PrintToString(fake.commands) +
+                            ::testing::PrintToString(fake.hostNamesSet) +
+                            fake.readFile("/tmp/wpa_supplicant0.conf");
+    const std::string stored = fake.readFile(kDefaultConfigPath);
+    for (const FileCase& c : kFileCases) {
+        const bool passedOn = ran.find(c.value) != std::string::npos ||
+                              (c.reaches == 's' && stored.find(c.value) != std::string::npos);
+        const bool read = c.reaches != 'x' && (c.reaches != 'w' || WLAN_IF_COUNT > 0);
+        EXPECT_EQ(passedOn, !kHardened && read) << c.value;
     }
 }
 
