@@ -13,7 +13,9 @@ packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmoc
           # The init script's test (BusyBox's sh and start-stop-daemon); the packages' checks.
           busybox dpkg-dev
           # The manual pages' test renders them with man and groff.
-          man-db groff-base)
+          man-db groff-base
+          # The sandbox's flash simulation for the power-cut test (sandbox/flashsim).
+          libfuse3-dev fuse3)
 # `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.
 [ "${1:-}" = fuzz ] && packages+=(clang libclang-rt-dev)
 missing=()
