@@ -145,9 +145,10 @@ check_host() {
     esac
     case "${CFGD_SANDBOX_FLASH:-0}" in
         0) ;;
-        1) [ -x "$BUILD_DIR/$FLASHSIM" ] && [ -c /dev/fuse ] ||
+        1) if [ ! -x "$BUILD_DIR/$FLASHSIM" ] || [ ! -c /dev/fuse ]; then
                die "CFGD_SANDBOX_FLASH=1 needs $BUILD_DIR/$FLASHSIM (target $FLASHSIM) and" \
-                   "/dev/fuse (install fuse3; scripts/setup.sh does)" ;;
+                   "/dev/fuse (install fuse3; scripts/setup.sh does)"
+           fi ;;
         *) die "CFGD_SANDBOX_FLASH must be 0 or 1" ;;
     esac
     local dir

@@ -31,6 +31,10 @@ struct Profile {
     bool durable;  // must come up with the last acknowledged store or the one in flight
 };
 
+void PrintTo(const Profile& profile, std::ostream* out) {
+    *out << profile.name;
+}
+
 const Profile kProfiles[] = {{"Legacy", CFGD_E2E_DAEMON, false},
                              {"Hardened", CFGD_E2E_HARDENED_DAEMON, true}};
 
