@@ -33,6 +33,8 @@ readonly ETHERNET=eth0
 readonly ETHERNET_PEER=eth0-peer
 # The gateway driver's simulation (sandbox/gwsim), preloaded into everything run inside.
 readonly GWSIM_LIBRARY=libcfgd_gwsim.so
+# The flash simulation (sandbox/flashsim), mounted over /mnt/user on request.
+readonly FLASHSIM=cfgd_flashsim
 # The gateway module as the sample /proc/modules and /proc/devices list it.
 readonly MODULE_NAME=tarn_gw
 readonly MODULE_DEVICE=tarn-gw
@@ -73,7 +75,7 @@ Inside the sandbox:
   /tmp/uboot_env, /mnt/user/platform.config, /mnt/user/kiv_config.ini
                    sample device files from sandbox/device/; the last is the daemon's default
                    configuration file (static LAN address, one route)
-  /dev             null, zero, full, random and urandom only
+  /dev             null, zero, full, random and urandom only (and fuse, with CFGD_SANDBOX_FLASH=1)
   gateway driver   simulated: <build>/$GWSIM_LIBRARY, preloaded into every program
                    (LD_PRELOAD), answers open, ioctl and close of /dev/tarn-gw and
                    /dev/canoip0..7 (which are not files) while /proc/modules names
@@ -110,7 +112,10 @@ sanitizer runtime of a sanitizer build).
 Settings (environment): CFGD_BUILD_DIR (default <repo>/build), CFGD_BIN (the daemon for
 'run', default \$CFGD_BUILD_DIR/cfgd), CFGD_SANDBOX_STATE (default <repo>/.sandbox),
 CFGD_SANDBOX_KEEP=1 (keep the state directory of 'test'), CFGD_SANDBOX_MODULE=0 (the
-device starts without the gateway module loaded; the daemon's modprobe loads it).
+device starts without the gateway module loaded; the daemon's modprobe loads it),
+CFGD_SANDBOX_FLASH=1 (/mnt/user is the flash simulation <build>/$FLASHSIM over the same
+files, which keeps written data until it is synced; 'setfattr -n trusted.flashsim.cut -v drop
+/mnt/user' (or -v torn) cuts the power: unsynced data is lost, or torn; /dev has fuse too).
 EOF
 }
 
@@ -137,6 +142,14 @@ check_host() {
     case "${CFGD_SANDBOX_MODULE:-1}" in
         0 | 1) ;;
         *) die "CFGD_SANDBOX_MODULE must be 0 or 1" ;;
+    esac
+    case "${CFGD_SANDBOX_FLASH:-0}" in
+        0) ;;
+        1) if [ ! -x "$BUILD_DIR/$FLASHSIM" ] || [ ! -c /dev/fuse ]; then
+               die "CFGD_SANDBOX_FLASH=1 needs $BUILD_DIR/$FLASHSIM (target $FLASHSIM) and" \
+                   "/dev/fuse (install fuse3; scripts/setup.sh does)"
+           fi ;;
+        *) die "CFGD_SANDBOX_FLASH must be 0 or 1" ;;
     esac
     local dir
     for dir in "$REPO" "$BUILD_DIR" "$STATE_ROOT"; do
@@ -166,6 +179,7 @@ start_sandbox() {
     shift 2
     SB_MODE=$mode SB_STATE=$state SB_REPO=$REPO SB_BUILD=$BUILD_DIR SB_CWD=$PWD \
         SB_HOST_NET=$(readlink /proc/self/ns/net) SB_MODULE=${CFGD_SANDBOX_MODULE:-1} \
+        SB_FLASH=${CFGD_SANDBOX_FLASH:-0} \
         setpriv --pdeathsig KILL -- \
         unshare --mount --uts --ipc --net --pid --fork --kill-child --propagation private -- \
         /bin/bash "$SELF" __inside "$@" 0<&0 &
@@ -399,7 +413,9 @@ build_device() {
     esac
     local -A dev_fd=()
     local fd
-    for dev in null zero full random urandom; do
+    local -a devices=(null zero full random urandom)
+    [ "$SB_FLASH" = 0 ] || devices+=(fuse)
+    for dev in "${devices[@]}"; do
         exec {fd}<"/dev/$dev"
         dev_fd[$dev]=$fd
     done
@@ -466,6 +482,8 @@ build_device() {
     install -m 0644 "$IN_FILES/device/uboot_env" /tmp/uboot_env
     install -m 0644 "$IN_FILES/device/platform.config" /mnt/user/platform.config
     install -m 0644 "$IN_FILES/device/kiv_config.ini" /mnt/user/kiv_config.ini
+    # Over the directory it serves, which it opens first: the files above are on the flash.
+    [ "$SB_FLASH" = 0 ] || "$SB_BUILD/$FLASHSIM" /mnt/user /mnt/user
     rm -f /etc/resolv.conf
     install -m 0644 "$IN_FILES/device/resolv.conf" /etc/resolv.conf
     printf '%s\n' "$token" >"$MARKER"
@@ -529,7 +547,7 @@ stop_child() {
 
 inside() {
     local stat host_pid start token
-    export -n SB_MODE SB_STATE SB_REPO SB_BUILD SB_CWD SB_HOST_NET SB_MODULE  # only for this script
+    export -n SB_MODE SB_STATE SB_REPO SB_BUILD SB_CWD SB_HOST_NET SB_MODULE SB_FLASH  # only for this script
     # Read through this machine's procfs while it is still mounted: the PID as seen outside,
     # which 'exec' needs for nsenter, and the start time that guards against a reused PID.
     read -r stat </proc/self/stat

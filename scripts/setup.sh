@@ -14,7 +14,9 @@ packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmoc
           # (dpkg-deb, dpkg-shlibdeps, dpkg-parsechangelog) and Debian's package checker.
           busybox dpkg-dev lintian
           # The manual pages' test renders them with man and groff.
-          man-db groff-base)
+          man-db groff-base
+          # The sandbox's flash simulation for the power-cut test (sandbox/flashsim); setfattr cuts.
+          libfuse3-dev fuse3 attr)
 # `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.
 [ "${1:-}" = fuzz ] && packages+=(clang libclang-rt-dev)
 missing=()

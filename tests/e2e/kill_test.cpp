@@ -16,54 +16,10 @@
 
 #include "client.h"
 #include "harness.h"
+#include "store_burst.h"
 
 namespace e2e {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-constexpr long kAnswerType = 70;
-constexpr const char* kRouteName = "kept by every store";  // in the file, never written
-
-// What store n writes: in the file's first section, a middle one and its last.
-struct Values {
-    std::string description, bitRate, gui;
-};
-Values valuesOf(long n) {
-    static const char* const rates[] = {"125000", "250000", "500000", "1000000"};
-    return {"store " + std::to_string(n), rates[n % 4], n % 2 ? "1" : "0"};
-}
-
-// A configuration file as the daemon writes it, holding store 0 and a route no store touches.
-std::string firstFile() {
-    return "#########################################\n# KIV configuration file\n"
-           "# Format version 1.3.1\n#########################################\n"
-           "[general]\ndescription = store 0\n[can_0]\nbaudrate = 125000\n[fwd_gen]\ncount = 1\n"
-           "[rt_0]\nrtinfo = " +
-           std::string(kRouteName) +
-           "\nactive = FALSE\ninterface1 = can0\ndestination2 = 198.51.100.40:5000\n"
-           "[gui]\nshow_filter_info = 0\n";
-}
-
-// Sends a request and waits for its answer until `deadline`; nullopt when none came.
-std::optional<std::string> exchange(
-    int queue, const std::string& request,
-    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs)) {
-    if (!send(queue, request)) return "(not sent)";
-    using std::chrono::milliseconds;
-    return receive(queue, kAnswerType,
-                   std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count());
-}
-
-// The permanent session that stores n: each request with its answer.
-std::vector<std::pair<std::string, std::string>> storing(long n) {
-    const Values v = valuesOf(n);
-    return {{text(START_SESSION, kAnswerType, 0, 3), ok(1, 0, 3)},
-            {text(SET_PARAM, 0, 4, 0, v.description + '\0'), ok(0, 4, 0)},
-            {text(SET_PARAM, 4, 1, 2, v.bitRate + '\0'), ok(4, 1, 2)},
-            {text(SET_PARAM, 8, 1, 8, v.gui + '\0'), ok(8, 1, 8)},
-            {text(FINISH_SESSION, 0, 0, 0), ok(0, 0, 0)}};
-}
 
 // What the daemon holds: the three stored values and the route's name, after the start's
 // answer; empty when a request failed.
@@ -108,29 +64,11 @@ TEST(Store, SurvivesSigkillAtRandomMoments) {
         finishSent = false;
         if (made == kills || HasFailure()) break;
 
-        if (span == Clock::duration{}) {  // the first round measures how long a session takes
-            const auto started = Clock::now();
-            for (int i = 0; i < 5; ++i, ++acked)
-                for (const auto& [request, answer] : storing(acked + 1))
-                    ASSERT_EQ(exchange(d->queue, request), answer);
-            span = (Clock::now() - started) * 2 / 5;
-        }
+        if (span == Clock::duration{}) span = twoStores(d->queue, acked);
         const auto deadline =
             Clock::now() +
             Clock::duration(std::uniform_int_distribution<Clock::rep>(0, span.count())(random));
-        for (bool killed = false; !killed;) {
-            for (const auto& [request, expected] : storing(acked + 1)) {
-                finishSent = request == text(FINISH_SESSION, 0, 0, 0);
-                const std::optional<std::string> answer = exchange(d->queue, request, deadline);
-                killed = !answer;
-                if (killed) break;
-                ASSERT_EQ(*answer, expected) << "store " << acked + 1;
-            }
-            if (!killed) {
-                ++acked;
-                finishSent = false;
-            }
-        }
+        ASSERT_EQ(storeUntil(d->queue, deadline, acked, finishSent), 0);
         // Every second kill ends the daemon with the shell or mv it runs, the others the daemon
         // alone: what it ran goes on, and the restart comes once that has ended.
         const pid_t pid = d->process.pid();
