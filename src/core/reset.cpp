@@ -123,11 +123,15 @@ bool sameAddressing(const Interface& a, const Interface& b) {
     });
 }
 
+// An interface as its apply uses it. A read puts the driver's link state into the record; the
+// timing the driver reports for a bit rate is no register timing of the file's.
 bool sameCan(const CanInterface& a, const CanInterface& b) {
-    return sameExcept(a, b, [](CanInterface& can) {
-        can.RealBaudrate = 0;  // these are what the driver reports
+    const bool rate = a.ManBr == 0 && b.ManBr == 0;
+    return sameExcept(a, b, [rate](CanInterface& can) {
+        can.RealBaudrate = 0;
         can.RealSamplepoint = 0;
         can.CanState = 0;
+        if (rate) can.timing = {};
     });
 }
 
