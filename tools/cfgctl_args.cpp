@@ -233,8 +233,8 @@ bool readCommandRest(int argc, const char* const* argv, int at, Invocation& invo
 void printUsage(std::FILE* out) {
     std::fprintf(out, kUsageFormat, kMinTrialSeconds, kMaxTrialSeconds, kDefaultLockPath,
                  kMaxTimeoutSeconds, client::kDefaultTimeoutSeconds, kAbortedText, kExitOk,
-                 kExitRefused,
-                 kExitUsage, kExitNoDaemon, kExitNoAnswer, kExitTrialPending, kExitNoTrial);
+                 kExitRefused, kExitUsage, kExitNoDaemon, kExitNoAnswer, kExitTrialPending,
+                 kExitNoTrial);
 }
 
 void printVersion(std::FILE* out) {
