@@ -18,8 +18,7 @@ namespace cfgctl {
 // may stay in the running system until it restarts.
 constexpr const char* kAbortedText =
     kHardened ? "nothing was written"
-              : "nothing was stored, but routes and filters it set may stay in use until cfgd "
-                "restarts";
+              : "nothing was stored; routes and filters it set may stay in use";
 // The writes of `apply --abort`, in its summary line.
 constexpr const char* kAbortedWritesText = kHardened ? " and dropped" : " and not stored";
 
