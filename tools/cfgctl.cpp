@@ -109,8 +109,9 @@ int runGetSet(const Invocation& invocation) {
                          cfgd.answer().da);
         }
     }
-    // A refused write aborts, so that none of the call's writes is applied or stored; reads
-    // have nothing to drop, and finishing them spares the daemon a reload of its file.
+    // A refused write aborts, so that none of the call's writes is stored (nor, in the hardened
+    // profile, left applied); reads have nothing to drop, and finishing them spares the daemon a
+    // reload of its file.
     const int status = cfgd.end(invocation.abort || (refused && writes));
     if (status != 0) return status;
     return refused ? cfgctl::kExitRefused : cfgctl::kExitOk;
@@ -223,8 +224,8 @@ int runApply(const Invocation& invocation) {
                 return status;
             if (cfgd.refused()) {
                 const char* label = cfgctl::labelOf(line.param, numbers);
-                std::fprintf(stderr, "cfgctl: %s:%u: %s = %s: %s (nothing was written)\n", path,
-                             line.line, label, line.value.c_str(), cfgd.refusal());
+                std::fprintf(stderr, "cfgctl: %s:%u: %s = %s: %s (%s)\n", path, line.line, label,
+                             line.value.c_str(), cfgd.refusal(), cfgctl::kAbortedText);
                 if (invocation.report != nullptr)
                     invocation.report->refuse(
                         {line.param, label, line.value, cfgd.refusal(), line.line});
@@ -240,7 +241,8 @@ int runApply(const Invocation& invocation) {
     const std::size_t unchanged = file.writes.size() - plan.size();
     std::fprintf(cfgctl::humanOutput(invocation),
                  "%s: %zu written%s, %zu unchanged, %zu read only\n", path, plan.size(),
-                 invocation.abort ? " and dropped" : "", unchanged, file.readOnly.size());
+                 invocation.abort ? cfgctl::kAbortedWritesText : "", unchanged,
+                 file.readOnly.size());
     if (invocation.report != nullptr) {
         std::vector<std::pair<const char*, std::size_t>>& counts = invocation.report->counts;
         counts.insert(counts.begin(), {{"written", plan.size()},

@@ -47,7 +47,8 @@ constexpr const char* kUsageFormat =
     "  -l LOCKFILE  the daemon's lock file (default %s)\n"
     "  -t SECONDS   how long to wait for the daemon, 1..%d (default %d)\n"
     "  --temp       write with SET_TEMP_PARAM: applied at the end, never stored\n"
-    "  --abort      end with ABORT_SESSION instead of FINISH_SESSION: writes are dropped\n"
+    "  --abort      end with ABORT_SESSION instead of FINISH_SESSION, to check values:\n"
+    "               %s\n"
     "  --version    prints cfgctl's version, which is cfgd's (cfgd -v); -V is the same\n"
     "  --json       set, apply, confirm, rollback, trial: the outcome as one JSON object on\n"
     "               standard output (messages stay on standard error): \"status\" (the exit\n"
@@ -231,8 +232,9 @@ bool readCommandRest(int argc, const char* const* argv, int at, Invocation& invo
 
 void printUsage(std::FILE* out) {
     std::fprintf(out, kUsageFormat, kMinTrialSeconds, kMaxTrialSeconds, kDefaultLockPath,
-                 kMaxTimeoutSeconds, client::kDefaultTimeoutSeconds, kExitOk, kExitRefused,
-                 kExitUsage, kExitNoDaemon, kExitNoAnswer, kExitTrialPending, kExitNoTrial);
+                 kMaxTimeoutSeconds, client::kDefaultTimeoutSeconds, kAbortedText, kExitOk,
+                 kExitRefused, kExitUsage, kExitNoDaemon, kExitNoAnswer, kExitTrialPending,
+                 kExitNoTrial);
 }
 
 void printVersion(std::FILE* out) {

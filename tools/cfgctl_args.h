@@ -9,8 +9,18 @@
 #include <vector>
 
 #include "model/param_names.h"
+#include "model/value_rules.h"
 
 namespace cfgctl {
+
+// What an aborted session leaves behind, as every message tells it: the hardened daemon goes
+// back to its file; the legacy one keeps the file too, but routes and filters of the session
+// may stay in the running system until it restarts.
+constexpr const char* kAbortedText =
+    kHardened ? "nothing was written"
+              : "nothing was stored; routes and filters it set may stay in use";
+// The writes of `apply --abort`, in its summary line.
+constexpr const char* kAbortedWritesText = kHardened ? " and dropped" : " and not stored";
 
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitRefused = 1;       // cfgd answered NEG_ANSW

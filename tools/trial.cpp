@@ -468,8 +468,8 @@ int runTrialStart(const Invocation& invocation, const std::vector<ApplyLine>& li
             char where[kErrorSize] = "";  // apply's file and line, as a refused apply names them
             if (lines[i].line > 0)
                 std::snprintf(where, sizeof where, "%s:%u: ", invocation.file, lines[i].line);
-            std::fprintf(stderr, "cfgctl: %s%s = %s: %s (nothing was written)\n", where,
-                         written.c_str(), lines[i].value.c_str(), cfgd.refusal());
+            std::fprintf(stderr, "cfgctl: %s%s = %s: %s (%s)\n", where, written.c_str(),
+                         lines[i].value.c_str(), cfgd.refusal(), kAbortedText);
             if (invocation.report != nullptr)
                 invocation.report->refuse(
                     {lines[i].param, written, lines[i].value, cfgd.refusal(), lines[i].line});

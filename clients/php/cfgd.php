@@ -12,7 +12,8 @@
 // A session holds the daemon's session semaphore from start() to finish() or abort(), as
 // cfgctl does, so that the two never interleave their requests. Failures are exceptions:
 // Cfgd\Refused carries the daemon's own text (a refused write leaves the session open: abort()
-// drops its writes), Cfgd\Busy says that another client kept its session, Cfgd\NotRunning that
+// ends it without storing; a hardened cfgd then goes back to its file, a legacy one may keep
+// routes and filters of the session in use until it restarts), Cfgd\Busy says that another client kept its session, Cfgd\NotRunning that
 // the daemon cannot be reached, Cfgd\Error anything else. A session dropped while open is
 // aborted.
 //
@@ -181,7 +182,11 @@ final class Session
         $this->end(self::FINISH_SESSION);
     }
 
-    /** Ends the session and drops its writes. */
+    /**
+     * Ends the session without storing its writes. A hardened cfgd then holds exactly its file
+     * again; a legacy one may keep routes and filters that the session set in use until it
+     * restarts.
+     */
     public function abort(): void
     {
         $this->end(self::ABORT_SESSION);

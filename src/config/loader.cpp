@@ -78,8 +78,6 @@ void loadGeneralAndHost(const dictionary* file, ConfigModel& model) {
 
     loadText(general.hostName, file, Section::Host, 0, ini::host_key::Devicename,
              rules::checkHostName);
-    (void)sys::current().setHostName(general.hostName,  // the Host apply reports failures
-                                     std::strlen(general.hostName));
 }
 
 // An address that does not convert leaves the field as it was.
@@ -285,7 +283,7 @@ int checkHeader(const char* path, int& major, int& minor, int& patch) {
     return older ? 0 : -1;
 }
 
-int loadConfiguration(ConfigModel& model) {
+int loadConfiguration(ConfigModel& model, LoadEffects effects) {
     int major = 0;
     int minor = 0;
     int patch = 0;
@@ -305,6 +303,11 @@ int loadConfiguration(ConfigModel& model) {
     if (file == nullptr) sys::logError("can't parse file %s\n", configPath());
 
     loadGeneralAndHost(file, model);
+    if (effects == LoadEffects::Apply) {
+        // Set at once, its result ignored: the Host apply reports failures.
+        const char* name = model.general.hostName;
+        (void)sys::current().setHostName(name, std::strlen(name));
+    }
     for (unsigned n = 0; n < ini::sectionSpec(Section::Lan).countRead; ++n)
         loadLan(file, static_cast<int>(n), model.lan[n]);
     // None on this device: the count of WLAN sections is the number of WLAN interfaces served.
@@ -318,7 +321,10 @@ int loadConfiguration(ConfigModel& model) {
     loadForwarding(file, model.general);
     // The driver takes over or clears the routes it holds before the sections say what they
     // should be; a driver that is missing leaves every route without a node.
-    (void)startGatewayDriver(model);
+    if (effects == LoadEffects::Apply)
+        (void)startGatewayDriver(model);
+    else
+        assignRouteNodes(model);
     const unsigned routes = model.general.Count;
     for (unsigned n = 0; n < routes && n < ini::sectionSpec(Section::Route).countRead; ++n)
         loadRoute(file, static_cast<int>(n), model.routes[n], model.filters);

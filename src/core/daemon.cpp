@@ -116,22 +116,6 @@ void installSignals() {
     return true;
 }
 
-void markEverythingForStartApply(ConfigModel& m) {
-    m.changed.mark(flag::General);
-    m.changed.mark(flag::Host);
-    m.changed.mark(flag::Gui);
-    m.changed.mark(flag::Lan, 0);
-    m.changed.mark(flag::Lan, 1);
-    for (unsigned i = 0; i < kCanRecords; ++i)
-        m.changed.mark(flag::Can, i);
-    m.changed.mark(flag::Route, 0);
-    for (unsigned i = 0; i <= kMaxFilters; ++i)
-        m.changed.mark(flag::Filter, i);
-    for (unsigned r = 0; r < kRoutesServed; ++r) {
-        if (m.routes[r].RouteFlags & kRouteActive) m.changed.mark(flag::Route, r + 1);
-    }
-}
-
 union SemaphoreArgument {
     int val;
     semid_ds* buf;
@@ -244,7 +228,7 @@ int runDaemon(int argc, char** argv) {
     if (loadConfiguration(m) < 0) return kExitStart;
     m.previousWlanMode = m.wlan.Mode;
 
-    markEverythingForStartApply(m);
+    markForStartApply(m);
     AnswerMessage startAnswer{};
     (void)applyChangedGroups(m, startAnswer);  // the device starts even if some group failed
 

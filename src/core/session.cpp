@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "can/can_group.h"
-#include "config/loader.h"
 #include "config/store.h"
+#include "core/reset.h"
 #include "filters/filter_group.h"
 #include "model/bt.h"
 #include "model/config_model.h"
@@ -74,8 +74,11 @@ int finish(AnswerMessage& answer, int result) {
 
 int startSession(const RequestMessage& request, AnswerMessage& answer, ConfigModel& model) {
     SessionState& s = model.session;
-    // A session left open was neither finished nor aborted: drop its writes.
-    if (!s.noSessionOpen) (void)loadConfiguration(model);
+    // A session left open was neither finished nor aborted: reload the file as an abort does.
+    if (!s.noSessionOpen) {
+        AnswerMessage ignored{};  // the start is answered as always
+        (void)reloadConfiguration(model, ignored);
+    }
     s.readCount = 0;
     s.writeCount = 0;
     s.answerAddress = request.f1;
@@ -151,7 +154,7 @@ int abortSession(const RequestMessage& request, AnswerMessage& answer, ConfigMod
     s.temporary = 0;
     s.permanent = 0;
     echoAddress(request, answer, s);
-    return finish(answer, loadConfiguration(model));
+    return finish(answer, reloadConfiguration(model, answer));
 }
 
 }  // namespace

@@ -80,11 +80,7 @@ void addFilterPairs(Filter& filter, ListBuilder& builder) {
             builder.add(entries[i]);
         }
     } else if (filter.filter_type == kMask11 || filter.filter_type == kMask29) {
-        // The inversion is kept in the stored identifier itself.
-        if (inverted)
-            filter.FilterFrom |= gw::kInvertedFilter;
-        else
-            filter.FilterFrom &= ~gw::kInvertedFilter;
+        keepInversion(filter);
         // The driver's mask is the complement of the term's mask.
         gw::MaskEntry pair{filter.FilterFrom, ~filter.FilterTo};
         if (!builder.unify) pair.mask &= ~gw::kInvertedFilter;
@@ -108,6 +104,15 @@ int applyAcceptAll(const RouteRecord& route, int fd, int index, FilterList& list
 }
 
 }  // namespace
+
+void keepInversion(Filter& filter) {
+    if (filter.filter_type != kMask11 && filter.filter_type != kMask29) return;
+    // The inversion is kept in the stored identifier itself.
+    if ((filter.filter_mode & kFilterInverted) != 0)
+        filter.FilterFrom |= gw::kInvertedFilter;
+    else
+        filter.FilterFrom &= ~gw::kInvertedFilter;
+}
 
 int addRtFiltRealtion(FilterTable& table, unsigned route, unsigned filter) {
     if (route == 0 || filter == 0 || route > UINT8_MAX || filter > UINT8_MAX) return 0;

@@ -49,6 +49,10 @@ int parseFilterList(FilterTable& table, const char* text, int index, bool zeroBa
 // when the route has no relation or the text does not fit in `size`.
 int getRtFilters(const FilterTable& table, int index, char* text, std::size_t size, bool zeroBased);
 
+// Puts a mask filter's inversion into its stored identifier (bit 29), as every list that uses
+// the filter does; range filters are left as they are.
+void keepInversion(Filter& filter);
+
 // Hands the filter list of route `index` to its open node `fd` and writes the route's filter
 // file. 0, or -1 when the driver refused the list. Inverted id/mask filters get bit 29 set in
 // their stored identifier.

@@ -79,3 +79,5 @@ ConfigModel* allocateModel();
 void releaseModel(ConfigModel*& model);
 // Puts a model back into the freshly allocated state.
 void resetModel(ConfigModel& model);
+// Marks what the start-up applies: every group instance the file fills, and the active routes.
+void markForStartApply(ConfigModel& model);

@@ -1,6 +1,9 @@
 #include "routing/canoipd.h"
 
+#include <cstring>
+
 #include "model/config_model.h"
+#include "model/value_rules.h"
 #include "routing/routing_command.h"
 #include "sys/gateway_driver.h"
 
@@ -11,14 +14,23 @@ constexpr const char* kInterfaceFormat = "-I %s%d ";
 constexpr const char* kBackground = "& ";  // the shell returns at once, the helper runs on
 constexpr const char* kStopFormat = "killall %s";
 
-void start(const ConfigModel& model) {
-    RoutingCommand command;
+// The line of the last start, which a reset compares so that it restarts the helper only for
+// a change (hardened profile only).
+RoutingCommand lastStart;
+
+void composeStart(const ConfigModel& model, RoutingCommand& command) {
     // Device names with blanks go unquoted: the helper has always been started this way.
     command.append(kStartFormat, kCanoipdPath, gw::kRouteNodePrefix, model.general.CANoIPdPort,
                    model.general.hostName);
     command.append(kInterfaceFormat, kLanBaseName, static_cast<int>(model.lan[0].Index));
     command.append("%s", kBackground);
+}
+
+void start(const ConfigModel& model) {
+    RoutingCommand command;
+    composeStart(model, command);
     command.run();
+    if constexpr (kHardened) lastStart = command;
 }
 
 void stop() {
@@ -44,4 +56,11 @@ int controlCanoipd(int mode, const ConfigModel& model) {
             return 0;
     }
     return -1;
+}
+
+bool canoipdStartedWith(const ConfigModel& model) {
+    if constexpr (!kHardened) return false;
+    RoutingCommand command;
+    composeStart(model, command);
+    return std::strcmp(command.text(), lastStart.text()) == 0;
 }

@@ -145,11 +145,6 @@ struct ProcText {
     return true;
 }
 
-void nameRoute(RouteRecord& route, unsigned index) {
-    std::snprintf(route.image.info.name, kRouteNameChars + 1, kRouteNameFormat,
-                  static_cast<int>(index));
-}
-
 void appendLoad(RoutingCommand& command) {
     command.append(kLoadFormat, gw::kDeviceName);
     for (const ModuleParameter& parameter : kModuleParameters) {
@@ -226,6 +221,11 @@ int addAtStart(ConfigModel& model, unsigned index) {
 
 }  // namespace
 
+void nameRoute(RouteRecord& route, unsigned index) {
+    std::snprintf(route.image.info.name, kRouteNameChars + 1, kRouteNameFormat,
+                  static_cast<int>(index));
+}
+
 int findDriverMajor() {
     ProcText text;
     if (!readProcFile(kProcDevicesPath, text)) return -1;
@@ -298,6 +298,14 @@ int openRouteNode(const RouteRecord& route) {
         errno = ENODEV;
     }
     return fd;
+}
+
+void assignRouteNodes(ConfigModel& model) {
+    const bool present = findDriverMajor() >= 0;
+    for (unsigned i = 0; i < kMaxRoutes; ++i) {
+        model.routes[i].DrvIndex = present ? static_cast<uint8_t>(i) : kNoDriverNode;
+        if (present) applyForwardDefaults(model.routes[i], model);
+    }
 }
 
 int startGatewayDriver(ConfigModel& model) {

@@ -40,6 +40,13 @@ unsigned recountActiveRoutes(ConfigModel& model);
 // restarts the CAN-over-IP helper. 0, -1 when a route failed, -2 when the driver is missing.
 int startGatewayDriver(ConfigModel& model);
 
+// Gives every route its node and the driver's defaults as startGatewayDriver does, without
+// touching the driver (no node when the driver is missing).
+void assignRouteNodes(ConfigModel& model);
+
+// Names route `index` (0..7) in its image as every add does.
+void nameRoute(RouteRecord& route, unsigned index);
+
 // The Route group's apply handler: brings route `n` (1..8) of the driver in line with its
 // record; 0 only recounts.
 int applyRoute(unsigned n, ConfigModel& model, AnswerMessage& answer);

@@ -390,12 +390,22 @@ int setRoute(const RequestMessage& request, AnswerMessage& answer, ConfigModel& 
     if (!isRoute(request.f2)) return failUnknownSubidxI(request, answer);
     const unsigned index = request.f2 - 1u;
     model.stamps.routesChanged = 1;
-    // Any write switches the route on, even one that then fails: the web front end relies on
-    // it when it creates a route by naming it.
-    model.routes[index].RouteFlags |= kRouteActive;
-    if (request.f3 >= kWriteLimit || kRouteWriters[request.f3].write == nullptr)
-        return failUnknownSubidxII(request, answer);
-    const WriteRow& row = kRouteWriters[request.f3];
-    if (row.marks) model.changed.mark(flag::Route, request.f2);
-    return row.write(request.da, answer, model, index);
+    // Any write switches the route on: the web front end relies on it when it creates a route
+    // by naming it. The legacy profile does so even for a write that then fails, which an abort
+    // then pushes into the driver; the hardened one only for a write that is done.
+    uint32_t& flags = model.routes[index].RouteFlags;
+    const uint32_t wasActive = flags & kRouteActive;
+    flags |= kRouteActive;
+    int result = -1;
+    if (request.f3 >= kWriteLimit || kRouteWriters[request.f3].write == nullptr) {
+        result = failUnknownSubidxII(request, answer);
+    } else {
+        const WriteRow& row = kRouteWriters[request.f3];
+        if (row.marks) model.changed.mark(flag::Route, request.f2);
+        result = row.write(request.da, answer, model, index);
+    }
+    if constexpr (kHardened) {
+        if (result < 0 && wasActive == 0) flags &= ~kRouteActive;
+    }
+    return result;
 }

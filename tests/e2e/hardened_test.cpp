@@ -43,14 +43,17 @@ TEST(HardenedDaemon, RefusesShellSyntaxAndOpensItsIpcToTheFrontEndOnly) {
     EXPECT_TRUE(d.answers(text(SET_PARAM, 1, 0, 0, std::string(name) + '\0'),
                           text(NEG_ANSW, 1, 0, 0, rules::kHostNameText)));
     EXPECT_TRUE(d.sets(2, 1, 1, "1"));  // DHCP on: its client line carries the host name
+    // A new name: the abort then restarts canoipd, as it would any helper whose line changed.
+    EXPECT_TRUE(d.answers(text(SET_PARAM, 1, 0, 0, std::string("gw-7") + '\0'), ok(1, 0, 0)));
     EXPECT_TRUE(d.end());
-    EXPECT_TRUE(d.answers(text(ABORT_SESSION, 0, 0, 0), ok(0, 0, 0)));  // reloads: canoipd
+    EXPECT_TRUE(d.answers(text(ABORT_SESSION, 0, 0, 0), ok(0, 0, 0)));
     std::string log;
     EXPECT_TRUE(poll(
         [&] {
             return (log = readFile(logPath).substr(logged)).find("canoipd -P") != std::string::npos;
         },
-        kAnswerMs));
+        kAnswerMs))
+        << log;
     EXPECT_NE(log.find("udhcpc.sh restart"), std::string::npos) << log;
     EXPECT_EQ(log.find("gw$("), std::string::npos) << log;
 }

@@ -75,6 +75,10 @@ define('CFGD_TRIAL_SECONDS', max(Cfgd\Trial::SHORTEST,
 const CFGD_TIMEOUT = 5;               // seconds to wait for cfgd's answers
 const UPLOAD_LIMIT = 64 * 1024;       // bytes of an uploaded configuration text
 
+// What a refused form leaves: cfgd aborts the session and stores nothing; a hardened cfgd also
+// goes back to its file, a legacy one may keep routes and filters of the session in use.
+const LEGACY_ABORT_NOTE = 'On a device whose cfgd has the legacy profile, routes and filters it set may stay in use until cfgd restarts.';
+
 // Every text the pages share.
 const TEXT = [
     'save_trial' => 'Save & apply',
@@ -84,7 +88,7 @@ const TEXT = [
     'unchanged' => 'Nothing changed: the form holds the device\'s values.',
     'applied' => 'Applied and stored on the device.',
     'trial_started' => 'Applied as a trial: confirm it below, or it is rolled back when the time is up.',
-    'refused' => 'The device refused a value (see the marked field); nothing of this form was applied.',
+    'refused' => 'The device refused a value (see the marked field); nothing of this form was stored. ' . LEGACY_ABORT_NOTE,
     'csrf' => 'This form has expired or did not come from this page: nothing was changed. Reload the page and try again.',
     'not_running' => 'The configuration daemon (cfgd) is not running, so nothing can be read or changed. Restart the device or start cfgd, then reload this page.',
     'busy' => 'Another client is changing the configuration right now. Wait a moment, then reload this page or send the form again.',

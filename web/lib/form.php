@@ -152,7 +152,7 @@ final class Form
                 try {
                     $session->write($name, $value);
                 } catch (Cfgd\Refused $e) {
-                    $session->abort();  // nothing of the form takes effect
+                    $session->abort();  // nothing of the form is stored (LEGACY_ABORT_NOTE)
                     return $this->refused($e);
                 }
             }

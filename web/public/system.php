@@ -70,7 +70,7 @@ function apply_upload(string $mode): ?string
         $refused = is_array($refusal) && is_array($refusal['param'] ?? null)
             ? ': line ' . ($refusal['line'] ?? '?') . ", {$refusal['param']['as_written']} = {$refusal['value']}: {$refusal['text']}"
             : (is_array($refusal) ? ": {$refusal['text']}" : '.');
-        banner('error', "The device refused a line of $name, so nothing of it was applied$refused");
+        banner('error', "The device refused a line of $name, so nothing of it was stored$refused " . LEGACY_ABORT_NOTE);
     } elseif ($status === Cfgd\Trial::EXIT_NOT_REACHABLE || $status === Cfgd\Trial::EXIT_NO_ANSWER) {
         banner('error', TEXT['not_running']);
     } else {
@@ -122,7 +122,7 @@ if (layout_start($page, 'System', $v !== null)) {
 <div class="field"><label for="config">Upload and apply</label>
   <div class="control"><input type="file" id="config" name="config" accept=".dump,.txt,text/plain">
     <small class="help">A text of at most <?= UPLOAD_LIMIT / 1024 ?> KiB in the download's form (or a part of
-      it). Only the values that differ are written; if the device refuses one line, nothing is applied.</small></div></div>
+      it). Only the values that differ are written; if the device refuses one line, nothing is stored. <?= LEGACY_ABORT_NOTE ?></small></div></div>
 <div class="buttons">
   <button type="submit" id="btn-upload-trial" name="mode" value="trial" class="primary"><?= h(TEXT['save_trial']) ?></button>
   <button type="submit" id="btn-upload-now" name="mode" value="now"><?= h(TEXT['save_now']) ?></button>
