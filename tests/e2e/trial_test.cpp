@@ -193,14 +193,11 @@ bool did(const char* name, const std::function<bool()>& act) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// A process of the user `name` that must survive.
-pid_t victim(const char* name) {
+// A process of the user `name` that must survive, and whether it (our child) runs still.
+const auto victim = [](const char* name) {
     return asUser(name, [] { return execl("/bin/sleep", "sleep", "600", nullptr) == 0; });
-}
-
-bool running(pid_t pid) {
-    return waitpid(pid, nullptr, WNOHANG) == 0;  // our child, not yet ended
-}
+};
+const auto running = [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; };
 
 // The start time that /proc/PID/stat gives as its 22nd field.
 std::string startTicks(pid_t pid) {

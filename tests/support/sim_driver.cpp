@@ -78,25 +78,21 @@ int SimDriver::controlRequest(unsigned long request, void* argument) {
 
 int SimDriver::routeRequest(int node, unsigned long request, void* argument) {
     RouteNode& slot = routeNodes_[node];
-    switch (request) {
-        case gw::kSetFilters:
-        case gw::kSetJoinedFilters: {
-            uint32_t count;
-            std::memcpy(&count, argument, sizeof count);
-            if (count > kMaxFilterPairs) return failWith(EINVAL);
-            slot.filters.resize(count);
-            std::memcpy(slot.filters.data(), static_cast<const uint8_t*>(argument) + sizeof count,
-                        count * sizeof(gw::MaskEntry));
-            slot.filterRequest = request;
-            return 0;
-        }
-        case gw::kAddRoute:
-            if (slot.route) return failWith(EEXIST);
-            slot.route.emplace();
-            std::memcpy(&*slot.route, argument, sizeof(DriverRoute));
-            return 0;
-        default:
-            break;
+    if (request == gw::kSetFilters || request == gw::kSetJoinedFilters) {
+        uint32_t count;
+        std::memcpy(&count, argument, sizeof count);
+        if (count > kMaxFilterPairs) return failWith(EINVAL);
+        slot.filters.resize(count);
+        std::memcpy(slot.filters.data(), static_cast<const uint8_t*>(argument) + sizeof count,
+                    count * sizeof(gw::MaskEntry));
+        slot.filterRequest = request;
+        return 0;
+    }
+    if (request == gw::kAddRoute) {
+        if (slot.route) return failWith(EEXIST);
+        slot.route.emplace();
+        std::memcpy(&*slot.route, argument, sizeof(DriverRoute));
+        return 0;
     }
     // Every other request concerns the route the node holds.
     if (!slot.route) return failWith(ENODATA);
