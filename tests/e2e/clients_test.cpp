@@ -76,18 +76,18 @@ TEST(Clients, DumpOfAFullDeviceAppliedToADefaultOneGivesItsValues) {
     std::ofstream(badFile) << "general.description = changed\n"
                               "can0.bitrate = 4999\n"
                               "gui.show_device = 0\n";
-    const Outcome bad = cfgctl(fresh, {"apply", badFile});
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_TRUE(bad.output.starts_with("cfgctl: " + badFile + ":2: can0.bitrate = 4999: "))
-        << bad.output;
-    const Outcome trial = cfgctl(fresh, {"apply", "--trial", "5", badFile});
-    EXPECT_EQ(trial.status, 1);
-    EXPECT_TRUE(trial.output.starts_with("cfgctl: " + badFile + ":2: can0.bitrate = 4999: "))
-        << trial.output;
-    const Outcome numbers = cfgctl(fresh, {"set", "4", "1", "2", "4999"});  // as written
-    EXPECT_TRUE(numbers.output.starts_with("cfgctl: set 4 1 2: baud rate")) << numbers.output;
-    EXPECT_TRUE(cfgctl(fresh, {"set", "can0.bitrate", "4999"})
-                    .output.starts_with("cfgctl: set can0.bitrate: baud rate"));
+    const std::string line2 = "cfgctl: " + badFile + ":2: can0.bitrate = 4999: ";
+    // arguments, the output's beginning; a set names the parameter as written
+    const std::pair<std::vector<std::string>, std::string> refusals[] = {
+        {{"apply", badFile}, line2},
+        {{"apply", "--trial", "5", badFile}, line2},
+        {{"set", "4", "1", "2", "4999"}, "cfgctl: set 4 1 2: baud rate"},
+        {{"set", "can0.bitrate", "4999"}, "cfgctl: set can0.bitrate: baud rate"}};
+    for (const auto& [arguments, output] : refusals) {
+        const Outcome refused = cfgctl(fresh, arguments);
+        EXPECT_EQ(refused.status, 1) << output;
+        EXPECT_TRUE(refused.output.starts_with(output)) << refused.output;
+    }
     std::map<std::string, std::string> unchanged = lines(cfgctl(fresh, {"dump"}).output);
     for (const char* name : {"general.description", "can0.bitrate", "gui.show_device"})
         EXPECT_EQ(unchanged[name], after[name]);

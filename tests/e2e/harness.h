@@ -50,10 +50,7 @@ inline std::string sandbox(const char* name) {
 
 // The whole content of a file; empty when it cannot be read.
 inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
+    return (std::ostringstream() << std::ifstream(path, std::ios::binary).rdbuf()).str();
 }
 
 // A started program; its standard output and error go to one file of its own (or its standard

@@ -25,12 +25,10 @@ std::string file() {
 }
 
 const std::string readDescription = text(READ_PARAM, kGeneral, kDescription, 0);
-std::string description(const std::string& value) {
-    return ok(kGeneral, kDescription, 0, value);
-}
-std::string setDescription(const std::string& value) {
+const auto description = [](const std::string& v) { return ok(kGeneral, kDescription, 0, v); };
+const auto setDescription = [](const std::string& value) {
     return text(SET_PARAM, kGeneral, kDescription, 0, value + '\0');
-}
+};
 
 msqid_ds queueState(const Daemon& d) {
     msqid_ds state{};

@@ -18,15 +18,6 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
-int failWith(int error) {
-    errno = error;
-    return -1;
-}
-
-}  // namespace
-
 FakeSystem::FakeSystem() {
     // Under TMPDIR when it is set: the fuzz targets write their files thousands of times a
     // second, which a memory file system takes without waiting for a disk.
@@ -50,9 +41,8 @@ void FakeSystem::writeFile(const char* devicePath, std::string_view content) con
 }
 
 std::string FakeSystem::readFile(const char* devicePath) const {
-    std::ostringstream content;
-    content << std::ifstream(pathOf(devicePath), std::ios::binary).rdbuf();
-    return content.str();
+    return (std::ostringstream() << std::ifstream(pathOf(devicePath), std::ios::binary).rdbuf())
+        .str();
 }
 
 int FakeSystem::runCommand(const char* command) {

@@ -22,18 +22,13 @@ int nodeOf(const std::string& path) {
 // refuses a list it cannot copy.
 constexpr uint32_t kMaxFilterPairs = 32 * 60;
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 }  // namespace
 
 int SimDriver::open(const std::string& path) {
     opened.push_back(path);
-    if (auto it = openErrors_.find(path); it != openErrors_.end()) return fail(it->second);
+    if (auto it = openErrors_.find(path); it != openErrors_.end()) return failWith(it->second);
     const int node = nodeOf(path);
-    if (node == -2) return fail(ENOENT);
+    if (node == -2) return failWith(ENOENT);
     const int fd = nextDescriptor_++;
     descriptors_[fd] = node;
     return fd;
@@ -42,18 +37,18 @@ int SimDriver::open(const std::string& path) {
 int SimDriver::close(int fd) {
     if (descriptors_.erase(fd) == 0) {
         ++badCloses;
-        return fail(EBADF);
+        return failWith(EBADF);
     }
     return 0;
 }
 
 int SimDriver::ioctl(int fd, unsigned long request, void* argument) {
     auto it = descriptors_.find(fd);
-    if (it == descriptors_.end()) return fail(EBADF);
+    if (it == descriptors_.end()) return failWith(EBADF);
     const int node = it->second;
     requests.push_back({node, request});
     if (auto failure = requestErrors_.find(request); failure != requestErrors_.end())
-        return fail(failure->second);
+        return failWith(failure->second);
     return node == kControl ? controlRequest(request, argument)
                             : routeRequest(node, request, argument);
 }
@@ -74,37 +69,33 @@ int SimDriver::controlRequest(unsigned long request, void* argument) {
         auto* info = static_cast<gw::CanLinkInfo*>(argument);
         auto known =
             linkInfo_.find(std::string(info->name, strnlen(info->name, sizeof info->name)));
-        if (known == linkInfo_.end()) return fail(ENODEV);
+        if (known == linkInfo_.end()) return failWith(ENODEV);
         *info = known->second;
         return 0;
     }
-    return fail(ENOTTY);
+    return failWith(ENOTTY);
 }
 
 int SimDriver::routeRequest(int node, unsigned long request, void* argument) {
     RouteNode& slot = routeNodes_[node];
-    switch (request) {
-        case gw::kSetFilters:
-        case gw::kSetJoinedFilters: {
-            uint32_t count;
-            std::memcpy(&count, argument, sizeof count);
-            if (count > kMaxFilterPairs) return fail(EINVAL);
-            slot.filters.resize(count);
-            std::memcpy(slot.filters.data(), static_cast<const uint8_t*>(argument) + sizeof count,
-                        count * sizeof(gw::MaskEntry));
-            slot.filterRequest = request;
-            return 0;
-        }
-        case gw::kAddRoute:
-            if (slot.route) return fail(EEXIST);
-            slot.route.emplace();
-            std::memcpy(&*slot.route, argument, sizeof(DriverRoute));
-            return 0;
-        default:
-            break;
+    if (request == gw::kSetFilters || request == gw::kSetJoinedFilters) {
+        uint32_t count;
+        std::memcpy(&count, argument, sizeof count);
+        if (count > kMaxFilterPairs) return failWith(EINVAL);
+        slot.filters.resize(count);
+        std::memcpy(slot.filters.data(), static_cast<const uint8_t*>(argument) + sizeof count,
+                    count * sizeof(gw::MaskEntry));
+        slot.filterRequest = request;
+        return 0;
+    }
+    if (request == gw::kAddRoute) {
+        if (slot.route) return failWith(EEXIST);
+        slot.route.emplace();
+        std::memcpy(&*slot.route, argument, sizeof(DriverRoute));
+        return 0;
     }
     // Every other request concerns the route the node holds.
-    if (!slot.route) return fail(ENODATA);
+    if (!slot.route) return failWith(ENODATA);
     DriverRoute& route = *slot.route;
     switch (request) {
         case gw::kDeleteRoute:
@@ -132,6 +123,6 @@ int SimDriver::routeRequest(int node, unsigned long request, void* argument) {
             std::memset(route.fppStats, 0, sizeof route.fppStats);
             return 0;
         default:
-            return fail(ENOTTY);
+            return failWith(ENOTTY);
     }
 }

@@ -3,6 +3,7 @@
 // state that a test sets, keeps what the daemon hands it, and fails requests on demand.
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -12,6 +13,12 @@
 
 #include "routing/route_record.h"
 #include "sys/gateway_driver.h"
+
+// A failed call's result, with errno set as the kernel sets it.
+inline int failWith(int error) {
+    errno = error;
+    return -1;
+}
 
 // Filter pairs compare and print by value in test expectations.
 namespace gw {

@@ -34,36 +34,30 @@ TEST_F(FilterTerm, TermsParseAndPrintBack) {
 // matches them.
 TEST_F(FilterTerm, RangesBecomeAlignedBlocks) {
     using Pairs = std::vector<gw::MaskEntry>;
+    constexpr int all = kMaxRangeEntries;
+    constexpr uint32_t kExt = 0x80000000;  // the extended frame bit
+    const Pairs from3{{3, 0x800007FF}, {4, 0x800007FC}, {8, 0x800007F8}, {16, 0x800007FE}};
     // kind, bounds, entry limit, pairs
     const std::tuple<uint32_t, uint32_t, uint32_t, int, Pairs> cases[] = {
-        {kRange11,
-         3,
-         17,
-         kMaxRangeEntries,
-         {{3, 0x800007FF}, {4, 0x800007FC}, {8, 0x800007F8}, {16, 0x800007FE}}},
-        {kRange11, 3, 17, 2, {{3, 0x800007FF}, {4, 0x800007FC}}},
+        {kRange11, 3, 17, all, from3},
+        {kRange11, 3, 17, 2, {from3[0], from3[1]}},
         // From 0 the first block is the one below hi's highest bit, even where a larger fits.
-        {kRange11, 0, 7, kMaxRangeEntries, {{0, 0x800007FC}, {4, 0x800007FC}}},
-        {kRange11, 0, 6, kMaxRangeEntries, {{0, 0x800007FC}, {4, 0x800007FE}, {6, 0x800007FF}}},
-        {kRange29,
-         0x80000003,
-         0x80000005,
-         kMaxRangeEntries,
-         {{0x80000003, 0x1FFFFFFF}, {0x80000004, 0x1FFFFFFE}}},
+        {kRange11, 0, 7, all, {{0, 0x800007FC}, {4, 0x800007FC}}},
+        {kRange11, 0, 6, all, {{0, 0x800007FC}, {4, 0x800007FE}, {6, 0x800007FF}}},
+        {kRange29, kExt | 3, kExt | 5, all, {{kExt | 3, 0x1FFFFFFF}, {kExt | 4, 0x1FFFFFFE}}},
+        {kRange29, 0x80000200, 0x80000100, all, {}},  // reversed bounds give nothing
     };
     for (const auto& [kind, from, to, limit, expected] : cases) {
         const Filter filter{0, kind, 1, {}, {}, from, to};
-        Pairs pairs(kMaxRangeEntries);
+        Pairs pairs(all);
         pairs.resize(static_cast<std::size_t>(conv_range2masks(&filter, pairs.data(), limit)));
         EXPECT_EQ(pairs, expected) << from << "-" << to << " at most " << limit;
     }
-    // Bounds that are equal write one entry and count none; reversed bounds give nothing.
+    // Bounds that are equal write one entry and count none.
     gw::MaskEntry pair{};
-    const Filter equal{0, kRange11, 1, {}, {}, 0x100, 0x100},
-        reversed{0, kRange29, 1, {}, {}, 0x80000200, 0x80000100};
-    EXPECT_EQ(conv_range2masks(&equal, &pair, kMaxRangeEntries), 0);
+    const Filter equal{0, kRange11, 1, {}, {}, 0x100, 0x100};
+    EXPECT_EQ(conv_range2masks(&equal, &pair, all), 0);
     EXPECT_EQ(std::pair(pair.id, pair.mask), std::pair(0x100u, 0x800007FFu));
-    EXPECT_EQ(conv_range2masks(&reversed, &pair, kMaxRangeEntries), 0);
 }
 
 }  // namespace

@@ -34,14 +34,6 @@ std::string section(const std::string& name, const std::string& keys) {
     }
     return text + "\n";
 }
-in_addr v4(const char* text) {
-    return in_addr{inet_addr(text)};
-}
-in6_addr v6(const char* text) {
-    in6_addr address{};
-    inet_pton(AF_INET6, text, &address);
-    return address;
-}
 
 class Store : public SeamTest {
   protected:
@@ -111,6 +103,8 @@ TEST_F(Store, WritesHeaderSectionsAndKeysInTheLibrarysForm) {
 // Every written key of every group reads back as it was stored: a second store of the reloaded
 // model writes the same file.
 TEST_F(Store, EveryGroupReadsBackAsItWasStored) {
+    const auto v4 = [](const char* text) { return in_addr{inet_addr(text)}; };
+    const auto v6 = [](const char* t, in6_addr a = {}) { return inet_pton(AF_INET6, t, &a), a; };
     fake.writeFile(kDefaultConfigPath, configHeader("1.3.1"));
     copyText(m().general.Description, "lab bench");
     copyText(m().general.hostName, "gw-9");

@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
-"""Browser tests of the web front end (web/public) against the real daemon, inside the sandbox:
-
-    sandbox/sandbox.sh test python3 tests/web/web_test.py CFGD CFGCTL
-
-Starts daemon A on the sample configuration and daemon B on the defaults, each behind lighttpd
-and php-cgi as on the device (sandbox/web-server.sh); A is served twice, with trials of 60 s
-and of 5 s, the first on every address of the sandbox's own network (the LAN test reaches it at
-eth0's new address) and with cfgctl's messages reworded (tests/support/reworded-cfgctl). Headless Chromium logs in with an Authorization header. Screenshots go to
-$CFGD_BUILD_DIR/web-screenshots/."""
+# Browser tests of the web front end (web/public) against the real daemon, inside the sandbox:
+#
+#     sandbox/sandbox.sh test python3 tests/web/web_test.py CFGD CFGCTL
+#
+# Starts daemon A on the sample configuration and daemon B on the defaults, each behind lighttpd
+# and php-cgi as on the device (sandbox/web-server.sh); A is served twice, with trials of 60 s
+# and of 5 s, the first on every address of the sandbox's own network (the LAN test reaches it at
+# eth0's new address) and with cfgctl's messages reworded (tests/support/reworded-cfgctl).
+# Headless Chromium logs in with an Authorization header. Screenshots go to
+# $CFGD_BUILD_DIR/web-screenshots/.
 import base64, os, re, subprocess, sys, tempfile, time, urllib.error, urllib.parse, urllib.request
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -63,8 +64,8 @@ def start_server(port, lock, trial_seconds, bind="127.0.0.1", cfgctl=None):
     return run(SERVER, "start", str(port), lock, "/tmp/web.htpasswd", env=env).strip()
 
 
+# The status and body of a request (urllib: the browser never shows a 401).
 def http(url, data=None, auth=True):
-    """The status and body of a request (urllib: the browser never shows a 401)."""
     request = urllib.request.Request(url, data, {"Authorization": AUTH} if auth else {})
     try:
         with urllib.request.urlopen(request, timeout=30) as answer:
@@ -90,17 +91,17 @@ def by_id(element_id):
     return DRIVER.find_element(By.ID, element_id)
 
 
+# Types a value into a settings field; the browser's own checks are off (cfgd's count).
 def set_field(name, value):
-    """Types a value into a settings field; the browser's own checks are off (cfgd's count)."""
     field = by_id("f-" + name.replace(".", "-"))
     DRIVER.execute_script("arguments[0].form.noValidate = true", field)
     field.clear()
     field.send_keys(value)
 
 
+# Whether the browser has left the page of `element`: Chromium answers for a node of a
+# document it has replaced either that it is stale or that it belongs to no document.
 def left(element):
-    """Whether the browser has left the page of `element`: Chromium answers for a node of a
-    document it has replaced either that it is stale or that it belongs to no document."""
     try:
         element.is_enabled()
         return False
@@ -108,20 +109,34 @@ def left(element):
         return True
 
 
+# Clicks a submit button and waits for the page it leads to.
 def press(button_id):
-    """Clicks a submit button and waits for the page it leads to."""
     old = DRIVER.find_element(By.TAG_NAME, "html")
     by_id(button_id).click()
     WebDriverWait(DRIVER, 60).until(lambda _: left(old))
     WebDriverWait(DRIVER, 60).until(lambda d: d.execute_script("return document.readyState") == "complete")
 
 
+# Opens a settings page, types one value and presses a button.
+def submit(page, name, value, button, port=SLOW):
+    DRIVER.get(f"http://127.0.0.1:{port}/{page}")
+    set_field(name, value)
+    press(button)
+
+
+# A bit rate for can0 that cfgd refuses, sent with `button`: the field shows cfgd's text.
+def refuse_can0_bitrate(button):
+    submit("can.php", "can0.bitrate", "4999", button)
+    error = by_id("err-can0-bitrate").text
+    check("baud rate not changed" in error, f"the field's error: {error!r}")
+
+
 def log_lines():
     return open(os.environ["CFGD_SANDBOX_LOG"]).read().splitlines()
 
 
+# A dump's lines by name; the comment of a refused read under its name too.
 def dump(lock):
-    """A dump's lines by name; the comment of a refused read under its name too."""
     return {re.match(r"(?:# )?(\S+)", l).group(1): l for l in cfgctl(lock, "dump").splitlines()}
 
 
@@ -151,11 +166,7 @@ def test_pages_need_the_login_and_show():
 
 def test_refused_value_shows_the_daemons_text_and_changes_nothing():
     before = dump(A)
-    DRIVER.get(f"http://127.0.0.1:{SLOW}/can.php")
-    set_field("can0.bitrate", "4999")
-    press("btn-now")
-    error = by_id("err-can0-bitrate").text
-    check("baud rate not changed" in error, f"the field's error: {error!r}")
+    refuse_can0_bitrate("btn-now")
     check(dump(A) == before, "the dump changed")
 
 
@@ -167,11 +178,9 @@ def test_post_without_csrf_token_is_refused():
     check(dump(A) == before, "the dump changed")
 
 
+# Sends can1's bit rate as a trial; returns the time the page came back.
 def try_can1_bitrate(port, rate):
-    """Sends can1's bit rate as a trial; returns the time the page came back."""
-    DRIVER.get(f"http://127.0.0.1:{port}/can.php")
-    set_field("can1.bitrate", rate)
-    press("btn-trial")
+    submit("can.php", "can1.bitrate", rate, "btn-trial", port)
     returned = time.monotonic()
     check(cfgctl(A, "get", "can1.bitrate").strip() == rate, "the trial's rate is not running")
     check(any(re.match(f"ip link set can1 type can bitrate {rate} ", l) for l in log_lines()),
@@ -180,21 +189,15 @@ def try_can1_bitrate(port, rate):
 
 
 def test_pending_trial_and_refusals_show_with_reworded_messages():
-    """SLOW's pages run cfgctl with every message reworded (REWORDED): they read none."""
+    # SLOW's pages run cfgctl with every message reworded (REWORDED): they read none.
     try_can1_bitrate(SLOW, "250000")
     check("can1.bitrate" in by_id("trial-changes").text, by_id("trial-changes").text)
-    DRIVER.get(f"http://127.0.0.1:{SLOW}/can.php")
-    set_field("can0.bitrate", "125000")
-    press("btn-trial")
+    submit("can.php", "can0.bitrate", "125000", "btn-trial")
     warnings = " ".join(b.text for b in DRIVER.find_elements(By.CSS_SELECTOR, ".banner-warn"))
     check("A trial is pending" in warnings, f"banners: {warnings!r}")
     press("btn-rollback")
     check(not DRIVER.find_elements(By.ID, "trial"), "still shown as pending")
-    DRIVER.get(f"http://127.0.0.1:{SLOW}/can.php")
-    set_field("can0.bitrate", "4999")
-    press("btn-trial")
-    error = by_id("err-can0-bitrate").text
-    check("baud rate not changed" in error, f"the field's error: {error!r}")
+    refuse_can0_bitrate("btn-trial")
 
 
 def test_can_trial_kept():
@@ -216,9 +219,7 @@ def test_can_trial_not_kept_rolls_back_at_the_deadline():
 
 
 def test_lan_trial_kept_through_the_new_address():
-    DRIVER.get(f"http://127.0.0.1:{SLOW}/lan.php")
-    set_field("lan0.ipv4", NEW_ADDRESS)
-    press("btn-trial")
+    submit("lan.php", "lan0.ipv4", NEW_ADDRESS, "btn-trial")
     check(cfgctl(A, "get", "lan0.ipv4").strip() == NEW_ADDRESS, "eth0 has not got the address")
     link = by_id("trial-new-link").get_attribute("href")
     check(NEW_ADDRESS in link, f"the new address's link: {link}")

@@ -16,12 +16,6 @@ use Cfgd\UnknownName;
 const LOCK = '/tmp/php-test-lock';
 const CONFIG = '/mnt/user/php-test.ini';  // in /mnt/user, beside the backup the store makes
 
-// Each parameter a name or an address [f1, f2, f3].
-function readNow(string|array ...$params): array
-{
-    return readFrom(LOCK, ...$params);
-}
-
 $daemon = startDaemon($daemonPath, LOCK, ['-s', '61', '-q', '62', '-f', CONFIG],
     '/tmp/php-test-daemon.out');
 
@@ -32,7 +26,7 @@ $tests = [
         same('', $session->write('can1.bitrate', 250000), 'remark');
         $session->write(0, 4, 0, 'written from "PHP" = 1');
         $session->finish();
-        same(['250000', 'written from "PHP" = 1'], readNow([4, 2, 2], 'general.description'), 'read back');
+        same(['250000', 'written from "PHP" = 1'], readFrom(LOCK, [4, 2, 2], 'general.description'), 'read back');
         same(1, preg_match('/\[can_1\]\n(.+\n)*baudrate += 250000\n/', file_get_contents(CONFIG)), 'stored');
     },
     'a temporary write is applied but not stored' => function () {
@@ -41,11 +35,11 @@ $tests = [
         $session->start(1);
         $session->writeTemporary('can0.auto_resume', '1');
         $session->finish();
-        same(['1'], readNow('can0.auto_resume'), 'in force');
+        same(['1'], readFrom(LOCK, 'can0.auto_resume'), 'in force');
         same($stored, file_get_contents(CONFIG), 'the file');
     },
     'a refusal carries the daemon\'s text; abort, or dropping the session, drops the writes' => function () {
-        [$description] = readNow('general.description');
+        [$description] = readFrom(LOCK, 'general.description');
         $session = new Session(LOCK);
         $session->start(2);
         $session->write('general.description', 'dropped');
@@ -53,11 +47,11 @@ $tests = [
         same('baud rate not changed! min. baud rate is 1000000!', $e->getMessage(), 'text');
         same([4, 1, 2], $e->address, 'address');
         $session->abort();
-        same([$description, '500000'], readNow('general.description', 'can0.bitrate'), 'after the abort');
+        same([$description, '500000'], readFrom(LOCK, 'general.description', 'can0.bitrate'), 'after the abort');
         $session->start(1);
         $session->write('general.description', 'never finished');
         unset($session);
-        same([$description], readNow('general.description'), 'after the drop');
+        same([$description], readFrom(LOCK, 'general.description'), 'after the drop');
     },
     'names are checked before anything is sent' => function () {
         $session = new Session(LOCK);
