@@ -17,6 +17,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -165,8 +166,8 @@ inline int runStub(const std::string& name, const std::vector<std::string>& argu
     return stub.wait(kAnswerMs);
 }
 
-// A daemon with keys, lock file and configuration file of its own: by default a fresh path
-// with no file there (so the defaults); freshFile(content) writes one, or a daemon's before.
+// A daemon with keys, lock file and configuration file of its own, up when constructed: by
+// default on a fresh path with no file there (so the defaults); freshFile(content) writes one.
 struct Daemon {
     Daemon(int semaphoreKey, int queueKey, const std::string& configuration = freshFile(""),
            const char* program = CFGD_E2E_DAEMON, int output = -1)
@@ -177,14 +178,11 @@ struct Daemon {
           process(program,
                   {"-s", std::to_string(semaphoreKey), "-q", std::to_string(key), "-l", lock, "-f",
                    file},
-                  output) {}
-
-    // The lock file's line once the daemon is up; empty when it did not come up in time.
-    std::string up() {
-        std::string line;
-        (void)poll([&] { return (line = readFile(lock)).ends_with('\n'); }, kStartMs);
+                  output) {
+        // Up once its lock file's line is written; a test goes on, and fails, without it.
+        if (!poll([&] { return (line = readFile(lock)).ends_with('\n'); }, kStartMs))
+            ADD_FAILURE() << "the daemon did not come up: " << process.output();
         queue = msgget(key, 0);  // made before the lock file is written
-        return line;
     }
     // The answer to `request` in the current session is `expected`.
     ::testing::AssertionResult answers(const std::string& request, const std::string& expected) {
@@ -229,6 +227,7 @@ struct Daemon {
     const int staleLock;  // the file a killed daemon of the same key left, removed before start
     const std::string file;
     Process process;
+    std::string line;  // the lock file's
     int queue = -1;
     long session = 1;
 };
@@ -244,6 +243,26 @@ inline Outcome cfgctl(const Daemon& d, std::vector<std::string> arguments) {
     Process client(CFGD_E2E_CLIENT, arguments);
     const int status = client.wait(kStartMs);
     return {status, client.output()};
+}
+
+// A dump's lines by name: "name = value", or the comment of a refused read.
+inline std::map<std::string, std::string> lines(const std::string& dump) {
+    std::map<std::string, std::string> byName;
+    std::istringstream in(dump);
+    for (std::string line; std::getline(in, line);) {
+        const std::size_t from = line.starts_with("# ") ? 2 : 0;
+        byName[line.substr(from, line.find(from ? " refused" : " = ") - from)] = line;
+    }
+    return byName;
+}
+
+// The names that a dump shows, by access: "rw", "r", "live" (write-only ones are not read).
+inline std::map<std::string, std::string> accessByName(const Daemon& d) {
+    std::map<std::string, std::string> access;
+    std::istringstream in(cfgctl(d, {"names"}).output);
+    for (std::string name, f1, f2, f3, word; in >> name >> f1 >> f2 >> f3 >> word;)
+        if (word != "w") access[name] = word;
+    return access;
 }
 
 }  // namespace e2e

@@ -17,7 +17,6 @@ TEST(Log, EveryLineIsWrittenAtOnceAndSurvivesEachTerminatingSignal) {
     for (const int signal : {SIGTERM, SIGHUP, SIGINT}) {
         SCOPED_TRACE(strsignal(signal));
         Daemon d(91, 92);
-        ASSERT_NE(d.up(), "") << d.process.output();
         std::string expected = d.process.output();  // whatever the start-up wrote
         // The WLAN group logs each write, refused ones too, and its apply.
         ASSERT_TRUE(d.start(91, 0, 2));
@@ -43,7 +42,6 @@ TEST(Log, AFullPipeThatNobodyReadsDoesNotHoldOffTermination) {
     int pipeEnds[2];
     ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
     Daemon d(93, 94, Daemon::freshFile(""), CFGD_E2E_DAEMON, pipeEnds[1]);
-    ASSERT_NE(d.up(), "") << d.process.output();
     ASSERT_EQ(fcntl(pipeEnds[1], F_SETFL, O_NONBLOCK), 0);  // the daemon idles in msgrcv
     for (const std::string page(4096, '-'); write(pipeEnds[1], page.data(), page.size()) > 0;) {
     }

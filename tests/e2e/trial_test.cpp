@@ -30,7 +30,6 @@ std::size_t logged(std::size_t first, const std::string& prefix) {
 // A daemon of its own on the defaults (can1 at 500000), with a trial of can1.bitrate 250000.
 struct TrialSetUp {
     explicit TrialSetUp(int key, int seconds = kTrialSeconds) : d(key, key + 1) {
-        EXPECT_NE(d.up(), "") << d.process.output();
         stored = readFile(d.file);
         first = commands().size();
         started = cfgctl(d, {"set", "--trial", std::to_string(seconds), "can1.bitrate", "250000"});
@@ -158,7 +157,6 @@ TEST(Trial, ARefusedOldValueIsReportedAndTheOthersRestored) {
 
 TEST(Trial, ADamagedRecordRefusesWritesUntilRemovedByForce) {
     Daemon d(107, 108);
-    ASSERT_NE(d.up(), "") << d.process.output();
     for (const std::string& damaged : {std::string("cfgd-trial 0\nend\n"),
                                        std::string("cfgd-trial 1\ndeadline 1\ndaemon 1\n")}) {
         const std::size_t first = commands().size();
@@ -222,7 +220,6 @@ struct Target {
 
 TEST(TrialAttack, PlantedDirectoriesAndLinksAreRefusedAndLeftAlone) {
     Daemon d(131, 132);
-    ASSERT_NE(d.up(), "") << d.process.output();
     const std::string dir = d.lock + ".trial";
     Target target;
     const pid_t other = victim("root");

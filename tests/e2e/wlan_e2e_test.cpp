@@ -15,7 +15,6 @@ TEST(WlanDaemon, ModeChangeToApRebootsAfterEachAnswer) {
     const std::string platformFile = "/mnt/user/platform.config", before = readFile(platformFile);
     ASSERT_NE(before.find("WLAN_MODE=WLAN\n"), std::string::npos) << "must start as a station";
     Daemon d(61, 62, Daemon::freshFile(""), CFGD_E2E_WLAN_DAEMON);
-    ASSERT_NE(d.up(), "") << d.process.output();
     const std::size_t logged = commands().size();
     // The log ends with the `count`th reboot (its five seconds spent in the stub).
     const auto rebooted = [&](long count) {
