@@ -11,9 +11,8 @@ namespace {
 TEST(Clients, DumpOfAFullDeviceAppliedToADefaultOneGivesItsValues) {
     Daemon full(31, 32, Daemon::fullFile());
     // Dumped before the second daemon starts: both set the one eth0 and host name there are.
-    const Outcome dump = cfgctl(full, {"dump"});
-    ASSERT_EQ(dump.status, 0) << dump.output;
-    std::map<std::string, std::string> before = lines(dump.output);
+    const std::string dump = ran(full, {"dump"});
+    std::map<std::string, std::string> before = lines(dump);
     const std::map<std::string, std::string> access = accessByName(full);
     ASSERT_GT(access.size(), 400u);
     EXPECT_EQ(before.size(), access.size());
@@ -21,16 +20,15 @@ TEST(Clients, DumpOfAFullDeviceAppliedToADefaultOneGivesItsValues) {
         EXPECT_TRUE(name.starts_with("wlan") || before[name].starts_with(name + " = ")) << name;
     EXPECT_EQ(before.at("route4.filters"), "route4.filters = 13,14,15,16");  // the file's
     const std::string dumpFile = "/tmp/e2e-full.dump";
-    std::ofstream(dumpFile) << dump.output;
+    std::ofstream(dumpFile) << dump;
 
     Daemon fresh(33, 34);
     EXPECT_EQ(lines(cfgctl(fresh, {"dump"}).output).at("filter5.term"),
               "# filter5.term refused: Can't find filter with index 5");
-    const Outcome applied = cfgctl(fresh, {"apply", dumpFile});
-    ASSERT_EQ(applied.status, 0) << applied.output;
+    const std::string applied = ran(fresh, {"apply", dumpFile});
     // Read-only lines are counted in the summary, and listed only with -v.
-    EXPECT_EQ(applied.output.find("read only: skipped"), std::string::npos) << applied.output;
-    EXPECT_TRUE(applied.output.ends_with(" read only\n")) << applied.output;
+    EXPECT_EQ(applied.find("read only: skipped"), std::string::npos) << applied;
+    EXPECT_TRUE(applied.ends_with(" read only\n")) << applied;
     EXPECT_NE(cfgctl(fresh, {"-v", "apply", dumpFile})
                   .output.find(dumpFile + ":1: general.sw_version is read only: skipped\n"),
               std::string::npos);

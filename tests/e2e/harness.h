@@ -244,6 +244,12 @@ inline Outcome cfgctl(const Daemon& d, std::vector<std::string> arguments) {
     const int status = client.wait(kStartMs);
     return {status, client.output()};
 }
+// cfgctl's output; a test failure when it does not exit with `status`.
+inline std::string ran(const Daemon& d, std::vector<std::string> arguments, int status = 0) {
+    const Outcome outcome = cfgctl(d, std::move(arguments));
+    EXPECT_EQ(outcome.status, status) << outcome.output;
+    return outcome.output;
+}
 
 // A dump's lines by name: "name = value", or the comment of a refused read.
 inline std::map<std::string, std::string> lines(const std::string& dump) {

@@ -32,8 +32,7 @@ struct TrialSetUp {
     explicit TrialSetUp(int key, int seconds = kTrialSeconds) : d(key, key + 1) {
         stored = readFile(d.file);
         first = commands().size();
-        started = cfgctl(d, {"set", "--trial", std::to_string(seconds), "can1.bitrate", "250000"});
-        EXPECT_EQ(started.status, 0) << started.output;
+        started = ran(d, {"set", "--trial", std::to_string(seconds), "can1.bitrate", "250000"});
         EXPECT_EQ(logged(first, kNewRate), 1u);
     }
     std::string trialFile() const { return d.lock + ".trial/record"; }
@@ -47,12 +46,12 @@ struct TrialSetUp {
     Daemon d;
     std::string stored;
     std::size_t first = 0;
-    Outcome started;
+    std::string started;  // cfgctl's output
 };
 
 TEST(Trial, RolledBackAtTheDeadlineWithoutTouchingTheFile) {
     TrialSetUp t(93);
-    EXPECT_NE(t.started.output.find("can1.bitrate: 500000 -> 250000"), std::string::npos);
+    EXPECT_NE(t.started.find("can1.bitrate: 500000 -> 250000"), std::string::npos);
     EXPECT_EQ(cfgctl(t.d, {"get", "can1.bitrate"}).output, "250000\n");  // reads go on
     EXPECT_TRUE(poll([&] { return !t.pending(); }, kDeadlineMs));
     EXPECT_EQ(logged(t.first, kOldRate), 1u);
@@ -63,8 +62,7 @@ TEST(Trial, RolledBackAtTheDeadlineWithoutTouchingTheFile) {
 
 TEST(Trial, ConfirmedStoresAndNothingRollsBackLater) {
     TrialSetUp t(95);
-    const Outcome confirmed = cfgctl(t.d, {"confirm"});
-    EXPECT_EQ(confirmed.status, 0) << confirmed.output;
+    ran(t.d, {"confirm"});
     EXPECT_NE(readFile(t.d.file).find("250000"), std::string::npos);
     std::this_thread::sleep_for(std::chrono::milliseconds(kDeadlineMs));
     EXPECT_EQ(logged(t.first, kOldRate), 0u);
@@ -191,11 +189,14 @@ bool did(const char* name, const std::function<bool()>& act) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// A process of the user `name` that must survive, and whether it (our child) runs still.
-const auto victim = [](const char* name) {
-    return asUser(name, [] { return execl("/bin/sleep", "sleep", "600", nullptr) == 0; });
+// A process of the user `name` that must survive (our child), ended at the scope's end.
+struct Victim {
+    explicit Victim(const char* name)
+        : pid(asUser(name, [] { return execl("/bin/sleep", "sleep", "600", nullptr) == 0; })) {}
+    ~Victim() { (void)kill(pid, SIGKILL), (void)waitpid(pid, nullptr, 0); }  // gone either way
+    bool running() const { return waitpid(pid, nullptr, WNOHANG) == 0; }
+    const pid_t pid;
 };
-const auto running = [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; };
 
 // The start time that /proc/PID/stat gives as its 22nd field.
 std::string startTicks(pid_t pid) {
@@ -222,9 +223,9 @@ TEST(TrialAttack, PlantedDirectoriesAndLinksAreRefusedAndLeftAlone) {
     Daemon d(131, 132);
     const std::string dir = d.lock + ".trial";
     Target target;
-    const pid_t other = victim("root");
+    const Victim other("root");
     const std::string record = "cfgd-trial 2\ndeadline 1\ndaemon 1\nguard " +
-                               std::to_string(other) + " " + startTicks(other) + "\nend\n";
+                               std::to_string(other.pid) + " " + startTicks(other.pid) + "\nend\n";
     // The links a local user plants in a directory of theirs: root must neither open, chmod,
     // truncate nor signal through them.
     const auto plantLinks = [&] {
@@ -265,10 +266,8 @@ TEST(TrialAttack, PlantedDirectoriesAndLinksAreRefusedAndLeftAlone) {
         const Outcome read = cfgctl(d, {"get", "can1.bitrate"});  // the rest goes on
         EXPECT_TRUE(read.status == 0 && read.output.ends_with("500000\n")) << read.output;
         EXPECT_TRUE(target.untouched());
-        EXPECT_TRUE(running(other));
+        EXPECT_TRUE(other.running());
     }
-    (void)kill(other, SIGKILL);
-    (void)waitpid(other, nullptr, 0);
 }
 
 TEST(TrialAttack, ARecordNamingAnotherProcessSignalsNobody) {
@@ -281,24 +280,21 @@ TEST(TrialAttack, ARecordNamingAnotherProcessSignalsNobody) {
         const std::string guardLine = "\nguard " + std::to_string(guard) + " ";
         const std::string guardTicks = startTicks(guard);
         ASSERT_TRUE(!reused || kill(guard, SIGKILL) == 0);
-        const pid_t other = victim(reused ? "nobody" : "root");
-        const std::string ticks = reused ? guardTicks : startTicks(other);
+        const Victim other(reused ? "nobody" : "root");
+        const std::string ticks = reused ? guardTicks : startTicks(other.pid);
         ASSERT_TRUE(did(CFGD_E2E_HARDENED_GROUP, [&] {
             std::string text = readFile(t.trialFile());
             const std::size_t at = text.find(guardLine);
             if (at == std::string::npos) return false;
             text.replace(at, text.find('\n', at + 1) - at,
-                         "\nguard " + std::to_string(other) + " " + ticks);
+                         "\nguard " + std::to_string(other.pid) + " " + ticks);
             return (std::ofstream(t.trialFile()) << text).good();
         }));
         EXPECT_TRUE(t.pending());  // the named process is no guard: a new one takes over
-        EXPECT_NE(t.guardPid(), other);
-        const Outcome rolledBack = cfgctl(t.d, {"rollback"});
-        EXPECT_EQ(rolledBack.status, 0) << rolledBack.output;
+        EXPECT_NE(t.guardPid(), other.pid);
+        ran(t.d, {"rollback"});
         EXPECT_EQ(logged(t.first, kOldRate), 1u);
-        EXPECT_TRUE(running(other));
-        (void)kill(other, SIGKILL);
-        (void)waitpid(other, nullptr, 0);
+        EXPECT_TRUE(other.running());
     }
 }
 
