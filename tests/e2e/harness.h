@@ -107,6 +107,11 @@ class Process {
     static inline int count_ = 0;
 };
 
+// The head of a configuration file as the daemon writes it.
+constexpr const char* kFileHead =
+    "#########################################\n# KIV configuration file\n"
+    "# Format version 1.3.1\n#########################################\n";
+
 // A message text: four elements, five with a value. Clients send a value with its terminator
 // (text(..., value + '\0')), so that no tail of a longer one before it stays behind; answers
 // carry it without.

@@ -18,10 +18,7 @@ constexpr long kFirst = 90, kClean = 91;            // answer addresses of the r
 const char* const kKept = "kept";                   // in each daemon's file
 // Each daemon's own file: a missing one would be restored from the backup of an earlier store.
 std::string file() {
-    return Daemon::freshFile(
-        "#########################################\n# KIV configuration file\n"
-        "# Format version 1.3.1\n#########################################\n"
-        "[general]\ndescription = kept\n");
+    return Daemon::freshFile(kFileHead + std::string("[general]\ndescription = kept\n"));
 }
 
 const std::string readDescription = text(READ_PARAM, kGeneral, kDescription, 0);

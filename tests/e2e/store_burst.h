@@ -28,11 +28,10 @@ inline Values valuesOf(long n) {
 
 // A configuration file as the daemon writes it, holding store 0 and a route no store touches.
 inline std::string firstFile() {
-    return "#########################################\n# KIV configuration file\n"
-           "# Format version 1.3.1\n#########################################\n"
+    return std::string(kFileHead) +
            "[general]\ndescription = store 0\n[can_0]\nbaudrate = 125000\n[fwd_gen]\ncount = 1\n"
            "[rt_0]\nrtinfo = " +
-           std::string(kRouteName) +
+           kRouteName +
            "\nactive = FALSE\ninterface1 = can0\ndestination2 = 198.51.100.40:5000\n"
            "[gui]\nshow_filter_info = 0\n";
 }

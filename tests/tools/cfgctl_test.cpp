@@ -87,20 +87,12 @@ TEST(CfgctlNames, SuggestCloseOnesForAnUnknownName) {
 }
 
 TEST(CfgctlApply, ReadsTheLinesAndWritesWhatDiffersWithWhatMustFollow) {
+    // Lines 1 to 13.
     const char* text =
-        "# a dump's refused read\n"
-        "general.description = A = B  \r\n"
-        "\n"
-        "route2.state = 0\n"
-        "route2.name = bench\n"
-        "can0.bit_timing = BRP 3\n"
-        "can0.bitrate = 250000\n"
-        "general.order_number = X\n"
-        "4 2 2 =\n"
-        "route2.fpp = 8\n"
-        "route2.filters = -1\n"
-        "  can0.listen_only=1\n"
-        "9 9 9 = raw\n";
+        "# a dump's refused read\ngeneral.description = A = B  \r\n\nroute2.state = 0\n"
+        "route2.name = bench\ncan0.bit_timing = BRP 3\ncan0.bitrate = 250000\n"
+        "general.order_number = X\n4 2 2 =\nroute2.fpp = 8\nroute2.filters = -1\n"
+        "  can0.listen_only=1\n9 9 9 = raw\n";
     cfgctl::ApplyFile file;
     char error[cfgctl::kErrorSize];
     ASSERT_TRUE(cfgctl::parseApplyText(text, file, error, sizeof error)) << error;
