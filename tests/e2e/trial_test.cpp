@@ -42,6 +42,16 @@ struct TrialSetUp {
         return at == std::string::npos ? -1 : std::atoi(record.c_str() + at + 7);
     }
     bool pending() { return cfgctl(d, {"trial"}).status == 0; }
+    // Kills the guard and waits until it has ended (unreaped, as its parent is gone, or reaped):
+    // SIGKILL is delivered asynchronously, and a guard still running is no reason for another.
+    bool killGuard() const {
+        const int pid = guardPid();
+        const auto ended = [&] {
+            const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+            return stat.empty() || stat.find(") Z ") != std::string::npos;
+        };
+        return pid > 0 && kill(pid, SIGKILL) == 0 && poll(ended, kAnswerMs);
+    }
 
     Daemon d;
     std::string stored;
@@ -101,12 +111,12 @@ TEST(Trial, OtherWritesAreRefusedUntilRolledBack) {
 TEST(Trial, AKilledGuardIsReplacedOrItsTrialRolledBackByTheNextCall) {
     TrialSetUp t(99);
     const int guard = t.guardPid();
-    ASSERT_EQ(kill(guard, SIGKILL), 0);
+    ASSERT_TRUE(t.killGuard());
     EXPECT_TRUE(t.pending());  // before the deadline: a new guard
     const int replacement = t.guardPid();
     EXPECT_NE(replacement, guard);
     EXPECT_EQ(kill(replacement, 0), 0);
-    ASSERT_EQ(kill(replacement, SIGKILL), 0);
+    ASSERT_TRUE(t.killGuard());
     std::this_thread::sleep_for(std::chrono::milliseconds(kDeadlineMs));
     EXPECT_EQ(logged(t.first, kOldRate), 0u) << "nobody rolled back";
     // After the deadline the next call rolls back first, then does its own work.
@@ -279,7 +289,7 @@ TEST(TrialAttack, ARecordNamingAnotherProcessSignalsNobody) {
         const int guard = t.guardPid();
         const std::string guardLine = "\nguard " + std::to_string(guard) + " ";
         const std::string guardTicks = startTicks(guard);
-        ASSERT_TRUE(!reused || kill(guard, SIGKILL) == 0);
+        ASSERT_TRUE(!reused || t.killGuard());
         const Victim other(reused ? "nobody" : "root");
         const std::string ticks = reused ? guardTicks : startTicks(other.pid);
         ASSERT_TRUE(did(CFGD_E2E_HARDENED_GROUP, [&] {
