@@ -11,9 +11,9 @@
 #                         namespace; 0.0.0.0 there also serves eth0's addresses, which nothing
 #                         outside the sandbox can reach)
 #   CFGD_WEB_UNIX_SOCKET  also listen on this UNIX socket (scripts/device.sh forwards to it)
-#   CFGD_WEB_ROOT         document root (default web/public of this repository)
+#   CFGD_WEB_ROOT         document root (default: a copy of web/public of this repository)
 #   CFGD_TRIAL_SECONDS    passed to the pages (default 90)
-#   CFGD_CFGCTL           passed to the pages (default: the cfgctl in PATH)
+#   CFGD_CFGCTL           copied for the pages (default: the cfgctl in PATH)
 # Each instance keeps its configuration, error log and FastCGI socket (run/, the server user's), PHP sessions and process id in
 # /tmp/cfgd-web-PORT.
 set -euo pipefail
@@ -55,10 +55,8 @@ cmd_start() {
     [[ $port =~ ^[0-9]+$ ]] && ((port > 0 && port < 65536)) || die "bad port '$port'"
     [ -r "$passwd" ] || die "no password file $passwd"
     local bind=${CFGD_WEB_BIND:-127.0.0.1} socket=${CFGD_WEB_UNIX_SOCKET:-}
-    local root=${CFGD_WEB_ROOT:-$REPO/web/public}
     local cfgctl=${CFGD_CFGCTL:-$(command -v cfgctl || true)}
     [ -n "$cfgctl" ] || die "no cfgctl in PATH (set CFGD_CFGCTL)"
-    [ -d "$root" ] || die "no document root $root"
     command -v lighttpd >/dev/null && [ -x /usr/bin/php-cgi ] ||
         die "lighttpd and php-cgi are missing (scripts/setup.sh installs them)"
     local dir=/tmp/cfgd-web-$port
@@ -69,6 +67,15 @@ cmd_start() {
     "$cfgctl" -l "$lock" trial --init >/dev/null || die "cannot make the trial directory"
     rm -rf "$dir"
     mkdir -m 0755 "$dir"
+    # What the server's user reads and runs is copied here: the checkout may lie below a
+    # directory that only root may enter (root's home, a mktemp -d), which www-data cannot pass.
+    mkdir -p "$dir/site/web" "$dir/site/clients" "$dir/bin"
+    cp -R "$REPO/web/public" "$REPO/web/lib" "$dir/site/web/"
+    cp -R "$REPO/clients/php" "$dir/site/clients/"
+    install -m 0755 "$cfgctl" "$dir/bin/cfgctl"
+    cfgctl=$dir/bin/cfgctl
+    local root=${CFGD_WEB_ROOT:-$dir/site/web/public}
+    [ -d "$root" ] || die "no document root $root"
     install -d -m 0700 -o www-data -g www-data "$dir/sessions" "$dir/upload" "$dir/run"
     # Read by the server's user at each login.
     install -m 0640 -o root -g www-data "$passwd" "$dir/htpasswd"

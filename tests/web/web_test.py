@@ -264,9 +264,12 @@ def main():
     run("sh", "-c", f"printf '%s\\n' '{PASSWORD}' | '{REPO}/web/cfgd-web-passwd' {USER} /tmp/web.htpasswd")
     run("cp", os.path.join(REPO, "sandbox", "device", "kiv_config.ini"), A_INI)
     start_daemon(A, 71, A_INI)
+    # Beside the copy the server makes of it: the checkout may be closed to the server's user.
+    run("install", "-D", "-m", "0755", f"{REPO}/tests/support/reworded-cfgctl", CFGCTL,
+        "-t", "/tmp/web-reworded")
     reworded = "/tmp/web-reworded-cfgctl"
     with open(reworded, "w") as launcher:
-        launcher.write(f"#!/bin/sh\nexec '{REPO}/tests/support/reworded-cfgctl' '{CFGCTL}' \"$@\"\n")
+        launcher.write("#!/bin/sh\nexec /tmp/web-reworded/reworded-cfgctl /tmp/web-reworded/cfgctl \"$@\"\n")
     os.chmod(reworded, 0o755)
     start_server(SLOW, A, 60, bind="0.0.0.0", cfgctl=reworded)
     start_server(FAST, A, 5)
