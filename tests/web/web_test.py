@@ -65,8 +65,8 @@ def start_server(port, lock, trial_seconds, bind="127.0.0.1", cfgctl=None):
 
 
 # The status and body of a request (urllib: the browser never shows a 401).
-def http(url, data=None, auth=True):
-    request = urllib.request.Request(url, data, {"Authorization": AUTH} if auth else {})
+def http(url, data=None, auth=True, headers={}):
+    request = urllib.request.Request(url, data, dict(headers, Authorization=AUTH) if auth else headers)
     try:
         with urllib.request.urlopen(request, timeout=30) as answer:
             return answer.status, answer.read().decode()
@@ -217,12 +217,32 @@ def test_lan_trial_kept_through_the_new_address():
     submit("lan.php", "lan0.ipv4", NEW_ADDRESS, "btn-trial")
     check(cfgctl(A, "get", "lan0.ipv4").strip() == NEW_ADDRESS, "eth0 has not got the address")
     link = by_id("trial-new-link").get_attribute("href")
-    check(NEW_ADDRESS in link, f"the new address's link: {link}")
-    DRIVER.get(f"http://{NEW_ADDRESS}:{SLOW}/trial.php")
+    check(link == f"http://{NEW_ADDRESS}:{SLOW}/lan.php", f"the new address's link: {link}")
+    check(not DRIVER.find_elements(By.ID, "btn-keep") and by_id("btn-rollback"), "Keep at the old address")
+    # The port the browser used (Host), not the server's: behind a forwarder they differ.
+    forwarded = http(f"http://127.0.0.1:{SLOW}/lan.php", headers={"Host": "127.0.0.1:9"})[1]
+    check(f'href="http://{NEW_ADDRESS}:9/lan.php"' in forwarded, "no link with the Host's port")
+    DRIVER.get(link)
     press("btn-keep")
     check(DRIVER.current_url.startswith(f"http://{NEW_ADDRESS}:"), DRIVER.current_url)
     check("trial pending" not in cfgctl(A, "trial", strict=False), "still pending")
     check(f"ipv4                           = {NEW_ADDRESS}" in open(A_INI).read(), "not stored")
+
+
+def test_gui_option_switches_a_page_off():
+    DRIVER.get(f"http://127.0.0.1:{SLOW}/system.php")
+    by_id("f-gui-show_can").click()
+    press("btn-now")
+    try:
+        check("CAN" not in by_id("nav").text.split("\n"), by_id("nav").text)
+        check(http(f"http://127.0.0.1:{SLOW}/can.php")[0] == 404, "can.php answers")
+        DRIVER.get(f"http://127.0.0.1:{SLOW}/can.php")
+        check("switched off" in by_id("switched-off").text and not DRIVER.find_elements(By.ID, "form-settings"),
+              "can.php is not switched off")
+    finally:
+        cfgctl(A, "set", "gui.show_can", "1")
+    DRIVER.get(f"http://127.0.0.1:{SLOW}/index.php")
+    check("CAN" in by_id("nav").text.split("\n"), by_id("nav").text)
 
 
 def test_download_uploaded_to_a_default_device_gives_its_values():

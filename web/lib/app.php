@@ -22,10 +22,12 @@
 //                   banner-warn | banner-error
 //   pending trial   section "trial" (on every page while one is pending): seconds left in
 //                   span "trial-countdown" (data-seconds), its changes in ul "trial-changes",
-//                   where the device will be in p "trial-new-address" (link "trial-new-link"),
-//                   form "form-trial" to trial.php with buttons "btn-keep" (action confirm,
-//                   "Keep these settings") and "btn-rollback" (action rollback, "Roll back now")
+//                   where the device will be in p "trial-new-address" (link "trial-new-link"
+//                   on a page not loaded there), form "form-trial" to trial.php with buttons
+//                   "btn-keep" (action confirm, "Keep these settings"; not on the old
+//                   address's page of a move) and "btn-rollback" (action rollback, "Roll back now")
 //   header          identity in p "identity", user in span "user", navigation nav "nav"
+//   switched off    a page a GUI option switched off: p "switched-off", status 404
 //   read-only values  index.php: tables "status-can" and "status-routes", td "state-canN",
 //                   dd "sw-version", "gateway-version", "lan-address", "lan-mac"; can.php:
 //                   span "state-canN", "sample-point-canN", "timing-canN" (register timing
@@ -97,6 +99,8 @@ const TEXT = [
     'fault' => 'Something went wrong on the device; the details are in the web server\'s error log. Reload the page to try again.',
     'no_data' => 'The device\'s values could not be read.',
     'dhcp_address' => 'the address the DHCP server gives it',
+    'switched_off' => 'The %s page is switched off. It can be switched on again on the System page, under "Pages the web front end shows".',
+    'switched_off_post' => 'The %s page is switched off: nothing was changed.',
 ];
 
 // The pages of the navigation, in order.
@@ -109,8 +113,18 @@ const PAGES = [
     'system.php' => 'System',
 ];
 
-// Read with every page, for the header.
+// The GUI option that switches a page of the navigation off. Status, System and the trial's
+// page have none: System is where the pages are switched on again.
+const PAGE_OPTIONS = [
+    'can.php' => 'gui.show_can',
+    'lan.php' => 'gui.show_lan',
+    'routes.php' => 'gui.show_routing',
+    'filters.php' => 'gui.show_filter',
+];
+
+// Read with every page, for the header and the navigation (gui.show_device: Status's Device card).
 const IDENTITY = ['general.order_number', 'general.serial_number', 'host.name'];
+const ALWAYS_READ = [...IDENTITY, ...PAGE_OPTIONS, 'gui.show_device'];
 
 function h(?string $text): string
 {
@@ -122,7 +136,7 @@ final class App
 {
     /** @var array<int, array{kind: string, text: string, link: ?array}> */
     public static array $banners = [];
-    /** @var array<string, ?string> */
+    /** @var array<string, ?string> the names of ALWAYS_READ, as read_page() found them */
     public static array $identity = [];
     public static string $token = '';
     /** @var array|null the pending trial, as layout_start() found it */
@@ -264,7 +278,7 @@ function read_page(array $names, ?callable $more = null): ?array
     $session = new_session();
     try {
         $session->start(0);
-        $values = read_names($session, [...IDENTITY, ...$names]);
+        $values = read_names($session, [...ALWAYS_READ, ...$names]);
         if ($more !== null) {
             $values += read_names($session, $more($values));
         }
@@ -273,8 +287,41 @@ function read_page(array $names, ?callable $more = null): ?array
         banner_for($e);
         return null;
     }
-    App::$identity = array_intersect_key($values, array_flip(IDENTITY));
+    App::$identity = array_intersect_key($values, array_flip(ALWAYS_READ));
     return $values;
+}
+
+function current_page(): string
+{
+    return basename($_SERVER['SCRIPT_NAME'] ?? '');
+}
+
+/**
+ * Whether a GUI option (gui.show_*) leaves its part shown: only a "0" read switches it off,
+ * so that a page whose values could not be read still says why.
+ */
+function gui_shows(?string $option): bool
+{
+    return $option === null || (App::$identity[$option] ?? null) !== '0';
+}
+
+function page_shown(string $page): bool
+{
+    return gui_shows(PAGE_OPTIONS[$page] ?? null);
+}
+
+/**
+ * In a form's open session, before it writes: true, after saying so, when the current page is
+ * switched off, so that a form sent to it changes nothing.
+ */
+function switched_off_in(Cfgd\Session $session): bool
+{
+    $option = PAGE_OPTIONS[current_page()] ?? null;
+    if ($option === null || $session->read($option) !== '0') {
+        return false;
+    }
+    banner('warn', sprintf(TEXT['switched_off_post'], PAGES[current_page()]));
+    return true;
 }
 
 /**
@@ -288,7 +335,7 @@ function run_cfgctl(array $arguments): array
 }
 
 // A fault that escapes a page (or the bootstrap itself) replaces whatever the page made.
-set_exception_handler(static fn (Throwable $e) => fail_page($e, basename($_SERVER['SCRIPT_NAME'] ?? '')));
+set_exception_handler(static fn (Throwable $e) => fail_page($e, current_page()));
 start_php_session();
 header('X-Content-Type-Options: nosniff');
 header('X-Frame-Options: DENY');

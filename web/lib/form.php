@@ -123,8 +123,12 @@ final class Form
         $session = new_session();
         try {
             $session->start(0);
-            $current = read_names($session, $this->readable());
+            $off = switched_off_in($session);
+            $current = read_names($session, $off ? [] : $this->readable());
             $session->finish();
+            if ($off) {
+                return false;
+            }
             $plan = $this->plan($wanted, $current);
             if ($plan === []) {
                 banner('info', TEXT['unchanged']);
@@ -147,6 +151,10 @@ final class Form
         try {
             // The count announced is a limit: at most every field is written.
             $session->start(min(255, count($this->fields)));
+            if (switched_off_in($session)) {
+                $session->finish();
+                return false;
+            }
             $plan = $this->plan($wanted, read_names($session, $this->readable()));
             foreach ($plan as $name => $value) {
                 try {

@@ -20,30 +20,52 @@ function pending_trial(): ?array
 }
 
 /**
- * Where the device can be reached when a trial moves it: [text, url or null], or null when
- * it stays where it is.
+ * The host and port the browser asked for (its Host header): [host, port or null], null when
+ * there is no well-formed one. Behind a forwarder SERVER_PORT is not the port the browser used.
  */
-function trial_new_address(array $params): ?array
+function browser_host(): ?array
 {
-    if (($params['lan0.dhcp']['new'] ?? null) === '1' && ($params['lan0.dhcp']['old'] ?? null) !== '1') {
-        return [TEXT['dhcp_address'], null];
-    }
-    $address = $params['lan0.ipv4']['new'] ?? null;
-    if ($address === null || $address === ($params['lan0.ipv4']['old'] ?? null)) {
+    $host = $_SERVER['HTTP_HOST'] ?? '';
+    if (!is_string($host) || preg_match('/^(\[[0-9A-Fa-f:.]+\]|[A-Za-z0-9.-]+)(?::([0-9]{1,5}))?$/', $host, $m) !== 1) {
         return null;
     }
-    $https = ($_SERVER['HTTPS'] ?? '') !== '' && ($_SERVER['HTTPS'] ?? '') !== 'off';
-    $port = (int) ($_SERVER['SERVER_PORT'] ?? 80);
-    $url = ($https ? 'https://' : 'http://') . $address
-        . ($port === ($https ? 443 : 80) ? '' : ':' . $port)
-        . rtrim(dirname($_SERVER['SCRIPT_NAME'] ?? '/'), '/') . '/lan.php';
-    return [$url, $url];
+    $port = (int) ($m[2] ?? 0);
+    return [strtolower(trim($m[1], '[]')), $port >= 1 && $port <= 65535 ? $port : null];
+}
+
+/**
+ * Where a trial moves the device, or null when it stays: 'text', 'url' (null without a link) and
+ * 'here' (whether this page was loaded there, so that the trial can be kept from it).
+ */
+function trial_move(array $params): ?array
+{
+    $browser = browser_host();
+    $old = $params['lan0.ipv4']['old'] ?? null;
+    if (($params['lan0.dhcp']['new'] ?? null) === '1' && ($params['lan0.dhcp']['old'] ?? null) !== '1') {
+        // The address the DHCP server gives is not known here: only the old one's page is known
+        // to be elsewhere.
+        return ['text' => TEXT['dhcp_address'], 'url' => null,
+            'here' => $old === null || ($browser[0] ?? null) !== $old];
+    }
+    $address = $params['lan0.ipv4']['new'] ?? null;
+    if ($address === null || $address === $old) {
+        return null;
+    }
+    $url = null;
+    if (filter_var($address, FILTER_VALIDATE_IP, FILTER_FLAG_IPV4) !== false) {
+        // The browser's scheme and port, the new address as the host.
+        $https = ($_SERVER['HTTPS'] ?? '') !== '' && ($_SERVER['HTTPS'] ?? '') !== 'off';
+        $port = $browser[1] ?? null;
+        $url = ($https ? 'https://' : 'http://') . $address . ($port !== null ? ":$port" : '')
+            . rtrim(dirname($_SERVER['SCRIPT_NAME'] ?? '/'), '/') . '/lan.php';
+    }
+    return ['text' => $url ?? $address, 'url' => $url, 'here' => ($browser[0] ?? null) === $address];
 }
 
 function trial_section(array $trial, string $page): void
 {
     $seconds = (int) $trial['secondsLeft'];
-    $moved = trial_new_address($trial['params']);
+    $moved = trial_move($trial['params']);
     ?>
 <section id="trial" class="trial">
   <h2>Trial running</h2>
@@ -56,21 +78,27 @@ function trial_section(array $trial, string $page): void
 <?php }
 } ?>
   </ul>
-<?php if ($moved !== null) { ?>
+<?php if ($moved !== null && $moved['here']) { ?>
+  <p id="trial-new-address" class="moved">This page comes from the device's new address: keep the
+    settings if it works as it should.</p>
+<?php } elseif ($moved !== null) { ?>
   <p id="trial-new-address" class="moved">The device moves to
-<?php if ($moved[1] !== null) { ?>
-    <a id="trial-new-link" href="<?= h($moved[1]) ?>"><?= h($moved[0]) ?></a>: open it there and keep the settings
-    from that page before the time is up.
+<?php if ($moved['url'] !== null) { ?>
+    <a id="trial-new-link" href="<?= h($moved['url']) ?>"><?= h($moved['text']) ?></a>: open it there and keep the
+    settings from that page before the time is up. This page cannot keep them, as it would not
+    show that the new address works.
 <?php } else { ?>
-    <?= h($moved[0]) ?>: find it there (e.g. in the DHCP server's leases) and keep the settings from its
-    LAN page before the time is up.
+    <?= h($moved['text']) ?>: find it there (e.g. in the DHCP server's leases) and keep the settings
+    from its LAN page before the time is up. This page cannot keep them.
 <?php } ?>
   </p>
 <?php } ?>
   <form id="form-trial" method="post" action="trial.php" class="buttons">
     <?= csrf_field() ?>
     <input type="hidden" name="back" value="<?= h($page) ?>">
+<?php if ($moved === null || $moved['here']) { ?>
     <button type="submit" id="btn-keep" name="action" value="confirm" class="primary"><?= h(TEXT['keep']) ?></button>
+<?php } ?>
     <button type="submit" id="btn-rollback" name="action" value="rollback"><?= h(TEXT['rollback']) ?></button>
   </form>
 </section>
@@ -79,7 +107,8 @@ function trial_section(array $trial, string $page): void
 
 /**
  * The page's head, navigation, banners and pending trial. False, after saying so, when the page
- * has no values to show (cfgd could not give them; the banner says why).
+ * has no values to show (cfgd could not give them; the banner says why) or is switched off
+ * (a GUI option, answered with 404).
  */
 function layout_start(string $page, string $title, bool $hasValues = true): bool
 {
@@ -106,7 +135,7 @@ function layout_start(string $page, string $title, bool $hasValues = true): bool
   <p class="user">Signed in as <span id="user"><?= h($user) ?></span></p>
 <?php } ?>
   <nav id="nav">
-<?php foreach (PAGES as $file => $label) { ?>
+<?php foreach (array_filter(PAGES, 'page_shown', ARRAY_FILTER_USE_KEY) as $file => $label) { ?>
     <a href="<?= h($file) ?>"<?= $file === $page ? ' aria-current="page"' : '' ?>><?= h($label) ?></a>
 <?php } ?>
   </nav>
@@ -125,6 +154,10 @@ function layout_start(string $page, string $title, bool $hasValues = true): bool
     }
     if (!$hasValues) {
         echo '<p>', h(TEXT['no_data']), "</p>\n";
+    } elseif (!page_shown($page)) {
+        http_response_code(404);
+        echo '<p id="switched-off">', h(sprintf(TEXT['switched_off'], PAGES[$page])), "</p>\n";
+        return false;
     }
     return $hasValues;
 }
@@ -150,4 +183,11 @@ function facts(array $rows, array $ids = []): string
         $html .= '<dt>' . h((string) $label) . "</dt><dd$id>" . h($value ?? '–') . '</dd>';
     }
     return $html . "</dl>\n";
+}
+
+/** A link to one of the pages, or just its label (escaped) when that page is switched off. */
+function page_link(string $href, string $label): string
+{
+    return page_shown(strtok($href, '?#'))
+        ? '<a href="' . h($href) . '">' . h($label) . '</a>' : h($label);
 }

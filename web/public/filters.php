@@ -28,7 +28,7 @@ if (layout_start($page, 'Filters', $v !== null)) {
 <p id="filter-count"><?= h($v['filter.count'] ?? '–') ?> of <?= h($v['filter.max'] ?? (string) FILTER_COUNT) ?> filters defined.</p>
 <p class="help">Choose a kind to create a filter and "<?= h(FILTER_KINDS['0']) ?>" to delete one.
   Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.
-  Routes use filters by number (see <a href="routes.php">Routes</a>).</p>
+  Routes use filters by number (see <?= page_link('routes.php', 'Routes') ?>).</p>
 <form id="form-settings" method="post" action="filters.php">
 <div class="scroll"><table id="filters" class="form-table">
   <thead><tr><th>#</th><?php foreach ($columns as $label) { ?><th><?= h($label) ?></th><?php } ?></tr></thead>

@@ -20,7 +20,8 @@ for ($n = 1; $n <= ROUTE_COUNT; $n++) {
 $v = read_page($names);
 
 if (layout_start($page, 'Status', $v !== null)) {
-    ?>
+    if (gui_shows('gui.show_device')) {
+        ?>
 <section class="card">
   <h2>Device</h2>
   <?= facts([
@@ -34,13 +35,14 @@ if (layout_start($page, 'Status', $v !== null)) {
   'KL15 power-down' => label_of(ON_OFF, $v['general.kl15_power_down']),
   ], ['Software version (BSP)' => 'sw-version', 'Gateway version' => 'gateway-version']) ?>
 </section>
+<?php } ?>
 <section class="card">
   <h2>CAN</h2>
   <div class="scroll"><table id="status-can">
 <thead><tr><th>Interface</th><th>Active</th><th>State</th><th>Bit rate</th><th>Sample point</th></tr></thead>
 <tbody>
 <?php foreach (CAN_INTERFACES as $can) { ?>
-  <tr><td><a href="can.php#<?= h($can) ?>"><?= h($can) ?></a></td>
+  <tr><td><?= page_link("can.php#$can", $can) ?></td>
     <td><?= h(label_of(ON_OFF, $v["$can.active"])) ?></td>
     <td id="state-<?= h($can) ?>"><?= h(label_of(CAN_STATES, $v["$can.state"])) ?></td>
     <td><?= h($v["$can.real_bitrate"] ?? '–') ?> bit/s</td>
@@ -68,7 +70,7 @@ if (layout_start($page, 'Status', $v !== null)) {
 </tr></thead>
 <tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) { ?>
-  <tr<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><td><a href="routes.php?route=<?= $n ?>"><?= $n ?></a></td>
+  <tr<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><td><?= page_link("routes.php?route=$n", (string) $n) ?></td>
     <td><?= h($v["route$n.name"]) ?></td>
     <td><?= h(label_of(ROUTE_STATES, $v["route$n.state"])) ?></td>
     <td><?= h(label_of(ROUTE_TYPES, $v["route$n.type"])) ?> <?= h($v["route$n.interface"]) ?></td>

@@ -18,9 +18,11 @@ if ($action === 'save') {
     $session = new_session();
     try {
         $session->start(1);
-        $session->write("route$route.reset_stats", '1');
+        if (!switched_off_in($session)) {
+            $session->write("route$route.reset_stats", '1');
+            banner('ok', "The statistics of route $route are reset.");
+        }
         $session->finish();
-        banner('ok', "The statistics of route $route are reset.");
     } catch (Cfgd\Refused $e) {
         $session->abort();  // a refused write leaves the session open
         banner('error', "The statistics of route $route cannot be reset: " . $e->getMessage()
@@ -95,7 +97,7 @@ $r = "route$n"; ?>
   <?= $form->row("$r.unify_filters", $v) ?>
   <?= $form->row("$r.join_filters", $v) ?>
   <p class="help">A changed filter list reaches the gateway driver at once. Filters are defined on the
-<a href="filters.php">Filters</a> page.</p>
+<?= page_link('filters.php', 'Filters') ?> page.</p>
 </fieldset>
 <?= $form->buttons() ?>
 </form>

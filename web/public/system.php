@@ -107,6 +107,9 @@ if (layout_start($page, 'System', $v !== null)) {
 <?php foreach (array_keys(GUI_OPTIONS) as $name) { ?>
   <?= $form->row($name, $v) ?>
 <?php } ?>
+  <p class="help">An unchecked page leaves the navigation and its address says it is switched off.
+    Status and System are always shown; Device is the Status page's Device card. This front end
+    has no WLAN, Bluetooth, Contact or Support page: those options are only stored.</p>
 </fieldset>
 <?= $form->buttons() ?>
 </form>

@@ -24,7 +24,8 @@ if ($action === 'confirm' || $action === 'rollback') {
         banner_for($e);
     }
 }
-read_page([]);  // the header's identity
+read_page([]);  // the header's identity and the pages shown
+$back = page_shown($back) ? $back : 'index.php';
 
 layout_start($page, 'Trial');
 if (App::$trial === null) {
