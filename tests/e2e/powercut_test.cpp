@@ -21,6 +21,7 @@
 
 #include <sys/xattr.h>
 
+#include <array>
 #include <chrono>
 #include <iterator>
 #include <map>
@@ -36,13 +37,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr long kAnswerType = 70;
-constexpr const char* kRouteName = "kept by every store";  // in the file, never written
 
 // Store n writes three values, in the file's first section, a middle one and its last, so that
-// a file cut short shows.
-struct Values {
-    std::string description, bitRate, gui;
-};
+// a file cut short shows: these names in a dump, at these addresses.
+const char* const kStored[] = {"general.description", "can0.bitrate", "gui.show_filter"};
+using Values = std::array<std::string, std::size(kStored)>;
 Values valuesOf(long n) {
     static const char* const rates[] = {"125000", "250000", "500000", "1000000"};
     return {"store " + std::to_string(n), rates[n % 4], n % 2 ? "1" : "0"};
@@ -52,10 +51,8 @@ Values valuesOf(long n) {
 std::string firstFile() {
     return std::string(kFileHead) +
            "[general]\ndescription = store 0\n[can_0]\nbaudrate = 125000\n[fwd_gen]\ncount = 1\n"
-           "[rt_0]\nrtinfo = " +
-           kRouteName +
-           "\nactive = FALSE\ninterface1 = can0\ndestination2 = 198.51.100.40:5000\n"
-           "[gui]\nshow_filter_info = 0\n";
+           "[rt_0]\nrtinfo = kept by every store\nactive = FALSE\ninterface1 = can0\n"
+           "destination2 = 198.51.100.40:5000\n[gui]\nshow_filter_info = 0\n";
 }
 
 // Sends a request and waits for its answer until `deadline`; nullopt when none came.
@@ -72,9 +69,9 @@ std::optional<std::string> exchange(
 std::vector<std::pair<std::string, std::string>> storing(long n) {
     const Values v = valuesOf(n);
     return {{text(START_SESSION, kAnswerType, 0, 3), ok(1, 0, 3)},
-            {text(SET_PARAM, 0, 4, 0, v.description + '\0'), ok(0, 4, 0)},
-            {text(SET_PARAM, 4, 1, 2, v.bitRate + '\0'), ok(4, 1, 2)},
-            {text(SET_PARAM, 8, 1, 8, v.gui + '\0'), ok(8, 1, 8)},
+            {text(SET_PARAM, 0, 4, 0, v[0] + '\0'), ok(0, 4, 0)},
+            {text(SET_PARAM, 4, 1, 2, v[1] + '\0'), ok(4, 1, 2)},
+            {text(SET_PARAM, 8, 1, 8, v[2] + '\0'), ok(8, 1, 8)},
             {text(FINISH_SESSION, 0, 0, 0), ok(0, 0, 0)}};
 }
 
@@ -120,17 +117,10 @@ struct Profile {
     bool cut;      // the power is cut after each kill
 };
 
-void PrintTo(const Profile& profile, std::ostream* out) {
-    *out << profile.name;
-}
-
 const Profile kProfiles[] = {{"Legacy", CFGD_E2E_DAEMON, false, true},
                              {"Hardened", CFGD_E2E_HARDENED_DAEMON, true, true},
                              {"LegacyKilled", CFGD_E2E_DAEMON, false, false},
                              {"HardenedKilled", CFGD_E2E_HARDENED_DAEMON, true, false}};
-
-// The names store n writes, in the order of valuesOf's fields.
-const char* const kStored[] = {"general.description", "can0.bitrate", "gui.show_filter"};
 
 // A dump without the values that change by themselves.
 Dump dumpOf(const Daemon& d) {
@@ -143,9 +133,8 @@ Dump dumpOf(const Daemon& d) {
 // What store n leaves on top of `base`, as a dump shows it.
 Dump storedOn(Dump base, long n) {
     const Values v = valuesOf(n);
-    const std::string* values[] = {&v.description, &v.bitRate, &v.gui};
-    for (std::size_t i = 0; i < std::size(kStored); ++i)
-        base[kStored[i]] = kStored[i] + (" = " + *values[i]);
+    for (std::size_t i = 0; i < v.size(); ++i)
+        base[kStored[i]] = kStored[i] + (" = " + v[i]);
     return base;
 }
 
