@@ -61,24 +61,6 @@ TEST_F(Loader, ValuesAreClampedConvertedAndNamesFolded) {
               std::tuple(17u, 15u, 500u, kDrvTcpDelay));
 }
 
-// (What a filter's keys load as shows in the store's round trip.)
-TEST_F(Loader, FiltersNeedAKindAndATermThatParses) {
-    load(configHeader("1.3.1") +
-         "[FILTER_0]\nfilter_type = 1\nTerm = 0x100-0x1FF\n"
-         "[FILTER_5]\nfilter_type = 1\nTerm = \n"
-         "[FILTER_6]\nfilter_type = 9\nTerm = 1-2\n"
-         "[FILTER_7]\nTerm = 1-2\n");
-    EXPECT_EQ(definedFilterCount(m().filters), 1u);
-    EXPECT_NE(findFilter(m().filters, 0), nullptr);
-}
-
-TEST_F(Loader, SectionNamedLikeAKeyCountsAsMissing) {
-    // The library keeps a section as an entry without a value, found by the key's address.
-    load("[General:KL15pwdn]\n[Host:Devicename]\n");
-    EXPECT_EQ(m().general.KL15pwdn, 0);
-    EXPECT_STREQ(m().general.hostName, "VORL-Gateway");
-}
-
 // (A 1.0.0 file's old CAN key and a 1.2.0 file's filter keys and inverted masks show in the
 // store's rewrite of such files; which names a version switches to, in the layout's tests.)
 TEST_F(Loader, OlderFormatsUseTheirKeyNames) {
@@ -127,11 +109,16 @@ TEST_F(Loader, HeaderVersion) {
 
 // (What every section's keys load as shows in the store's round trip, spellings and clamps in
 // the conversions' tests and above.)
-TEST_F(Loader, LanAndRouteSections) {
+TEST_F(Loader, FiltersLanRoutesAndSectionsNamedLikeKeys) {
     load(configHeader("1.3.1") +
          "[LAN_0]\nSubnetmask = bad\n[FWD_GEN]\nCount = 1\n"
          "[RT_0]\nDest2Type = none\nDestination2 = 198.51.100.9:7000\n"
-         "[RT_1]\nRtInfo = beyond the count\n");
+         "[RT_1]\nRtInfo = beyond the count\n"
+         // A filter needs a kind and a term that parses.
+         "[FILTER_0]\nfilter_type = 1\nTerm = 0x100-0x1FF\n[FILTER_5]\nfilter_type = 1\nTerm = \n"
+         "[FILTER_6]\nfilter_type = 9\nTerm = 1-2\n[FILTER_7]\nTerm = 1-2\n"
+         // The library keeps a section as an entry without a value, found by the key's address.
+         "[General:KL15pwdn]\n[Host:Devicename]\n");
     EXPECT_EQ(m().lan[0].Subnetmask.s_addr, 0u);  // a bad mask leaves the field as it was
     // The default name is not numbered; a destination that is not IPv4 is left untouched.
     const RouteRecord& r0 = m().routes[0];
@@ -139,6 +126,10 @@ TEST_F(Loader, LanAndRouteSections) {
     EXPECT_EQ(r0.image.info.destination.sin_port, 0);
     EXPECT_EQ(r0.DrvIndex, 255);             // the driver is missing: no node, the rest loads
     EXPECT_STREQ(m().routes[1].RtInfo, "");  // beyond FWD_GEN's count
+    EXPECT_EQ(definedFilterCount(m().filters), 1u);
+    EXPECT_NE(findFilter(m().filters, 0), nullptr);
+    EXPECT_EQ(m().general.KL15pwdn, 0);
+    EXPECT_STREQ(m().general.hostName, "VORL-Gateway");
 }
 
 }  // namespace
