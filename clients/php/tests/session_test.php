@@ -1,5 +1,6 @@
 <?php
-// The PHP client library and its trials, from PHP and from cfgctl, against the real daemon,
+// The PHP client library and its trials, from PHP and from cfgctl, and README.md's first PHP
+// example, run as a reader would run it, against the real daemon on its default lock file,
 // inside the sandbox only:
 //   sandbox/sandbox.sh test php clients/php/tests/session_test.php CFGD CFGCTL [WRAPPER]
 // (with tests/support/reworded-cfgctl as WRAPPER: the same, with cfgctl's messages reworded)
@@ -17,7 +18,7 @@ use Cfgd\UnknownName;
 
 [$daemonPath, $cfgctl] = sandboxArguments($argv);
 
-const LOCK = '/tmp/php-test-lock';
+const LOCK = '/tmp/kiv_lock';  // the default, which README.md's example uses
 const CONFIG = '/mnt/user/php-test.ini';  // in /mnt/user, beside the backup the store makes
 const SECONDS = 5;  // the shortest trial
 
@@ -140,6 +141,18 @@ $tests = [
         same(3, $status, "cfgctl while PHP holds the session: $output");
         $first->finish();
         (new Session(LOCK, 1))->start();
+    },
+    'the first PHP example of README.md runs as written' => function () {
+        [$root, $example] = [dirname(__DIR__, 3), '/tmp/readme-example.php'];
+        check(preg_match('/^```php\n(.*?)^```$/ms', file_get_contents("$root/README.md"), $block) === 1,
+            'README.md has a PHP example');
+        file_put_contents($example, $block[1]);
+        $run = proc_open(['php', $example], [1 => ['pipe', 'w'], 2 => ['pipe', 'w']], $pipes, $root);
+        $output = stream_get_contents($pipes[1]) . stream_get_contents($pipes[2]);
+        same(0, proc_close($run), "its status (output: $output)");
+        // What its last session prints: the daemon's refusal, caught.
+        same("baud rate not changed! min. baud rate is 1000000!\n", $output, 'its output');
+        same(['250000', 'bench'], readFrom(LOCK, 'can1.bitrate', 'general.description'), 'its stored writes');
     },
 ];
 
