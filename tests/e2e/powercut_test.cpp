@@ -209,14 +209,11 @@ TEST_P(PowerCut, ComesUpWithTheLastAcknowledgedStoreOrTheOneInFlight) {
     }
     std::string summary =
         std::string(profile.name) + ", " + std::to_string(rounds) + " " + round + "s:";
-    long counted = 0;
-    for (const char* outcome : {"last acked", "in flight", "older", "defaults", "torn"}) {
+    for (const char* outcome : {"last acked", "in flight", "older", "defaults", "torn"})
         summary += std::string(" ") + outcome + " " + std::to_string(outcomes[outcome]) + ",";
-        counted += outcomes[outcome];
-    }
     summary += " stores refused " + std::to_string(refused);
     std::printf("the store, %s\n", summary.c_str());
-    EXPECT_EQ(counted, rounds) << summary;  // none came up with a store never finished
+    EXPECT_EQ(outcomes["never finished"], 0) << summary;
     EXPECT_TRUE(profile.cut || refused == 0) << summary;
     if (profile.durable) {
         EXPECT_EQ(outcomes["older"] + outcomes["defaults"], 0) << summary;
