@@ -18,25 +18,6 @@ class Loader : public SeamTest {
     }
 };
 
-// A missing file loads the defaults the device ships with.
-TEST_F(Loader, MissingFileGivesTheDefaults) {
-    ASSERT_EQ(loadConfiguration(m()), 0);
-    EXPECT_EQ(fake.hostNamesSet, std::vector<std::string>{"VORL-Gateway"});
-    for (int n = 0; n < 2; ++n) {
-        const CanInterface& can = m().can[n];
-        EXPECT_EQ(std::string(can.IfName), "can" + std::to_string(n));
-        EXPECT_EQ(std::tuple(can.Active, can.Baudrate, can.Listenonly, can.Samplepoint),
-                  std::tuple(1, 500000u, 1, 800u));
-    }
-    EXPECT_STREQ(m().can[2].IfName, "");  // the third record is never loaded
-    EXPECT_EQ(std::tuple(m().general.LighttpdPort, m().dhcp.max_leases,
-                         std::string(inet_ntoa(m().dhcp.end_addr))),
-              std::tuple(80u, 7u, std::string("192.168.1.17")));
-    EXPECT_EQ(std::vector(std::begin(m().gui.show), std::end(m().gui.show)),
-              (std::vector<uint8_t>{1, 0, 0, 0, 0, 0, 1, 1, 1}));
-    EXPECT_TRUE(ini::legacyFormat());  // a file without header is rewritten whole
-}
-
 TEST_F(Loader, ValuesAreClampedConvertedAndNamesFolded) {
     load(configHeader("1.3.1") +
          "[General]\nKL15pwdn = yes\n"
@@ -75,7 +56,25 @@ TEST_F(Loader, OlderFormatsUseTheirKeyNames) {
     EXPECT_TRUE(ini::legacyFormat());
 }
 
-TEST_F(Loader, HeaderVersion) {
+// A missing file loads the defaults the device ships with.
+TEST_F(Loader, MissingFileGivesTheDefaultsAndHeaderVersions) {
+    ASSERT_EQ(loadConfiguration(m()), 0);
+    EXPECT_EQ(fake.hostNamesSet, std::vector<std::string>{"VORL-Gateway"});
+    for (int n = 0; n < 2; ++n) {
+        const CanInterface& can = m().can[n];
+        EXPECT_EQ(std::string(can.IfName), "can" + std::to_string(n));
+        EXPECT_EQ(std::tuple(can.Active, can.Baudrate, can.Listenonly, can.Samplepoint),
+                  std::tuple(1, 500000u, 1, 800u));
+    }
+    EXPECT_STREQ(m().can[2].IfName, "");  // the third record is never loaded
+    EXPECT_EQ(std::tuple(m().general.LighttpdPort, m().dhcp.max_leases,
+                         std::string(inet_ntoa(m().dhcp.end_addr))),
+              std::tuple(80u, 7u, std::string("192.168.1.17")));
+    EXPECT_EQ(std::vector(std::begin(m().gui.show), std::end(m().gui.show)),
+              (std::vector<uint8_t>{1, 0, 0, 0, 0, 0, 1, 1, 1}));
+    EXPECT_TRUE(ini::legacyFormat());  // a file without header is rewritten whole
+
+    // The header's version, from the file's head only.
     const std::string kTitle = "# KIV configuration file\n";
     struct Case {
         std::string text;

@@ -287,8 +287,24 @@ TEST_F(Store, DirectoryGivesDefaultsAndIsNeverStoredOver) {
     EXPECT_TRUE(std::filesystem::is_directory(path));
 }
 
+// Values are written unquoted, so the next load reads them by the file's comment and line
+// rules: a ';' or '#' ends the value, outer blanks go, and a line break makes the whole file
+// unreadable (every default, and every later store fails until the file is mended).
+TEST_F(Store, CommentSignsAndLineBreaksInValuesChangeTheNextLoad) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"a;b", "a"}, {"#all", ""}, {"  blanks  ", "blanks"}, {"two\nlines", "Module description"}};
+    for (const auto& [value, loaded] : cases) {
+        fake.writeFile(kDefaultConfigPath, configHeader("1.3.1"));
+        copyText(m().general.Description, value);
+        ASSERT_EQ(store({flag::General}), 0) << value;
+        load("");
+        EXPECT_STREQ(m().general.Description, loaded) << value;
+    }
+    EXPECT_EQ(store({flag::General}), -1);  // the file with the line break
+}
+
 // Whichever file step fails, the configuration path or else the backup holds a whole file.
-TEST_F(Store, EachFileStepFailingLeavesAWholeFile) {
+TEST_F(Store, EachFileStepFailingLeavesAWholeFileErrorTexts) {
     using Knob = int FakeSystem::*;
     const Knob open = &FakeSystem::openStreamErrno, write = &FakeSystem::writeErrno,
                sync = &FakeSystem::syncErrno, close = &FakeSystem::closeErrno,
@@ -333,25 +349,8 @@ TEST_F(Store, EachFileStepFailingLeavesAWholeFile) {
     }
     EXPECT_NE(fresh.find("show_can_info                  = 0"), std::string::npos);
     EXPECT_GT(fake.streamSyncs, 0);
-}
 
-// Values are written unquoted, so the next load reads them by the file's comment and line
-// rules: a ';' or '#' ends the value, outer blanks go, and a line break makes the whole file
-// unreadable (every default, and every later store fails until the file is mended).
-TEST_F(Store, CommentSignsAndLineBreaksInValuesChangeTheNextLoad) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"a;b", "a"}, {"#all", ""}, {"  blanks  ", "blanks"}, {"two\nlines", "Module description"}};
-    for (const auto& [value, loaded] : cases) {
-        fake.writeFile(kDefaultConfigPath, configHeader("1.3.1"));
-        copyText(m().general.Description, value);
-        ASSERT_EQ(store({flag::General}), 0) << value;
-        load("");
-        EXPECT_STREQ(m().general.Description, loaded) << value;
-    }
-    EXPECT_EQ(store({flag::General}), -1);  // the file with the line break
-}
-
-TEST_F(Store, ErrorTexts) {
+    // The texts of a key or section the file lacks.
     char text[kDataSize];
     EXPECT_EQ(formatIniError(text, sizeof text, 5, 1, 0), 51);
     EXPECT_STREQ(text, "ERROR@(5,1,0): key pair doesn't exist in .ini file!");
