@@ -1,4 +1,4 @@
-// The store under kills and power rounds, on the sandbox's simulated flash (CFGD_SANDBOX_FLASH=1:
+// The store under kills and power cuts, on the sandbox's simulated flash (CFGD_SANDBOX_FLASH=1:
 // data not synced is lost, or torn, at a cut). A client stores in bursts; at a random moment the
 // daemon is killed and the daemon started again on its file, whose whole dump (without the live
 // values) is sorted: the last acknowledged store, the one in flight, an older one, the defaults,
@@ -11,7 +11,8 @@
 // - Kill variants cut nothing, so what the kernel holds stays (as on tmpfs). Every second kill
 //   ends the daemon alone: what it ran goes on, and the restart comes once that has ended; the
 //   others end it with the shell and mv it runs. Each restart must come up with the last
-//   acknowledged store, the one in flight or the one before the last, and no store is refused.
+//   acknowledged store or the one in flight (the legacy daemon passes with the one before the
+//   last too), and no store is refused.
 //
 // The default run makes a few dozen rounds; the long modes set the count per variant:
 //   CFGD_CUT_ROUNDS=1000 CFGD_SANDBOX_FLASH=1 sandbox/sandbox.sh test
