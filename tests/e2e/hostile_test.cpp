@@ -46,11 +46,21 @@ void expectCleanSession(Daemon& d, const std::string& stored, const std::string&
     EXPECT_EQ(queueState(d).msg_qnum, 0u);
 }
 
-// The session lock gives a killed client's hold back (its semaphore operations are undone),
-// and the next START_SESSION finds the dead session open and reloads the file over its write.
-// The answer that the dead client did not read stays on the queue under its address.
-TEST(Hostile, ClientDyingInItsSessionFreesTheLockAndLosesItsWrites) {
+// One daemon meets each client in turn; a client that plays by the rules follows each.
+TEST(Hostile, ClientsThatDieMisaddressMalformOrFloodLeaveTheDaemonServing) {
     Daemon d(71, 72, file());
+
+    // A session with answer address 0 is served but its answers cannot be sent; its write is
+    // stored all the same.
+    for (const std::string& request : {text(START_SESSION, 0, 0, 1), setDescription("via type 0"),
+                                       text(FINISH_SESSION, 0, 0, 0)})
+        ASSERT_TRUE(send(d.queue, request));
+    EXPECT_TRUE(poll([&] { return queueState(d).msg_qnum == 0; }, kAnswerMs));
+    expectCleanSession(d, description("via type 0"), "after type 0");
+
+    // The session lock gives a killed client's hold back (its semaphore operations are undone),
+    // and the next START_SESSION finds the dead session open and reloads the file over its
+    // write. The answer that the dead client did not read stays on the queue under its address.
     const int semaphores = semget(71, 0, 0);
     ASSERT_GE(semaphores, 0);
     const pid_t child = fork();
@@ -70,25 +80,11 @@ TEST(Hostile, ClientDyingInItsSessionFreesTheLockAndLosesItsWrites) {
     EXPECT_EQ(semctl(semaphores, 0, GETVAL), 1) << "session lock";
     EXPECT_EQ(semctl(semaphores, 1, GETVAL), 0) << "users";
     EXPECT_EQ(receive(d.queue, client::answerTypeFor(child), kAnswerMs), description(""));
-    expectCleanSession(d, description(kKept), "after death");
-}
+    expectCleanSession(d, description("after type 0"), kKept);
 
-// A session with answer address 0 is served but its answers cannot be sent; its write is
-// stored all the same.
-TEST(Hostile, SessionAnsweredToTypeZeroIsServedUnheard) {
-    Daemon d(75, 76, file());
-    for (const std::string& request : {text(START_SESSION, 0, 0, 1), setDescription("via type 0"),
-                                       text(FINISH_SESSION, 0, 0, 0)})
-        ASSERT_TRUE(send(d.queue, request));
-    EXPECT_TRUE(poll([&] { return queueState(d).msg_qnum == 0; }, kAnswerMs));
-    expectCleanSession(d, description("via type 0"), "after type 0");
-}
-
-// A text the parser refuses is dropped without answer, one without its closing brace is
-// served; a message that fills the receive buffer is taken, and a longer one is answered with
-// the receive's error. Each is followed by a read, whose answer must be the next one.
-TEST(Hostile, MalformedAndOversizedTextsAreDroppedOrRefused) {
-    Daemon d(77, 78, file());
+    // A text the parser refuses is dropped without answer, one without its closing brace is
+    // served; a message that fills the receive buffer is taken, and a longer one is answered
+    // with the receive's error. Each is followed by a read, whose answer must be the next one.
     ASSERT_TRUE(d.start(kFirst, 0, 5));
     const std::string write = text(SET_PARAM, kGeneral, kDescription, 0, "");
     const std::string open = write.substr(0, write.find("s:0:")) + "s:999:\"";  // no end
@@ -115,14 +111,11 @@ TEST(Hostile, MalformedAndOversizedTextsAreDroppedOrRefused) {
     }
     ASSERT_TRUE(d.end());
     expectCleanSession(d, whole.substr(0, kQueueTextSize - 1), "after the malformed");
-}
 
-// A client that sends requests one by one without reading answers fills the queue with them,
-// and the daemon waits in its send of an answer that does not fit; reading the answers lets it
-// go on, in order and with the state kept.
-TEST(Hostile, FloodWithoutReadingAnswersHoldsTheDaemonInItsSend) {
+    // A client that sends requests one by one without reading answers fills the queue with them,
+    // and the daemon waits in its send of an answer that does not fit; reading the answers lets it
+    // go on, in order and with the state kept.
     const std::string value(100, 'a'), answer = description(value);
-    Daemon d(79, 80, file());
     // Asleep in a send (the kernel shows the call of a task that is not running).
     const std::string syscall =
         sandbox("CFGD_SANDBOX_PROC") + "/" + std::to_string(d.process.pid()) + "/syscall";

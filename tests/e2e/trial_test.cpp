@@ -80,7 +80,7 @@ TEST(Trial, ConfirmedStoresAndNothingRollsBackLater) {
     EXPECT_EQ(std::tie(none.status, none.output), std::tuple(6, "cfgctl: no trial pending\n"));
 }
 
-TEST(Trial, OtherWritesAreRefusedUntilRolledBack) {
+TEST(Trial, OtherWritesAreRefusedUntilARollbackThatReportsARefusedOldValue) {
     TrialSetUp t(97, 60);
     const std::string refusal = "confirm or roll back first\n";
     for (const std::vector<std::string>& write :
@@ -100,9 +100,20 @@ TEST(Trial, OtherWritesAreRefusedUntilRolledBack) {
           "\"500000\",\"new\":\"250000\"}]}}\n"})
         EXPECT_NE(json.find(part), std::string::npos) << json;
     EXPECT_EQ(logged(t.first, "ip link set can0 type can"), 0u);
+    // A record whose first old value the daemon refuses: reported, and the others restored.
+    std::string record = readFile(t.trialFile());
+    const std::size_t at = record.find("\tcan1.bitrate\t");
+    ASSERT_NE(at, std::string::npos);
+    record.insert(at - 5, "4 1 2\tcan0.bitrate\t=4999\t=1000000\n");
+    std::ofstream(t.trialFile()) << record;
     const int guard = t.guardPid();
-    EXPECT_EQ(cfgctl(t.d, {"rollback"}).status, 0);
+    const Outcome rolledBack = cfgctl(t.d, {"rollback"});
+    EXPECT_EQ(rolledBack.status, 1);
+    EXPECT_NE(rolledBack.output.find("rollback: can0.bitrate = 4999: baud rate not changed"),
+              std::string::npos)
+        << rolledBack.output;
     EXPECT_EQ(logged(t.first, kOldRate), 1u);
+    EXPECT_EQ(readFile(t.trialFile()), "");
     EXPECT_TRUE(poll([&] { return kill(guard, 0) != 0; }, kAnswerMs)) << "the guard ended";
     EXPECT_EQ(cfgctl(t.d, {"rollback"}).status, 6);
     EXPECT_EQ(cfgctl(t.d, {"set", "can0.bitrate", "125000"}).status, 0);
@@ -127,7 +138,9 @@ TEST(Trial, AKilledGuardIsReplacedOrItsTrialRolledBackByTheNextCall) {
     EXPECT_EQ(readFile(t.trialFile()), "");
 }
 
-TEST(Trial, ADaemonRestartedDuringTheTrialIsRolledBackByTheGuard) {
+// The guard rolls back a trial whose daemon was restarted, and gives up on a daemon gone for
+// good after the grace period; neither touches the file.
+TEST(Trial, TheGuardRollsBackOnARestartedDaemonAndGivesUpOnAGoneOne) {
     TrialSetUp t(101, 60);
     ASSERT_EQ(kill(t.d.process.pid(), SIGTERM), 0);
     ASSERT_EQ(t.d.process.wait(kAnswerMs), 255);
@@ -135,32 +148,11 @@ TEST(Trial, ADaemonRestartedDuringTheTrialIsRolledBackByTheGuard) {
     Process again(CFGD_E2E_DAEMON, {"-s", "101", "-q", "102", "-l", t.d.lock, "-f", t.d.file});
     EXPECT_TRUE(poll([&] { return readFile(t.trialFile()).empty(); }, kDeadlineMs));
     EXPECT_EQ(logged(restart, kOldRate), 2u) << "its start-up, then the rollback";
-    EXPECT_EQ(readFile(t.d.file), t.stored);
-}
-
-TEST(Trial, GuardGivesUpOnAGoneDaemonAfterTheGracePeriod) {
-    TrialSetUp t(103);
-    ASSERT_EQ(kill(t.d.process.pid(), SIGTERM), 0);
+    ran(t.d, {"set", "--trial", std::to_string(kTrialSeconds), "can1.bitrate", "250000"});
+    ASSERT_EQ(kill(again.pid(), SIGTERM), 0);
     EXPECT_TRUE(poll([&] { return readFile(t.trialFile()).empty(); }, kDeadlineMs + kGraceMs));
     EXPECT_NE(readFile(t.trialFile() + ".log").find("gave up rolling back"), std::string::npos);
     EXPECT_EQ(readFile(t.d.file), t.stored);
-}
-
-TEST(Trial, ARefusedOldValueIsReportedAndTheOthersRestored) {
-    TrialSetUp t(105, 60);
-    // A record whose first old value the daemon refuses.
-    std::string record = readFile(t.trialFile());
-    const std::size_t at = record.find("\tcan1.bitrate\t");
-    ASSERT_NE(at, std::string::npos);
-    record.insert(at - 5, "4 1 2\tcan0.bitrate\t=4999\t=1000000\n");
-    std::ofstream(t.trialFile()) << record;
-    const Outcome rolledBack = cfgctl(t.d, {"rollback"});
-    EXPECT_EQ(rolledBack.status, 1);
-    EXPECT_NE(rolledBack.output.find("rollback: can0.bitrate = 4999: baud rate not changed"),
-              std::string::npos)
-        << rolledBack.output;
-    EXPECT_EQ(logged(t.first, kOldRate), 1u);
-    EXPECT_EQ(readFile(t.trialFile()), "");
 }
 
 TEST(Trial, ADamagedRecordRefusesWritesUntilRemovedByForce) {

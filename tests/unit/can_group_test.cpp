@@ -58,7 +58,7 @@ TEST_F(CanGroupTest, RefusalsChangeNothingWritesStoreTheirValues) {
     EXPECT_EQ(call(false, 2, 2), Reply(0, "125000"));
 }
 
-TEST_F(CanGroupTest, ReadsFetchTheLiveStateOncePerSession) {
+TEST_F(CanGroupTest, ReadsFetchTheLiveStateOncePerSessionApplyWritesCommandLines) {
     // Up, state 3 (only the low byte counts), listen-only with triple sampling, 125000 bit/s.
     const uint32_t listenTriple = gw::kCtrlListenOnly | gw::kCtrlTripleSampling;
     gw::CanLinkInfo info{
@@ -80,22 +80,20 @@ TEST_F(CanGroupTest, ReadsFetchTheLiveStateOncePerSession) {
     EXPECT_EQ(call(false, 2, 11), Reply(0, "125000"));
     EXPECT_EQ(fake.driver.requests.size(), 4u);   // one query per interface and session
     EXPECT_EQ(fake.driver.openDescriptors(), 0);  // closed after every query
-}
 
-TEST_F(CanGroupTest, ApplyCommandLines) {
     m().can[0] = {"", 1, 500000, 0, 875, 0, 1, 0, {}, 0, 0, 0, 0, 0, 0, "can"};
     // Inactive: left down.
     m().can[1] = {"", 0, 0, 0, 0, 0, 0, 1, {125, 1, 12, 2, 1, 3}, 1, 1, 1, 0, 0, 1, "can"};
     for (unsigned instance : {0u, 1u, 2u})
         EXPECT_EQ(applied(applyCanInterface, instance), Reply(0, ""));
-    const std::vector<std::string> expected = {
+    const std::vector<std::string> lines = {
         "ip link set can0 down",
         "ip link set can0 type can bitrate 500000 sample-point 0.875 listen-only on loopback off "
         "triple-sampling off one-shot off berr-reporting off ",
         "ip link set can0 up", "ip link set can1 down",
         "ip link set can1 type can tq 125 prop-seg 1 phase-seg1 12 phase-seg2 2 sjw 1 listen-only "
         "off loopback on triple-sampling on one-shot on berr-reporting off restart-ms 1"};
-    EXPECT_EQ(fake.commands, expected);
+    EXPECT_EQ(fake.commands, lines);
     EXPECT_EQ(applied(applyCanInterface, 3), Reply(-1, "false interface intdex 3"));
 }
 

@@ -15,9 +15,17 @@ std::pair<int, uint32_t> parsed(int (*parse)(const char*, uint32_t&), const char
     return {parse(text, value), value};  // a braced list is evaluated in order
 }
 
+// parseEndpoint's result read back through the C library, "address:port" in host order.
+std::string endpoint(const char* text) {
+    sockaddr_in out{};
+    EXPECT_EQ(parseEndpoint(text, kAddrTypeIPv4, out), 0);
+    EXPECT_EQ(out.sin_family, AF_INET);
+    return std::string(inet_ntoa(out.sin_addr)) + ":" + std::to_string(ntohs(out.sin_port));
+}
+
 // Spellings that give the fallback value anyway ("CAN2LAN", "UDP") differ only in the result,
 // which no caller looks at. (The bit timing's text is pinned down by the store's written file.)
-TEST(ConvertTexts, KnownSpellingsOnlyOthersFallBackAndIntegersSaturate) {
+TEST(ConvertTexts, KnownSpellingsOnlyOthersFallBackIntegersSaturateEndpointsClamp) {
     // The route type sets bit 31 but never clears it, and keeps the other bits.
     EXPECT_EQ(parsed(parseRouteType, "LAN2CAN", 0x20000000u), std::pair(0, 0x20000000u));
     EXPECT_EQ(parsed(parseRouteType, "lan2can", 0xA0000000u), std::pair(0, 0xA0000000u));
@@ -32,17 +40,8 @@ TEST(ConvertTexts, KnownSpellingsOnlyOthersFallBackAndIntegersSaturate) {
     // Written on purpose for an unknown number: ';' begins a comment, so it reads back as "UDP".
     EXPECT_STREQ(formatProtocol(6), "TCP");
     EXPECT_STREQ(formatProtocol(99), "UDP ; UNDEF!");
-}
 
-// parseEndpoint's result read back through the C library, "address:port" in host order.
-std::string endpoint(const char* text) {
-    sockaddr_in out{};
-    EXPECT_EQ(parseEndpoint(text, kAddrTypeIPv4, out), 0);
-    EXPECT_EQ(out.sin_family, AF_INET);
-    return std::string(inet_ntoa(out.sin_addr)) + ":" + std::to_string(ntohs(out.sin_port));
-}
-
-TEST(ParseEndpoint, PortAfterTheLastColonClampedInNetworkOrder) {
+    // Endpoints: the port after the last colon, clamped, in network order.
     EXPECT_EQ(endpoint("10.0.0.1:99999"), "10.0.0.1:65535");
     EXPECT_EQ(endpoint("10.0.0.1"), "255.255.255.255:5000");  // no colon: no address text
     EXPECT_EQ(endpoint("1.2.3.4:5:6"), "255.255.255.255:6");

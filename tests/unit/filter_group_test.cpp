@@ -39,31 +39,7 @@ TEST_F(FilterGroup, SessionAnswers) {
         EXPECT_EQ(shown(send(mt, 9, f2, f3, data)), answer);
 }
 
-// A conversion keeps the mode; the same kind changes nothing. 4 to 1 and 4 to 2 follow the
-// rules of 3 to 1 and 3 to 2, so they are not repeated.
-TEST_F(FilterGroup, EveryKindConvertsKeepingTheRest) {
-    const std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t> cases[] = {
-        {1, 2, 0x100, 0x1FF, 0x80000100, 0x800001FF},
-        {1, 3, 0x100, 0x1FF, 0x100, 0x800007FF},
-        {1, 4, 0x100, 0x1FF, 0x80000100, 0x1FFFFFFF},
-        {2, 1, 0x80000100, 0x800001FF, 0x100, 0x1FF},
-        {2, 3, 0x80000100, 0x800001FF, 0x100, 0x800007FF},
-        {2, 4, 0x80000100, 0x800001FF, 0x80000100, 0x1FFFFFFF},
-        {3, 1, 0x123, 0x800007F0, 0, 2047},
-        {3, 2, 0x123, 0x800007F0, 0, 0x9FFFFFFF},
-        {3, 4, 0x123, 0x800007F0, 0x80000123, 0x800007F0},
-        {4, 3, 0x80012345, 0x8001FFFF, 0x345, 0x7FF},
-        {4, 4, 0x80012345, 0x8001FFFF, 0x80012345, 0x8001FFFF}};
-    for (const auto& [from, to, lo, hi, newLo, newHi] : cases) {
-        ASSERT_NE(insertFilter(m().filters, {6, from, kFilterInverted, {}, {}, lo, hi}), nullptr);
-        ASSERT_EQ(set(7, 0, std::to_string(to)).first, 0);
-        const Filter& f = *findFilter(m().filters, 6);
-        EXPECT_EQ(std::tuple(f.filter_type, f.FilterFrom, f.FilterTo, f.filter_mode),
-                  std::tuple(to, newLo, newHi, kFilterInverted));
-    }
-}
-
-TEST_F(FilterGroup, WritesMarkFilterAndRoutesAndCrossWriteTheCount) {
+TEST_F(FilterGroup, WritesMarkFilterAndRoutesCrossWriteTheCountAndEveryKindConverts) {
     for (auto [route, number] : {std::pair{2u, 2u}, {5u, 2u}, {1u, 3u}})
         ASSERT_EQ(addRtFiltRealtion(m().filters, route, number), 0);
     ASSERT_EQ(set(3, 0, "1").first, 0);
@@ -84,6 +60,28 @@ TEST_F(FilterGroup, WritesMarkFilterAndRoutesAndCrossWriteTheCount) {
         m().general.Count = 99;
         EXPECT_EQ(applied(applyFilter, n), n ? Reply(-1, "false filter index (33)") : Reply(0, ""));
         EXPECT_EQ(m().general.Count, 0u);
+    }
+
+    // A conversion keeps the mode; the same kind changes nothing. 4 to 1 and 4 to 2 follow the
+    // rules of 3 to 1 and 3 to 2, so they are not repeated.
+    const std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t> cases[] = {
+        {1, 2, 0x100, 0x1FF, 0x80000100, 0x800001FF},
+        {1, 3, 0x100, 0x1FF, 0x100, 0x800007FF},
+        {1, 4, 0x100, 0x1FF, 0x80000100, 0x1FFFFFFF},
+        {2, 1, 0x80000100, 0x800001FF, 0x100, 0x1FF},
+        {2, 3, 0x80000100, 0x800001FF, 0x100, 0x800007FF},
+        {2, 4, 0x80000100, 0x800001FF, 0x80000100, 0x1FFFFFFF},
+        {3, 1, 0x123, 0x800007F0, 0, 2047},
+        {3, 2, 0x123, 0x800007F0, 0, 0x9FFFFFFF},
+        {3, 4, 0x123, 0x800007F0, 0x80000123, 0x800007F0},
+        {4, 3, 0x80012345, 0x8001FFFF, 0x345, 0x7FF},
+        {4, 4, 0x80012345, 0x8001FFFF, 0x80012345, 0x8001FFFF}};
+    for (const auto& [from, to, lo, hi, newLo, newHi] : cases) {
+        ASSERT_NE(insertFilter(m().filters, {6, from, kFilterInverted, {}, {}, lo, hi}), nullptr);
+        ASSERT_EQ(set(7, 0, std::to_string(to)).first, 0);
+        const Filter& f = *findFilter(m().filters, 6);
+        EXPECT_EQ(std::tuple(f.filter_type, f.FilterFrom, f.FilterTo, f.filter_mode),
+                  std::tuple(to, newLo, newHi, kFilterInverted));
     }
 }
 

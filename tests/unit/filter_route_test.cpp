@@ -36,7 +36,7 @@ TEST_F(RouteFilters, ListsRelateAndReadBack) {
 }
 
 // Filter n sits at index n - 1; the lists name filter numbers.
-TEST_F(RouteFilters, ListsByRouteSettings) {
+TEST_F(RouteFilters, ListsByRouteSettingsAnUnopenableFileEndsTheDaemon) {
     const Filter filters[] = {
         {0, kRange11, 1, {}, {}, 0x100, 0x1FF},
         {2, kMask11, 1, {}, {}, 0x20000123, 0x800007F0},  // was inverted until now
@@ -66,9 +66,8 @@ TEST_F(RouteFilters, ListsByRouteSettings) {
               "0: id = 0x00000000 mask = 0x00000000\n\n\n");
     fake.driver.failRequest(kSet, EINVAL);  // refused, but not the accept-all list
     EXPECT_EQ(std::pair(apply(2), apply(3)), std::pair(-1, 0));
-}
 
-TEST_F(RouteFilters, UnopenableFileEndsTheDaemon) {
+    fake.removeFile("/tmp/canoip3_filter.cfg");
     std::filesystem::create_directories(fake.pathOf("/tmp/canoip3_filter.cfg"));
     EXPECT_EXIT(storeFilterInformation(m().routes[3], 3, FilterList{}),
                 ::testing::ExitedWithCode(255), "can't open output file: Is a directory");

@@ -10,7 +10,7 @@ namespace {
 
 class FilterTerm : public SeamTest {};
 
-TEST_F(FilterTerm, TermsParseAndPrintBack) {
+TEST_F(FilterTerm, TermsParseAndPrintBackRangesBecomeAlignedBlocks) {
     const std::tuple<uint32_t, const char*, const char*, uint32_t, uint32_t> cases[] = {
         // Decimal and hex; saturates like the device's 32-bit strtoul instead of wrapping.
         {kRange11, "100-0x100000005", "0x064-0x1FFFFFFF", 0x80000064, 0xFFFFFFFF},
@@ -27,18 +27,16 @@ TEST_F(FilterTerm, TermsParseAndPrintBack) {
         (void)formatFilterTerm(f, text, sizeof text);  // always 0
         EXPECT_STREQ(text, out);
     }
-}
 
-// Ranges become aligned power-of-two blocks from the low bound up, as the driver's lists have
-// always been built: 11-bit pairs carry the frame bit in their mask, so that no extended frame
-// matches them.
-TEST_F(FilterTerm, RangesBecomeAlignedBlocks) {
+    // Ranges become aligned power-of-two blocks from the low bound up, as the driver's lists have
+    // always been built: 11-bit pairs carry the frame bit in their mask, so that no extended frame
+    // matches them.
     using Pairs = std::vector<gw::MaskEntry>;
     constexpr int all = kMaxRangeEntries;
     constexpr uint32_t kExt = 0x80000000;  // the extended frame bit
     const Pairs from3{{3, 0x800007FF}, {4, 0x800007FC}, {8, 0x800007F8}, {16, 0x800007FE}};
     // kind, bounds, entry limit, pairs
-    const std::tuple<uint32_t, uint32_t, uint32_t, int, Pairs> cases[] = {
+    const std::tuple<uint32_t, uint32_t, uint32_t, int, Pairs> ranges[] = {
         {kRange11, 3, 17, all, from3},
         {kRange11, 3, 17, 2, {from3[0], from3[1]}},
         // From 0 the first block is the one below hi's highest bit, even where a larger fits.
@@ -47,7 +45,7 @@ TEST_F(FilterTerm, RangesBecomeAlignedBlocks) {
         {kRange29, kExt | 3, kExt | 5, all, {{kExt | 3, 0x1FFFFFFF}, {kExt | 4, 0x1FFFFFFE}}},
         {kRange29, 0x80000200, 0x80000100, all, {}},  // reversed bounds give nothing
     };
-    for (const auto& [kind, from, to, limit, expected] : cases) {
+    for (const auto& [kind, from, to, limit, expected] : ranges) {
         const Filter filter{0, kind, 1, {}, {}, from, to};
         Pairs pairs(all);
         pairs.resize(static_cast<std::size_t>(conv_range2masks(&filter, pairs.data(), limit)));

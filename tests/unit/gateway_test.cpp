@@ -224,7 +224,7 @@ TEST_P(ApplyRoute, BringsTheDriverInLine) {
 INSTANTIATE_TEST_SUITE_P(Gateway, ApplyRoute, ::testing::ValuesIn(kApplyCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(Gateway, IndexZeroAndBadIndexOnlyRecount) {
+TEST_F(Gateway, IndexZeroAndBadIndexOnlyRecountCanoipdCommandLines) {
     route(0);
     route(3);
     m().general.Count = 7;
@@ -240,9 +240,7 @@ TEST_F(Gateway, IndexZeroAndBadIndexOnlyRecount) {
     EXPECT_EQ(apply(1), Reply(0, ""));
     EXPECT_TRUE(fake.driver.routeNode(0).route.has_value());
     EXPECT_EQ(fake.driver.badCloses, 2);
-}
 
-TEST_F(Gateway, CanoipdCommandLines) {
     const std::pair<int, Commands> modes[] = {
         {0, {kCanoipdStart}}, {1, {kCanoipdStop}}, {2, {kCanoipdStop, kCanoipdStart}}, {3, {}}};
     for (const auto& [mode, commands] : modes) {

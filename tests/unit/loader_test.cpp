@@ -18,25 +18,6 @@ class Loader : public SeamTest {
     }
 };
 
-// A missing file loads the defaults the device ships with.
-TEST_F(Loader, MissingFileGivesTheDefaults) {
-    ASSERT_EQ(loadConfiguration(m()), 0);
-    EXPECT_EQ(fake.hostNamesSet, std::vector<std::string>{"VORL-Gateway"});
-    for (int n = 0; n < 2; ++n) {
-        const CanInterface& can = m().can[n];
-        EXPECT_EQ(std::string(can.IfName), "can" + std::to_string(n));
-        EXPECT_EQ(std::tuple(can.Active, can.Baudrate, can.Listenonly, can.Samplepoint),
-                  std::tuple(1, 500000u, 1, 800u));
-    }
-    EXPECT_STREQ(m().can[2].IfName, "");  // the third record is never loaded
-    EXPECT_EQ(std::tuple(m().general.LighttpdPort, m().dhcp.max_leases,
-                         std::string(inet_ntoa(m().dhcp.end_addr))),
-              std::tuple(80u, 7u, std::string("192.168.1.17")));
-    EXPECT_EQ(std::vector(std::begin(m().gui.show), std::end(m().gui.show)),
-              (std::vector<uint8_t>{1, 0, 0, 0, 0, 0, 1, 1, 1}));
-    EXPECT_TRUE(ini::legacyFormat());  // a file without header is rewritten whole
-}
-
 TEST_F(Loader, ValuesAreClampedConvertedAndNamesFolded) {
     load(configHeader("1.3.1") +
          "[General]\nKL15pwdn = yes\n"
@@ -61,24 +42,6 @@ TEST_F(Loader, ValuesAreClampedConvertedAndNamesFolded) {
               std::tuple(17u, 15u, 500u, kDrvTcpDelay));
 }
 
-// (What a filter's keys load as shows in the store's round trip.)
-TEST_F(Loader, FiltersNeedAKindAndATermThatParses) {
-    load(configHeader("1.3.1") +
-         "[FILTER_0]\nfilter_type = 1\nTerm = 0x100-0x1FF\n"
-         "[FILTER_5]\nfilter_type = 1\nTerm = \n"
-         "[FILTER_6]\nfilter_type = 9\nTerm = 1-2\n"
-         "[FILTER_7]\nTerm = 1-2\n");
-    EXPECT_EQ(definedFilterCount(m().filters), 1u);
-    EXPECT_NE(findFilter(m().filters, 0), nullptr);
-}
-
-TEST_F(Loader, SectionNamedLikeAKeyCountsAsMissing) {
-    // The library keeps a section as an entry without a value, found by the key's address.
-    load("[General:KL15pwdn]\n[Host:Devicename]\n");
-    EXPECT_EQ(m().general.KL15pwdn, 0);
-    EXPECT_STREQ(m().general.hostName, "VORL-Gateway");
-}
-
 // (A 1.0.0 file's old CAN key and a 1.2.0 file's filter keys and inverted masks show in the
 // store's rewrite of such files; which names a version switches to, in the layout's tests.)
 TEST_F(Loader, OlderFormatsUseTheirKeyNames) {
@@ -93,7 +56,25 @@ TEST_F(Loader, OlderFormatsUseTheirKeyNames) {
     EXPECT_TRUE(ini::legacyFormat());
 }
 
-TEST_F(Loader, HeaderVersion) {
+// A missing file loads the defaults the device ships with.
+TEST_F(Loader, MissingFileGivesTheDefaultsAndHeaderVersions) {
+    ASSERT_EQ(loadConfiguration(m()), 0);
+    EXPECT_EQ(fake.hostNamesSet, std::vector<std::string>{"VORL-Gateway"});
+    for (int n = 0; n < 2; ++n) {
+        const CanInterface& can = m().can[n];
+        EXPECT_EQ(std::string(can.IfName), "can" + std::to_string(n));
+        EXPECT_EQ(std::tuple(can.Active, can.Baudrate, can.Listenonly, can.Samplepoint),
+                  std::tuple(1, 500000u, 1, 800u));
+    }
+    EXPECT_STREQ(m().can[2].IfName, "");  // the third record is never loaded
+    EXPECT_EQ(std::tuple(m().general.LighttpdPort, m().dhcp.max_leases,
+                         std::string(inet_ntoa(m().dhcp.end_addr))),
+              std::tuple(80u, 7u, std::string("192.168.1.17")));
+    EXPECT_EQ(std::vector(std::begin(m().gui.show), std::end(m().gui.show)),
+              (std::vector<uint8_t>{1, 0, 0, 0, 0, 0, 1, 1, 1}));
+    EXPECT_TRUE(ini::legacyFormat());  // a file without header is rewritten whole
+
+    // The header's version, from the file's head only.
     const std::string kTitle = "# KIV configuration file\n";
     struct Case {
         std::string text;
@@ -127,11 +108,16 @@ TEST_F(Loader, HeaderVersion) {
 
 // (What every section's keys load as shows in the store's round trip, spellings and clamps in
 // the conversions' tests and above.)
-TEST_F(Loader, LanAndRouteSections) {
+TEST_F(Loader, FiltersLanRoutesAndSectionsNamedLikeKeys) {
     load(configHeader("1.3.1") +
          "[LAN_0]\nSubnetmask = bad\n[FWD_GEN]\nCount = 1\n"
          "[RT_0]\nDest2Type = none\nDestination2 = 198.51.100.9:7000\n"
-         "[RT_1]\nRtInfo = beyond the count\n");
+         "[RT_1]\nRtInfo = beyond the count\n"
+         // A filter needs a kind and a term that parses.
+         "[FILTER_0]\nfilter_type = 1\nTerm = 0x100-0x1FF\n[FILTER_5]\nfilter_type = 1\nTerm = \n"
+         "[FILTER_6]\nfilter_type = 9\nTerm = 1-2\n[FILTER_7]\nTerm = 1-2\n"
+         // The library keeps a section as an entry without a value, found by the key's address.
+         "[General:KL15pwdn]\n[Host:Devicename]\n");
     EXPECT_EQ(m().lan[0].Subnetmask.s_addr, 0u);  // a bad mask leaves the field as it was
     // The default name is not numbered; a destination that is not IPv4 is left untouched.
     const RouteRecord& r0 = m().routes[0];
@@ -139,6 +125,10 @@ TEST_F(Loader, LanAndRouteSections) {
     EXPECT_EQ(r0.image.info.destination.sin_port, 0);
     EXPECT_EQ(r0.DrvIndex, 255);             // the driver is missing: no node, the rest loads
     EXPECT_STREQ(m().routes[1].RtInfo, "");  // beyond FWD_GEN's count
+    EXPECT_EQ(definedFilterCount(m().filters), 1u);
+    EXPECT_NE(findFilter(m().filters, 0), nullptr);
+    EXPECT_EQ(m().general.KL15pwdn, 0);
+    EXPECT_STREQ(m().general.hostName, "VORL-Gateway");
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ TEST(ParseRequest, ResultsNameTheMalformedElement) {
 
 // Numbers are read as strtoul reads them in base 10: a number above 255 is refused, one that
 // leaves characters behind fails at the next element.
-TEST(ParseRequest, NumbersAreReadAsStrtoulReadsThem) {
+TEST(ParseRequest, NumbersAreReadAsStrtoulReadsThemValuesCopiedUpToTheTextsEnd) {
     for (const char* spelling : {" 7", "\t\n+7", "-0", "-1", "007", "255x", "", "+", "- 1",
                                  "99999999999999999999999", "-99999999999999999999999"}) {
         char* end = nullptr;
@@ -55,9 +55,7 @@ TEST(ParseRequest, NumbersAreReadAsStrtoulReadsThem) {
         EXPECT_EQ(parse(request("1", spelling, "0"), r), expected) << spelling;
         EXPECT_EQ(r.f1, expected == -3 ? 0ul : value) << spelling;
     }
-}
 
-TEST(ParseRequest, ValueIsCopiedOverThePreviousOneUpToTheTextsEnd) {
     RequestMessage r{};
     ASSERT_EQ(parse(request("2", "4", "2", "500000", 6), r), 0);
     ASSERT_EQ(parse(request("2", "4", "2", "25", 2), r), 0);

@@ -6,10 +6,12 @@
 
 namespace {
 
+using CommandLine = SeamTest;
+
 // The usage text's wording is the code's own table and is not repeated here; the right text has
 // to begin the output. The version and the refusals of paths of 128 characters and keys out of
 // range are checked end to end.
-TEST(Options, StatusesTextsAndValues) {
+TEST_F(CommandLine, StatusesTextsAndValuesTheLockFileHoldsKeysAndProcessIdReplacingAnOldOne) {
     const std::string p127 = "/" + std::string(126, 'p'), usage = "\nUsage: cfgd [";
     // arguments, status, the output's beginning, then the path of the file, of the lock file, and
     // the keys of the queue and of the semaphore
@@ -41,11 +43,7 @@ TEST(Options, StatusesTextsAndValues) {
                                   std::to_string(o.queueKey) + " " + std::to_string(o.semaphoreKey);
         EXPECT_EQ(status == kContinue ? taken : "", values) << args.back();
     }
-}
 
-class LockFile : public SeamTest {};
-
-TEST_F(LockFile, HoldsKeysAndProcessIdAndReplacesAnOldOne) {
     fake.writeFile("/tmp/kiv_lock", "a much longer line left by an earlier daemon\n");
     ASSERT_EQ(writeLockFile("/tmp/kiv_lock", 5, 6, 4242), 0);
     EXPECT_EQ(fake.readFile("/tmp/kiv_lock"), "5, 6, 4242\n");

@@ -55,7 +55,7 @@ TEST_F(PlatformConfigTest, ReadTakesEachKeyWhereItIsNotCommentedOut) {
     EXPECT_EQ(fields(untouched), "2 1 1.1.1.1 x");
 }
 
-TEST_F(PlatformConfigTest, WriteOnlyWhenTheContentWouldChange) {
+TEST_F(PlatformConfigTest, WriteOnlyWhenTheContentWouldChangeUpdateTakesWlanAndDhcpServer) {
     // Each record is written over the file the previous row left; the file's region code is
     // then changed behind the writer's back, so a row that writes shows by its region code.
     const std::string head = "WLAN_DRIVER_REGCODE=0x10\nWLAN_MODE=";
@@ -79,9 +79,7 @@ TEST_F(PlatformConfigTest, WriteOnlyWhenTheContentWouldChange) {
     fake.removeFile(kPlatformConfigPath);
     std::filesystem::create_directories(fake.pathOf(kPlatformConfigPath));  // cannot be opened
     EXPECT_EQ(writePlatformConfig(record(2, 0, "0.0.0.0", "")), -1);
-}
 
-TEST_F(PlatformConfigTest, UpdateTakesTheWlanInterfaceAndTheDhcpServer) {
     m().platform = record(0, 0x10, "1.2.3.4", "/old/path");
     m().wlan.Mode = 2;
     inet_pton(AF_INET, "192.168.5.1", &m().wlan.IPv4);

@@ -38,19 +38,6 @@ TEST_F(Session, AcceptsOneWriteMoreThanAnnounced) {
     }
 }
 
-TEST_F(Session, TemporaryAfterPermanentIsDonePermanentAfterTemporaryIsNot) {
-    start(5);
-    EXPECT_EQ(writeGui(SET_PARAM, "0").mt, POS_ANSW);
-    EXPECT_EQ(shown(writeGui(SET_TEMP_PARAM, "1")), "POS to 42 8/1/0: " + kMixedText);
-    EXPECT_EQ(m().gui.show[0], 1);
-    send(ABORT_SESSION);
-
-    start(5);
-    EXPECT_EQ(writeGui(SET_TEMP_PARAM, "0").mt, POS_ANSW);
-    EXPECT_EQ(shown(writeGui(SET_PARAM, "1")), "NEG to 42 8/1/0: " + kMixedText);
-    EXPECT_EQ(m().gui.show[0], 0);
-}
-
 TEST_F(Session, FinishAppliesOnlyAnnouncedSessionsThatWrote) {
     fake.writeFile(kDefaultConfigPath, "");  // the daemon makes sure it exists; the end stores
     start(0);
@@ -68,7 +55,19 @@ TEST_F(Session, FinishAppliesOnlyAnnouncedSessionsThatWrote) {
     EXPECT_EQ(m().session.temporary, 0);
 }
 
-TEST_F(Session, FailedApplyKeepsTheWriteKindIntoTheNextSession) {
+TEST_F(Session, WriteKindsMixOnlyTemporaryAfterPermanentAndAFailedApplyKeepsThem) {
+    start(5);
+    EXPECT_EQ(writeGui(SET_PARAM, "0").mt, POS_ANSW);
+    EXPECT_EQ(shown(writeGui(SET_TEMP_PARAM, "1")), "POS to 42 8/1/0: " + kMixedText);
+    EXPECT_EQ(m().gui.show[0], 1);
+    send(ABORT_SESSION);
+
+    start(5);
+    EXPECT_EQ(writeGui(SET_TEMP_PARAM, "0").mt, POS_ANSW);
+    EXPECT_EQ(shown(writeGui(SET_PARAM, "1")), "NEG to 42 8/1/0: " + kMixedText);
+    EXPECT_EQ(m().gui.show[0], 0);
+    send(ABORT_SESSION);
+
     fake.setHostNameErrno = EPERM;
     start(1);
     send(SET_PARAM, 1, 0, 0, "denied");

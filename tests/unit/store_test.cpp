@@ -15,6 +15,7 @@
 #include "filters/filter_store.h"
 #include "filters/route_filters.h"
 #include "model/handler.h"
+#include "model/value_rules.h"
 #include "network/dhcp_server.h"
 #include "routing/destination.h"
 
@@ -23,6 +24,18 @@ namespace {
 // As the store writes it: the line feed that ends it opens the first section.
 const std::string kHeader131 = configHeader("1.3.1").erase(configHeader("1.3.1").size() - 1) + " ";
 constexpr const char *kBackup = "/mnt/user/kiv_config.old", *kTemporary = "/tmp/kiv_config.tmp";
+
+// `text` behind its check line, as the hardened store writes it.
+std::string checked(const std::string& text) {
+    char* out = nullptr;
+    std::size_t size = 0;
+    std::FILE* memory = open_memstream(&out, &size);
+    EXPECT_TRUE(stored::writeChecked(memory, text.data(), text.size()));
+    std::fclose(memory);
+    std::string result(out, size);
+    std::free(out);
+    return result;
+}
 
 // A section as the library writes it out, from "key=value;key=value".
 std::string section(const std::string& name, const std::string& keys) {
@@ -43,11 +56,13 @@ class Store : public SeamTest {
         answer = AnswerMessage{};
         return storeConfiguration(m(), answer);
     }
+    stored::Check check(const char* path = kDefaultConfigPath) const {
+        return stored::checkFile(fake.pathOf(path).c_str());
+    }
     // The file as the store wrote it, behind the hardened profile's check line (which must hold).
     std::string stored(const char* path = kDefaultConfigPath) const {
         const std::string file = fake.readFile(path);
-        const bool checked = stored::checkFile(fake.pathOf(path).c_str()) == stored::Check::Passes;
-        return checked ? file.substr(file.find('\n') + 1) : file;
+        return check(path) == stored::Check::Passes ? file.substr(file.find('\n') + 1) : file;
     }
     // Entries of the stored file as the library reads them back, "|"-separated: "-" for none,
     // "[]" for a section.
@@ -98,6 +113,30 @@ TEST_F(Store, WritesHeaderSectionsAndKeysInTheLibrarysForm) {
     EXPECT_EQ(fake.readFile(kBackup), before);
     EXPECT_EQ(fake.commands, std::vector<std::string>{"mv -f " + fake.pathOf(kTemporary) + " " +
                                                       fake.pathOf(kDefaultConfigPath)});
+    // Only the hardened store writes a check line and syncs the moved file and its directory.
+    EXPECT_EQ(check(), kHardened ? stored::Check::Passes : stored::Check::NoCheckLine);
+    const std::vector<std::string> synced{kDefaultConfigPath, "/mnt/user"};
+    EXPECT_EQ(fake.syncedPaths, kHardened ? synced : std::vector<std::string>{});
+}
+
+TEST_F(Store, AWholeCheckedFilePassesAndEveryCutOrChangeFails) {
+    const std::string text = configHeader("1.3.1") + "[General]\nDescription = lab\n";
+    const std::string whole = checked(text);
+    std::string changed = whole;
+    changed[changed.size() - 3] ^= 1;
+    const std::pair<std::string, stored::Check> cases[] = {
+        {whole, stored::Check::Passes},
+        {text, stored::Check::NoCheckLine},  // a person's or a legacy build's
+        {whole.substr(0, 1), stored::Check::Fails},
+        {whole.substr(0, whole.find('\n')), stored::Check::Fails},
+        {whole.substr(0, whole.size() - 1), stored::Check::Fails},
+        {whole + "[x]\n", stored::Check::Fails},
+        {changed, stored::Check::Fails},
+    };
+    for (const auto& [file, result] : cases) {
+        fake.writeFile(kDefaultConfigPath, file);
+        EXPECT_EQ(check(), result) << file;
+    }
 }
 
 // Every written key of every group reads back as it was stored: a second store of the reloaded
@@ -248,8 +287,24 @@ TEST_F(Store, DirectoryGivesDefaultsAndIsNeverStoredOver) {
     EXPECT_TRUE(std::filesystem::is_directory(path));
 }
 
+// Values are written unquoted, so the next load reads them by the file's comment and line
+// rules: a ';' or '#' ends the value, outer blanks go, and a line break makes the whole file
+// unreadable (every default, and every later store fails until the file is mended).
+TEST_F(Store, CommentSignsAndLineBreaksInValuesChangeTheNextLoad) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"a;b", "a"}, {"#all", ""}, {"  blanks  ", "blanks"}, {"two\nlines", "Module description"}};
+    for (const auto& [value, loaded] : cases) {
+        fake.writeFile(kDefaultConfigPath, configHeader("1.3.1"));
+        copyText(m().general.Description, value);
+        ASSERT_EQ(store({flag::General}), 0) << value;
+        load("");
+        EXPECT_STREQ(m().general.Description, loaded) << value;
+    }
+    EXPECT_EQ(store({flag::General}), -1);  // the file with the line break
+}
+
 // Whichever file step fails, the configuration path or else the backup holds a whole file.
-TEST_F(Store, EachFileStepFailingLeavesAWholeFile) {
+TEST_F(Store, EachFileStepFailingLeavesAWholeFileErrorTexts) {
     using Knob = int FakeSystem::*;
     const Knob open = &FakeSystem::openStreamErrno, write = &FakeSystem::writeErrno,
                sync = &FakeSystem::syncErrno, close = &FakeSystem::closeErrno,
@@ -294,25 +349,8 @@ TEST_F(Store, EachFileStepFailingLeavesAWholeFile) {
     }
     EXPECT_NE(fresh.find("show_can_info                  = 0"), std::string::npos);
     EXPECT_GT(fake.streamSyncs, 0);
-}
 
-// Values are written unquoted, so the next load reads them by the file's comment and line
-// rules: a ';' or '#' ends the value, outer blanks go, and a line break makes the whole file
-// unreadable (every default, and every later store fails until the file is mended).
-TEST_F(Store, CommentSignsAndLineBreaksInValuesChangeTheNextLoad) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"a;b", "a"}, {"#all", ""}, {"  blanks  ", "blanks"}, {"two\nlines", "Module description"}};
-    for (const auto& [value, loaded] : cases) {
-        fake.writeFile(kDefaultConfigPath, configHeader("1.3.1"));
-        copyText(m().general.Description, value);
-        ASSERT_EQ(store({flag::General}), 0) << value;
-        load("");
-        EXPECT_STREQ(m().general.Description, loaded) << value;
-    }
-    EXPECT_EQ(store({flag::General}), -1);  // the file with the line break
-}
-
-TEST_F(Store, ErrorTexts) {
+    // The texts of a key or section the file lacks.
     char text[kDataSize];
     EXPECT_EQ(formatIniError(text, sizeof text, 5, 1, 0), 51);
     EXPECT_STREQ(text, "ERROR@(5,1,0): key pair doesn't exist in .ini file!");
@@ -320,25 +358,32 @@ TEST_F(Store, ErrorTexts) {
     EXPECT_STREQ(text, "ERROR@(2,0,4294967295): section doesn't exist in .ini file!");
 }
 
-// A store cut short after the file went to the backup: the start-up puts the backup back.
+// A store cut short after the file went to the backup: the start-up puts the backup back. The
+// hardened start-up does so for a file that did not reach the flash whole too.
 TEST_F(Store, InterruptedStoreIsUndoneAtStartUp) {
-    // configuration file (nullptr: missing), backup (nullptr: missing), result, file after
-    const std::tuple<const char*, const char*, int, std::string> cases[] = {
-        {nullptr, "stored\n", 1, "stored\n"},
-        {"", "stored\n", 1, "stored\n"},
-        {"current\n", "stored\n", 0, "current\n"},
-        {nullptr, nullptr, 0, ""},
-        {"", "", 0, ""},
+    const std::string whole = checked(configHeader("1.3.1") + "[General]\nDescription = new\n");
+    const std::string cut = whole.substr(0, 60);
+    const std::string old = configHeader("1.3.1") + "[General]\nDescription = old\n";
+    // configuration file ("-": missing), backup ("-": missing), whether it is put back
+    const std::tuple<std::string, std::string, bool> cases[] = {
+        {"-", "stored\n", true},
+        {"", "stored\n", true},
+        {"current\n", "stored\n", false},
+        {"-", "-", false},
+        {"", "", false},
+        {cut, old, kHardened},
+        {cut, checked(old), kHardened},
+        {cut, checked(old).substr(0, 60), false},  // both cut: no better one
+        {whole, old, false},
     };
-    for (const auto& [file, backup, result, after] : cases) {
+    for (const auto& [file, backup, putBack] : cases) {
         fake.removeFile(kDefaultConfigPath);
         fake.removeFile(kBackup);
-        if (file != nullptr) fake.writeFile(kDefaultConfigPath, file);
-        if (backup != nullptr) fake.writeFile(kBackup, backup);
-        EXPECT_EQ(restoreInterruptedStore(), result)
-            << (file ? file : "-") << (backup ? backup : "-");
-        EXPECT_EQ(stored(), after);
-        EXPECT_EQ(fake.fileExists(kBackup), backup != nullptr && result == 0);
+        if (file != "-") fake.writeFile(kDefaultConfigPath, file);
+        if (backup != "-") fake.writeFile(kBackup, backup);
+        EXPECT_EQ(restoreInterruptedStore(), putBack ? 1 : 0) << file << " | " << backup;
+        EXPECT_EQ(fake.readFile(kDefaultConfigPath), putBack ? backup : file == "-" ? "" : file);
+        EXPECT_EQ(fake.fileExists(kBackup), backup != "-" && !putBack);
     }
 }
 

@@ -195,14 +195,6 @@ def test_pending_trial_and_refusals_show_with_reworded_messages():
     refuse_can0_bitrate("btn-trial")
 
 
-def test_can_trial_kept():
-    try_can1_bitrate(SLOW, "250000")
-    press("btn-keep")
-    check("trial pending" not in cfgctl(A, "trial", strict=False), "still pending")
-    check(cfgctl(A, "get", "can1.bitrate").strip() == "250000", "not kept")
-    check(re.search(r"\[can_1\][^\[]*\nbaudrate\s*=\s*250000\n", open(A_INI).read()), "not stored")
-
-
 def test_can_trial_not_kept_rolls_back_at_the_deadline():
     before = cfgctl(A, "get", "can1.bitrate").strip()
     returned = try_can1_bitrate(FAST, "125000" if before != "125000" else "250000")
