@@ -45,6 +45,9 @@ constexpr int kFileErrorGroup = 2;
 constexpr int kFileErrorKey = 0;
 
 constexpr const char* kTemporaryOpenMode = "w";
+// Made anew and exclusively: /tmp is every local user's, and a link planted at the temporary
+// path would have root write the configuration through it.
+constexpr const char* kExclusiveTemporaryOpenMode = "wx";
 constexpr const char* kMoveFormat = "mv -f %s %s";
 constexpr std::size_t kMoveCommandSize = 200;  // bytes, the terminator included
 
@@ -527,7 +530,9 @@ int Store::replaceFile() {
     if (visited_ == 0) return status_;
     sys::System& system = sys::current();
     const sys::FilePath temporary = sys::placeFile(kTemporaryConfigPath);
-    std::FILE* stream = system.openStream(temporary.c_str(), kTemporaryOpenMode);
+    if constexpr (kHardened) (void)system.unlinkFile(kTemporaryConfigPath);  // "wx" tells
+    std::FILE* stream = system.openStream(
+        temporary.c_str(), kHardened ? kExclusiveTemporaryOpenMode : kTemporaryOpenMode);
     if (stream == nullptr) return failFileStep(kCreateFailedFormat);
     errno = 0;
     bool written = true;

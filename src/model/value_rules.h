@@ -3,12 +3,7 @@
 // shell command line, a generated file or the configuration file are checked where they are
 // set, and refused with a text that names the rule. The legacy build never calls them.
 
-#ifndef CFGD_HARDENED
-#define CFGD_HARDENED 0
-#endif
-
-// Not inline: each translation unit sees the value of its own build.
-constexpr bool kHardened = CFGD_HARDENED != 0;
+#include "sys/profile.h"
 
 namespace rules {
 

@@ -16,6 +16,7 @@
 #include "config/store.h"
 #include "core/session.h"
 #include "fake_system.h"
+#include "filters/route_filters.h"
 #include "model/value_rules.h"
 #include "network/wlan_count.h"
 #include "network/wlan_group.h"
@@ -131,6 +132,23 @@ constexpr FileCase kFileCases[] = {
     {"RT_0:RtInfo", "rt;x", rules::kStoredTextText, "Route n", 's'},
     {"RT_0:Interface1", "c$(reboot)", rules::kInterfaceNameText, "can0", 's'},
 };
+
+// Links a local user planted at the paths root writes in /tmp (a route's filter file, the
+// store's temporary file): the legacy daemon writes through them, the hardened one makes its
+// own files instead.
+TEST_F(Hardened, PlantedLinksInSharedPlacesAreNotWrittenThrough) {
+    fake.writeFile("/etc/target", "secret\n");
+    for (const char* planted : {"/tmp/canoip3_filter.cfg", kTemporaryConfigPath}) {
+        fake.removeFile(planted);
+        ASSERT_EQ(symlink(fake.pathOf("/etc/target").c_str(), fake.placeFile(planted).c_str()), 0);
+    }
+    storeFilterInformation(m().routes[3], 3, FilterList{});
+    m().changed.place[flag::General] = 1;
+    AnswerMessage answer{};
+    EXPECT_EQ(storeConfiguration(m(), answer), 0) << answer.da;
+    EXPECT_EQ(fake.readFile("/etc/target") == "secret\n", kHardened);
+    EXPECT_NE(fake.readFile("/tmp/canoip3_filter.cfg"), "");
+}
 
 TEST_F(Hardened, FileTextsAreCheckedAtLoadAsAClientsWrites) {
     std::string file = configHeader("1.3.1") +
