@@ -124,11 +124,14 @@ def submit(page, name, value, button, port=SLOW):
     press(button)
 
 
-# A bit rate for can0 that cfgd refuses, sent with `button`: the field shows cfgd's text.
+# A bit rate for can0 that cfgd refuses, sent with `button`: after the redirect to the page's
+# GET, the field shows cfgd's text and keeps the input.
 def refuse_can0_bitrate(button):
     submit("can.php", "can0.bitrate", "4999", button)
     error = by_id("err-can0-bitrate").text
     check("baud rate not changed" in error, f"the field's error: {error!r}")
+    check(DRIVER.current_url == f"http://127.0.0.1:{SLOW}/can.php", DRIVER.current_url)
+    check(by_id("f-can0-bitrate").get_attribute("value") == "4999", "the input is not kept")
 
 
 def log_lines():
@@ -167,6 +170,9 @@ def test_pages_need_the_login_and_show():
 def test_refused_value_and_post_without_csrf_token_change_nothing():
     before = dump(A)
     refuse_can0_bitrate("btn-now")
+    DRIVER.refresh()  # the refusal was shown once
+    check(by_id("err-can0-bitrate").text == "" and not DRIVER.find_elements(By.CSS_SELECTOR, ".banner"),
+          "the refusal is shown again")
     form = urllib.parse.urlencode({"action": "save", "mode": "now", "v[can1.bitrate]": "125000"})
     status, _ = http(f"http://127.0.0.1:{SLOW}/can.php", form.encode())
     check(status == 403, f"status {status}")
@@ -203,6 +209,13 @@ def test_can_trial_not_kept_rolls_back_at_the_deadline():
                5 + 2 - (time.monotonic() - returned), "rolled back")
     check(any(re.match(f"ip link set can1 type can bitrate {before} ", l) for l in log_lines()[logged:]),
           "no ip link line of the rollback")
+    # A reload, as the expired trial advises, is a GET: it does not start the trial again.
+    logged = len(log_lines())
+    DRIVER.refresh()
+    check(DRIVER.current_url == f"http://127.0.0.1:{FAST}/can.php", DRIVER.current_url)
+    check(not any("bitrate" in l for l in log_lines()[logged:]) and not DRIVER.find_elements(By.ID, "trial"),
+          "the reload sent the trial again")
+    check(cfgctl(A, "get", "can1.bitrate").strip() == before, "the trial's rate is back")
 
 
 def test_lan_trial_kept_through_the_new_address():

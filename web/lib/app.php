@@ -35,8 +35,13 @@
 //                   "route-link-N", dd "stat-COUNTER" (stat-can_packets, ...); filters.php:
 //                   table "filters", p "filter-count"; system.php: "kl15"; trial.php: p
 //                   "no-trial" when none is pending; app.js adds p "trial-expired" at zero
-// HTTP status: 403 for a POST without the right token (nothing changed), 503 when cfgd
-// cannot be reached, 500 for an unexpected fault (logged); else 200.
+//   after a post   every post with the right token is answered with 303 to a GET of the same
+//                   URL (query string included; trial.php's: trial.php?back=PAGE); what it
+//                   did (banners, refusals beside fields, a refused form's input, cfgctl's
+//                   lines) is a flash in the PHP session that the next GET of that URL shows
+//                   once, so that reload and back send nothing again
+// HTTP status: 303 after a post, 403 for a POST without the right token (nothing changed, no
+// redirect), 503 when cfgd cannot be reached, 500 for an unexpected fault (logged); else 200.
 
 declare(strict_types=1);
 
@@ -141,6 +146,12 @@ final class App
     public static string $token = '';
     /** @var array|null the pending trial, as layout_start() found it */
     public static ?array $trial = null;
+    /** Whether this request is a POST with the right token: it ends with redirect_after_post(). */
+    public static bool $posted = false;
+    /** @var array what the post before this GET left for it: banners, form, upload */
+    public static array $flash = [];
+    /** @var array what this post leaves for the GET after it, besides the banners */
+    public static array $leave = [];
 }
 
 /** A message above the page; `$link` is [href, label]. */
@@ -179,6 +190,9 @@ function fail_page(Throwable $e, string $page): void
     }
     ob_clean();
     banner_for($e);
+    if (App::$posted && !headers_sent()) {
+        redirect_after_post();  // a reload must not send the post again either
+    }
     try {
         layout_start($page, PAGES[$page] ?? 'Error');
         layout_end();
@@ -188,8 +202,16 @@ function fail_page(Throwable $e, string $page): void
     }
 }
 
-// The PHP session only carries the CSRF token; it is closed at once so that slow requests
-// (a trial takes a few seconds) do not hold the browser's other requests up.
+/** The URL a post is sent to and its GET shows: the page with its query string. */
+function this_url(): string
+{
+    $query = $_SERVER['QUERY_STRING'] ?? '';
+    return current_page() . (is_string($query) && $query !== '' ? '?' . $query : '');
+}
+
+// The PHP session carries the CSRF token and the flashes; it is closed at once so that slow
+// requests (a trial takes a few seconds) do not hold the browser's other requests up. A GET
+// takes the flash left for its URL, so that it is shown once.
 function start_php_session(): void
 {
     // PHP's session directory may be missing or read-only on the device: then one of ours.
@@ -209,7 +231,29 @@ function start_php_session(): void
         $_SESSION['csrf'] = bin2hex(random_bytes(32));
     }
     App::$token = $_SESSION['csrf'];
+    if (($_SERVER['REQUEST_METHOD'] ?? 'GET') === 'GET' && is_array($_SESSION['flash'][this_url()] ?? null)) {
+        App::$flash = $_SESSION['flash'][this_url()];
+        unset($_SESSION['flash'][this_url()]);
+        App::$banners = App::$flash['banners'] ?? [];
+    }
     session_write_close();
+}
+
+/**
+ * Ends a post: its result goes into the session as the flash of `$url` (default: the URL it was
+ * sent to), and the browser is sent there with 303 See Other, so that it GETs that page.
+ */
+function redirect_after_post(?string $url = null): never
+{
+    $url ??= this_url();
+    while (ob_get_level() > 0) {
+        ob_end_clean();
+    }
+    session_start();
+    $_SESSION['flash'][$url] = ['banners' => App::$banners] + App::$leave;
+    session_write_close();
+    header('Location: ' . $url, true, 303);
+    exit;
 }
 
 function csrf_field(): string
@@ -229,6 +273,7 @@ function posted_action(): ?string
         banner('error', TEXT['csrf']);
         return null;
     }
+    App::$posted = true;
     $action = $_POST['action'] ?? '';
     return is_string($action) ? $action : '';
 }

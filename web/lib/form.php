@@ -38,9 +38,19 @@ final class Form
         foreach ($fields as $f) {
             $this->fields[$f['name']] = $f;
         }
+        // What the post before this GET left: refusals and the input they keep, of these fields.
+        $left = App::$flash['form'] ?? null;
+        if (is_array($left)) {
+            $this->errors = array_intersect_key($left['errors'] ?? [], $this->fields);
+            $this->posted = is_array($left['posted'] ?? null)
+                ? array_intersect_key($left['posted'], $this->fields) : null;
+        }
     }
 
-    /** Sends the posted form as the pressed button says; true when it took effect. */
+    /**
+     * Sends the posted form as the pressed button says; true when it took effect. Its refusals
+     * and, after a failure, the user's input go to the GET after the post.
+     */
     public function handle(): bool
     {
         $this->posted = $this->collect();
@@ -48,6 +58,7 @@ final class Form
         if ($done) {
             $this->posted = null;  // show the device's values again
         }
+        App::$leave['form'] = ['errors' => $this->errors, 'posted' => $this->posted];
         return $done;
     }
 

@@ -9,6 +9,9 @@ $form = new Form(array_merge(...array_map('can_fields', CAN_INTERFACES)));
 if (posted_action() === 'save') {
     $form->handle();
 }
+if (App::$posted) {
+    redirect_after_post();
+}
 $names = array_keys($form->fields);
 foreach (CAN_INTERFACES as $can) {
     array_push($names, "$can.sample_point", "$can.manual_bit_timing", "$can.bit_timing",

@@ -13,6 +13,9 @@ $form = new Form($fields);
 if (posted_action() === 'save') {
     $form->handle();
 }
+if (App::$posted) {
+    redirect_after_post();
+}
 // Only the defined filters can be read; the others would each cost a refused read.
 $v = read_page(['filter.count', 'filter.max', 'filter.list'], function (array $v): array {
     $names = [];

@@ -10,6 +10,9 @@ $form = new Form(lan_fields());
 if (posted_action() === 'save') {
     $form->handle();
 }
+if (App::$posted) {
+    redirect_after_post();
+}
 $v = read_page([...array_keys($form->fields), 'lan0.if_name', 'lan0.mac']);
 
 if (layout_start($page, 'LAN', $v !== null)) {

@@ -31,6 +31,9 @@ if ($action === 'save') {
         banner_for($e);
     }
 }
+if (App::$posted) {
+    redirect_after_post();
+}
 
 $columns = ['name', 'state', 'type', 'interface', 'protocol', 'destination', 'fpp', 'filters'];
 $names = [];

@@ -84,13 +84,16 @@ if (($_GET['download'] ?? '') === '1' && ($_SERVER['REQUEST_METHOD'] ?? 'GET') =
     exit;
 }
 $form = new Form(system_fields());
-$uploadLines = null;
 $action = posted_action();
 if ($action === 'save') {
     $form->handle();
 } elseif ($action === 'upload') {
-    $uploadLines = apply_upload(posted_mode());
+    App::$leave['upload'] = apply_upload(posted_mode());
 }
+if (App::$posted) {
+    redirect_after_post();
+}
+$uploadLines = App::$flash['upload'] ?? null;
 $v = read_page([...array_keys($form->fields), 'general.kl15_power_down']);
 
 if (layout_start($page, 'System', $v !== null)) {
@@ -131,7 +134,7 @@ if (layout_start($page, 'System', $v !== null)) {
   <button type="submit" id="btn-upload-now" name="mode" value="now"><?= h(TEXT['save_now']) ?></button>
 </div>
   </form>
-<?php if ($uploadLines !== null && $uploadLines !== '') { ?>
+<?php if (is_string($uploadLines) && $uploadLines !== '') { ?>
   <pre id="upload-output"><?= h($uploadLines) ?></pre>
 <?php } ?>
 </section>

@@ -24,6 +24,9 @@ if ($action === 'confirm' || $action === 'rollback') {
         banner_for($e);
     }
 }
+if (App::$posted) {
+    redirect_after_post("trial.php?back=$back");
+}
 read_page([]);  // the header's identity and the pages shown
 $back = page_shown($back) ? $back : 'index.php';
 
