@@ -176,7 +176,11 @@ void restrictIpc() {
 }  // namespace
 
 int writeLockFile(const char* path, int semaphoreKey, int queueKey, int pid) {
-    int fd = open(sys::placeFile(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC, kLockFileMode);
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
+    // The lock file lies in /tmp: the hardened daemon never writes (or re-modes) through a link
+    // or a file that a local user planted at its path.
+    int fd = kHardened ? sys::current().openFile(path, kFlags, kLockFileMode)
+                       : open(sys::placeFile(path).c_str(), kFlags, kLockFileMode);
     if (fd < 0) return -1;
     // A lock file left behind keeps its mode through the open; the umask may take bits away.
     if constexpr (kHardened) (void)fchmod(fd, kLockFileMode);

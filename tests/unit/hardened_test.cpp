@@ -14,6 +14,7 @@
 #include "config/config_path.h"
 #include "config/loader.h"
 #include "config/store.h"
+#include "core/daemon.h"
 #include "core/session.h"
 #include "fake_system.h"
 #include "filters/route_filters.h"
@@ -134,11 +135,12 @@ constexpr FileCase kFileCases[] = {
 };
 
 // Links a local user planted at the paths root writes in /tmp (a route's filter file, the
-// store's temporary file): the legacy daemon writes through them, the hardened one makes its
-// own files instead.
+// store's temporary file, the lock file): the legacy daemon writes through them, the hardened
+// one makes its own files instead.
 TEST_F(Hardened, PlantedLinksInSharedPlacesAreNotWrittenThrough) {
+    constexpr const char* kLock = "/tmp/kiv_lock";
     fake.writeFile("/etc/target", "secret\n");
-    for (const char* planted : {"/tmp/canoip3_filter.cfg", kTemporaryConfigPath}) {
+    for (const char* planted : {"/tmp/canoip3_filter.cfg", kTemporaryConfigPath, kLock}) {
         fake.removeFile(planted);
         ASSERT_EQ(symlink(fake.pathOf("/etc/target").c_str(), fake.placeFile(planted).c_str()), 0);
     }
@@ -146,6 +148,7 @@ TEST_F(Hardened, PlantedLinksInSharedPlacesAreNotWrittenThrough) {
     m().changed.place[flag::General] = 1;
     AnswerMessage answer{};
     EXPECT_EQ(storeConfiguration(m(), answer), 0) << answer.da;
+    EXPECT_EQ(writeLockFile(kLock, 5, 6, 7), 0);
     EXPECT_EQ(fake.readFile("/etc/target") == "secret\n", kHardened);
     EXPECT_NE(fake.readFile("/tmp/canoip3_filter.cfg"), "");
 }
