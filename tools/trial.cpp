@@ -54,18 +54,27 @@ struct ProcessState {
     std::string name;
 };
 
+// The start of /proc/PID/FILE into `text`, terminated: its length, or -1 without the process.
+template <std::size_t N>
+ssize_t readProcFile(int pid, const char* file, char (&text)[N]) {
+    char path[48];
+    std::snprintf(path, sizeof path, "/proc/%d/%s", pid, file);
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    const ssize_t n = ::read(fd, text, N - 1);
+    (void)::close(fd);  // read only
+    text[n > 0 ? n : 0] = '\0';
+    return n;
+}
+
 // /proc/PID/stat: "PID (NAME) STATE ..." with the start time (in clock ticks after boot) as the
 // 22nd field. False when there is no such process.
 bool readProcess(int pid, ProcessState& process) {
-    char path[32], stat[512] = {};
-    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const ssize_t n = ::read(fd, stat, sizeof stat - 1);
-    (void)::close(fd);  // read only
+    char stat[512];
+    if (readProcFile(pid, "stat", stat) <= 0) return false;
     const char* open = std::strchr(stat, '(');
     const char* close = std::strrchr(stat, ')');
-    if (n <= 0 || open == nullptr || close == nullptr || close < open) return false;
+    if (open == nullptr || close == nullptr || close < open) return false;
     process.name.assign(open + 1, close);
     process.state = close[1] == ' ' ? close[2] : 0;
     const char* field = close + 2;  // the state, the 3rd field
@@ -92,14 +101,10 @@ bool isGuard(const GuardId& guard) {
     if (guard.pid <= 0 || !readProcess(guard.pid, process) || process.state == 'Z' ||
         process.startTicks != guard.startTicks || process.name != kGuardName)
         return false;
-    char path[32], command[256] = {};
-    std::snprintf(path, sizeof path, "/proc/%d/cmdline", guard.pid);
-    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const ssize_t n = ::read(fd, command, sizeof command - 1);
-    (void)::close(fd);                               // read only
+    char command[256];
+    if (readProcFile(guard.pid, "cmdline", command) <= 0) return false;
     const char* slash = std::strrchr(command, '/');  // argv[0] ends at the first NUL
-    return n > 0 && std::string_view(slash != nullptr ? slash + 1 : command) == kProgramName;
+    return std::string_view(slash != nullptr ? slash + 1 : command) == kProgramName;
 }
 
 // Unreachable daemon: the guard tries again, a client leaves the trial as it is.
