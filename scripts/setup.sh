@@ -16,7 +16,11 @@ packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmoc
           # The manual pages' test renders them with man and groff.
           man-db groff-base
           # The sandbox's flash simulation for the power-cut test (sandbox/flashsim); setfattr cuts.
-          libfuse3-dev fuse3 attr)
+          libfuse3-dev fuse3 attr
+          # The front end's TLS check (testssl.sh) and its metrics check (promtool, in prometheus).
+          testssl.sh prometheus
+          # The simulated fleet: Ansible on the controller, dropbear and ssh between them.
+          ansible-core dropbear-bin openssh-client)
 # `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.
 [ "${1:-}" = fuzz ] && packages+=(clang libclang-rt-dev)
 missing=()
