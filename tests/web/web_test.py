@@ -8,7 +8,7 @@
 # and of 5 s, the first on every address of the sandbox's own network (the LAN test reaches it at
 # eth0's new address) and with cfgctl's messages reworded (tests/support/reworded-cfgctl).
 # Headless Chromium logs in with an Authorization header. Screenshots go to
-# $CFGD_BUILD_DIR/web-screenshots/.
+# $CFGD_BUILD_DIR/web-screenshots/. CFGD_WEB_TESTS=WORD runs only the tests whose names hold WORD.
 import base64, os, re, subprocess, sys, tempfile, time, urllib.error, urllib.parse, urllib.request
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -300,7 +300,8 @@ def main():
     start_server(FAST, A, 5)
     DRIVER = browser()
     passed = failed = 0
-    for name, test in [(n, t) for n, t in globals().items() if n.startswith("test_")]:
+    only = os.environ.get("CFGD_WEB_TESTS", "")  # a part of the names of the tests to run
+    for name, test in [(n, t) for n, t in globals().items() if n.startswith("test_") and only in n]:
         try:
             test()
             passed += 1
