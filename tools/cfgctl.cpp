@@ -252,22 +252,35 @@ int runApply(const Invocation& invocation) {
     return cfgctl::kExitOk;
 }
 
-// The PHP library's table: name => [f1, f2, f3, access] and, where it has one, the "none"
-// text that is written as the empty value.
+// The most characters of a value for `p` that the daemon keeps and a request carries (with
+// its terminator); 0 for a parameter that cannot be written.
+std::size_t longestValue(const Param& p) {
+    if (p.access == ParamAccess::ReadOnly || p.access == ParamAccess::Live) return 0;
+    std::string value(p.chars != 0 && p.chars < kQueueTextSize ? p.chars : kQueueTextSize, 'x');
+    while (!value.empty() && !client::fitsInRequest(SET_PARAM, p.f1, p.f2, p.f3, value.c_str()))
+        value.pop_back();
+    return value.size();
+}
+
+// The PHP library's table: name => [f1, f2, f3, access, longest value] and, where they apply,
+// 'none' (the read's "none" text, written as the empty value) and 'range' (a number's).
 void printPhpNames() {
     std::printf(
         "<?php\n"
         "// cfgd's parameter names for the PHP client library, written by `cfgctl names --php`\n"
         "// from the daemon's table: do not edit (the test command checks that it is current).\n"
-        "// name => [f1, f2, f3, access ('rw', 'r', 'live', 'w'), the read's text for \"none\",\n"
-        "// written back as the empty value]\n"
+        "// name => [f1, f2, f3, access ('rw', 'r', 'live', 'w'), the most characters of a value\n"
+        "// that the daemon keeps and a request carries (0: not written)], and where they apply\n"
+        "// 'none' => the read's text for \"none\", written back as the empty value, and\n"
+        "// 'range' => [lowest, highest] of a number whose refusal text does not say it\n"
         "return [\n");
     for (std::size_t i = 0; i < paramCount(); ++i) {
         const Param p = paramAt(i);
         const std::string_view access = accessWord(p.access);
-        std::printf("    '%s' => [%u, %u, %u, '%.*s'", p.name, p.f1, p.f2, p.f3,
-                    static_cast<int>(access.size()), access.data());
-        if (p.noneText != nullptr) std::printf(", '%s'", p.noneText);
+        std::printf("    '%s' => [%u, %u, %u, '%.*s', %zu", p.name, p.f1, p.f2, p.f3,
+                    static_cast<int>(access.size()), access.data(), longestValue(p));
+        if (p.noneText != nullptr) std::printf(", 'none' => '%s'", p.noneText);
+        if (p.high != 0) std::printf(", 'range' => [%u, %u]", p.low, p.high);
         std::printf("],\n");
     }
     std::printf("];\n");

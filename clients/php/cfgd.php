@@ -49,6 +49,11 @@ final class NotRunning extends Error
 {
 }
 
+/** The daemon took the request but sent no answer within the time-out. */
+final class NoAnswer extends Error
+{
+}
+
 final class NoTrial extends Error
 {
     public function __construct()
@@ -192,7 +197,11 @@ final class Session
         $this->end(self::ABORT_SESSION);
     }
 
-    /** @return array<string, array> name => [f1, f2, f3, access ('rw', 'r', 'live', 'w')] */
+    /**
+     * @return array<string, array> name => [f1, f2, f3, access ('rw', 'r', 'live', 'w'), the
+     * most characters of a value that cfgd keeps and a request carries (0: not written)], with
+     * 'none' and 'range' where they apply (cfgd_names.php says what they are)
+     */
     public static function names(): array
     {
         return self::$names ??= require __DIR__ . '/cfgd_names.php';
@@ -204,12 +213,35 @@ final class Session
         return array_slice(self::entry($name), 0, 3);
     }
 
+    /** The most characters of a value of `$name` that cfgd keeps and a request carries. */
+    public static function longestValue(string $name): int
+    {
+        return self::entry($name)[4];
+    }
+
+    /** The range of a number whose refusal does not say it: [lowest, highest], or null. */
+    public static function range(string $name): ?array
+    {
+        return self::entry($name)['range'] ?? null;
+    }
+
     private static function entry(string $name): array
     {
         $entry = self::names()[$name] ?? null;
         if ($entry !== null) {
             return $entry;
         }
+        $near = self::closeNames($name);
+        $text = "unknown parameter name \"$name\"";
+        if ($near !== []) {
+            $text .= '; close: ' . implode(', ', $near);
+        }
+        throw new UnknownName($text);
+    }
+
+    /** @return string[] known names close enough to `$name` to be a slip, closest first */
+    public static function closeNames(string $name): array
+    {
         // Near enough to be a slip: an edit for every four characters, at least two.
         $folded = strtolower($name);
         $limit = max(2, intdiv(strlen($folded), 4));
@@ -221,11 +253,7 @@ final class Session
             }
         }
         asort($near);
-        $text = "unknown parameter name \"$name\"";
-        if ($near !== []) {
-            $text .= '; close: ' . implode(', ', array_slice(array_keys($near), 0, self::SHOWN_MATCHES));
-        }
-        throw new UnknownName($text);
+        return array_slice(array_keys($near), 0, self::SHOWN_MATCHES);
     }
 
     /** @return array{0: int[], 1: ?string} the address and the value to send */
@@ -256,7 +284,7 @@ final class Session
         }
         $value = (string) $rest[0];
         // A read's "none" (a route without filters reads -1) means something else written back.
-        if ($entry !== null && isset($entry[4]) && $value === $entry[4]) {
+        if ($entry !== null && isset($entry['none']) && $value === $entry['none']) {
             $value = '';
         }
         return [$address, $value];
@@ -412,7 +440,7 @@ final class Session
                 throw new Error("cannot receive from cfgd (error $error)");
             }
             if (hrtime(true) >= $deadline) {
-                throw new Error("no answer from cfgd within {$this->timeoutSeconds} s");
+                throw new NoAnswer("no answer from cfgd within {$this->timeoutSeconds} s");
             }
             usleep(self::POLL_MICROSECONDS);
         }
@@ -549,6 +577,7 @@ final class Trial
             $status === self::EXIT_REFUSED && is_array($refusal) =>
                 new Refused($refusal['text'], $refusal['param']['address'] ?? [0, 0, 0]),
             $status === self::EXIT_NOT_REACHABLE => new NotRunning($errors),
+            $status === self::EXIT_NO_ANSWER => new NoAnswer($errors),
             default => new Error($errors),
         };
     }

@@ -5,6 +5,7 @@
 #include <span>
 
 #include "model/config_model.h"
+#include "model/message.h"
 #include "network/wlan_count.h"
 
 namespace {
@@ -29,7 +30,15 @@ struct Row {
     ParamAccess access;
     bool followsInstance = false;
     const char* noneText = nullptr;
+    uint16_t chars = 0;
+    uint32_t low = 0;
+    uint32_t high = 0;
 };
+
+// The characters a text field of `size` bytes keeps besides its terminator.
+constexpr uint16_t charsOf(std::size_t size) {
+    return static_cast<uint16_t>(size - 1);
+}
 
 constexpr int kUnnumbered = -1;
 
@@ -52,46 +61,68 @@ constexpr Row kGeneralRows[] = {
     {"hw_version", 1, ReadOnly},
     {"order_number", 2, ReadOnly},
     {"serial_number", 3, ReadOnly},
-    {"description", 4, ReadWrite},
+    // The request's value field bounds the copy.
+    {"description", 4, ReadWrite, false, nullptr, kDataSize - 1},
     // A write only clears the setting and is refused: this hardware cannot power down.
     {"kl15_power_down", 5, ReadOnly},
     {"gateway_version", 6, ReadOnly},
 };
 
 // The host name reads the system's; the user name reads back nothing.
-constexpr Row kHostRows[] = {{"name", 0, ReadWrite}, {"user_name", 1, WriteOnly}};
+constexpr Row kHostRows[] = {{"name", 0, ReadWrite, false, nullptr, kHostTextChars},
+                             {"user_name", 1, WriteOnly, false, nullptr, kHostTextChars}};
 
 // The group's own parameters of LAN, WLAN, CAN and BT.
 constexpr Row kInterfaceCountRows[] = {{"if_count", 0, ReadOnly}, {"prefix", 1, ReadOnly}};
 
 constexpr Row kLanRows[] = {
-    {"if_name", 0, ReadWrite},      {"dhcp", 1, ReadWrite}, {"ipv4", 2, ReadWrite},
-    {"netmask", 3, ReadWrite},      {"ipv6", 4, ReadWrite}, {"ipv4_gateway", 5, ReadWrite},
-    {"ipv6_gateway", 6, ReadWrite}, {"mac", 8, Live},
+    {"if_name", 0, ReadWrite, false, nullptr, charsOf(sizeof LanInterface::IfName)},
+    {"dhcp", 1, ReadWrite},
+    {"ipv4", 2, ReadWrite},
+    {"netmask", 3, ReadWrite},
+    {"ipv6", 4, ReadWrite},
+    {"ipv4_gateway", 5, ReadWrite},
+    {"ipv6_gateway", 6, ReadWrite},
+    {"mac", 8, Live},
 };
 
 // Served once the build has WLAN interfaces.
 constexpr Row kWlanRows[] = {
-    {"if_name", 0, ReadWrite},        {"ssid", 1, ReadWrite},
-    {"encryption", 2, ReadWrite},     {"encryption_type", 3, ReadWrite},
-    {"key_type", 4, ReadWrite},       {"key", 5, ReadWrite},
-    {"supported_modes", 6, ReadOnly}, {"mode", 7, ReadWrite},
-    {"dhcp", 8, ReadWrite},           {"ipv4", 9, ReadWrite},
-    {"netmask", 10, ReadWrite},       {"ipv6", 11, ReadWrite},
-    {"ipv4_gateway", 12, ReadWrite},  {"ipv6_gateway", 13, ReadWrite},
-    {"ipv6_net_bits", 14, ReadOnly},  {"mac", 15, Live},
+    {"if_name", 0, ReadWrite, false, nullptr, charsOf(sizeof WlanInterface::IfName)},
+    {"ssid", 1, ReadWrite, false, nullptr, charsOf(sizeof WlanInterface::SSID)},
+    {"encryption", 2, ReadWrite},
+    {"encryption_type", 3, ReadWrite},
+    {"key_type", 4, ReadWrite},
+    {"key", 5, ReadWrite, false, nullptr, charsOf(sizeof WlanInterface::Key)},
+    {"supported_modes", 6, ReadOnly},
+    {"mode", 7, ReadWrite},
+    {"dhcp", 8, ReadWrite},
+    {"ipv4", 9, ReadWrite},
+    {"netmask", 10, ReadWrite},
+    {"ipv6", 11, ReadWrite},
+    {"ipv4_gateway", 12, ReadWrite},
+    {"ipv6_gateway", 13, ReadWrite},
+    {"ipv6_net_bits", 14, ReadOnly},
+    {"mac", 15, Live},
 };
 
 // One-shot, triple sampling, sample point and register timing come from the configuration
 // file only.
 constexpr Row kCanRows[] = {
-    {"if_name", 0, ReadWrite},           {"active", 1, ReadWrite},
-    {"bit_timing", 5, ReadWrite},        {"bitrate", 2, ReadWrite, true},
-    {"listen_only", 3, ReadWrite},       {"auto_resume", 4, ReadWrite},
-    {"loopback", 6, ReadWrite},          {"one_shot", 7, ReadOnly},
-    {"triple_sampling", 8, ReadOnly},    {"sample_point", 9, ReadOnly},
-    {"manual_bit_timing", 10, ReadOnly}, {"real_bitrate", 11, Live},
-    {"real_sample_point", 12, Live},     {"state", 13, Live},
+    {"if_name", 0, ReadWrite, false, nullptr, kCanIfNameMaxChars},
+    {"active", 1, ReadWrite},
+    {"bit_timing", 5, ReadWrite},
+    {"bitrate", 2, ReadWrite, true, nullptr, 0, kMinBaudrate, kMaxBaudrate},
+    {"listen_only", 3, ReadWrite},
+    {"auto_resume", 4, ReadWrite},
+    {"loopback", 6, ReadWrite},
+    {"one_shot", 7, ReadOnly},
+    {"triple_sampling", 8, ReadOnly},
+    {"sample_point", 9, ReadOnly},
+    {"manual_bit_timing", 10, ReadOnly},
+    {"real_bitrate", 11, Live},
+    {"real_sample_point", 12, Live},
+    {"state", 13, Live},
     {"reapply", 14, WriteOnly},  // accepted without a value: the interface is applied again
 };
 
@@ -99,29 +130,48 @@ constexpr Row kFilterGroupRows[] = {
     {"count", 0, ReadOnly}, {"max", 1, ReadOnly}, {"list", 2, ReadOnly}};
 
 constexpr Row kFilterRows[] = {
-    {"kind", 0, ReadWrite},    {"type", 1, ReadWrite}, {"term", 2, ReadWrite, true},
-    {"comment", 3, ReadWrite}, {"name", 4, ReadWrite},
+    {"kind", 0, ReadWrite},
+    {"type", 1, ReadWrite},
+    {"term", 2, ReadWrite, true},
+    {"comment", 3, ReadWrite, false, nullptr, charsOf(sizeof Filter::Comment)},
+    {"name", 4, ReadWrite, false, nullptr, charsOf(sizeof Filter::Name)},
 };
 
 constexpr Row kRouteGroupRows[] = {{"slots", 0, ReadOnly}, {"active_count", 1, ReadOnly}};
 
 constexpr Row kRouteRows[] = {
-    {"name", 0, ReadWrite},           {"type", 2, ReadWrite},
-    {"interface", 3, ReadWrite},      {"protocol", 6, ReadWrite},
-    {"destination", 8, ReadWrite},    {"fpp", 11, ReadWrite},
-    {"tcp_delay", 12, ReadWrite},     {"display_index", 13, ReadWrite},
-    {"no_control", 32, ReadWrite},    {"filters", 33, ReadWrite, false, "-1"},
-    {"unify_filters", 34, ReadWrite}, {"join_filters", 35, ReadWrite},
-    {"cdm", 36, WriteOnly},           {"state", 1, ReadWrite, true},
-    {"retry_delay", 29, ReadOnly},    {"retry_count", 30, ReadOnly},
-    {"reset_stats", 15, WriteOnly},   {"authorized_peers", 14, Live},
-    {"can_packets", 16, Live},        {"can_msgs", 17, Live},
-    {"can_errors", 18, Live},         {"can_dropped", 19, Live},
-    {"can_retry_ok", 20, Live},       {"lan_packets", 21, Live},
-    {"lan_msgs", 22, Live},           {"lan_errors", 23, Live},
-    {"lan_discarded", 24, Live},      {"lan_dropped", 25, Live},
-    {"rx_buffer_len", 26, Live},      {"rx_buffer_size", 27, Live},
-    {"fpp_stats", 28, Live},          {"tcp_connected", 31, Live},
+    {"name", 0, ReadWrite, false, nullptr, kRtInfoChars},
+    {"type", 2, ReadWrite},
+    {"interface", 3, ReadWrite, false, nullptr, charsOf(sizeof RouteInfo::interface1)},
+    {"protocol", 6, ReadWrite},
+    {"destination", 8, ReadWrite},
+    {"fpp", 11, ReadWrite},
+    {"tcp_delay", 12, ReadWrite},
+    {"display_index", 13, ReadWrite},
+    {"no_control", 32, ReadWrite},
+    {"filters", 33, ReadWrite, false, "-1"},
+    {"unify_filters", 34, ReadWrite},
+    {"join_filters", 35, ReadWrite},
+    {"cdm", 36, WriteOnly},
+    {"state", 1, ReadWrite, true},
+    {"retry_delay", 29, ReadOnly},
+    {"retry_count", 30, ReadOnly},
+    {"reset_stats", 15, WriteOnly},
+    {"authorized_peers", 14, Live},
+    {"can_packets", 16, Live},
+    {"can_msgs", 17, Live},
+    {"can_errors", 18, Live},
+    {"can_dropped", 19, Live},
+    {"can_retry_ok", 20, Live},
+    {"lan_packets", 21, Live},
+    {"lan_msgs", 22, Live},
+    {"lan_errors", 23, Live},
+    {"lan_discarded", 24, Live},
+    {"lan_dropped", 25, Live},
+    {"rx_buffer_len", 26, Live},
+    {"rx_buffer_size", 27, Live},
+    {"fpp_stats", 28, Live},
+    {"tcp_connected", 31, Live},
 };
 
 constexpr Row kGuiRows[] = {
@@ -190,6 +240,9 @@ Param paramAt(std::size_t position) {
         param.access = row.access;
         param.followsInstance = row.followsInstance;
         param.noneText = row.noneText;
+        param.chars = row.chars;
+        param.low = row.low;
+        param.high = row.high;
         return param;
     }
     return Param{};

@@ -38,6 +38,14 @@ struct Param {
     // when there is no such text. A route without filters reads "-1", which a write would take
     // as filter 1: the empty list is written instead.
     const char* noneText;
+    // The most characters of a written value that the daemon keeps (the record's field);
+    // 0 for a value it converts (numbers, switches, addresses, terms), bounded by the request
+    // alone. The web front end's maxlength.
+    uint16_t chars;
+    // The range a number must lie in, where the handler refuses others with a legacy text
+    // that does not say it; low == high == 0: none given.
+    uint32_t low;
+    uint32_t high;
 };
 
 // The parameters in the order a dump lists them, which is also an order that writes them

@@ -23,7 +23,6 @@ constexpr const char* kFppStatFormat = "%d; ";
 constexpr const char* kDestinationFormat = "%s:%d";
 constexpr const char* kOpenFailedFormat = "unable to open route (%s)";
 
-constexpr std::size_t kRtInfoChars = 127;
 constexpr std::size_t kInterfaceChars = 31;  // the field holds 15 of them
 constexpr unsigned kWriteLimit = 37;         // f3 from here on names nothing
 

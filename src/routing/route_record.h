@@ -118,6 +118,10 @@ static_assert(offsetof(ForwardDefaults, at48) == 48 && offsetof(ForwardDefaults,
 static_assert(offsetof(ForwardDefaults, at64) == 64 && offsetof(ForwardDefaults, at68) == 68);
 static_assert(offsetof(ForwardDefaults, version) == 0 && offsetof(ForwardDefaults, at72) == 72);
 
+// The characters of a route's name that a write keeps (RtInfo holds one more than the
+// device ever used).
+inline constexpr std::size_t kRtInfoChars = 127;
+
 // One route: the daemon's header followed by the image handed to the driver as it stands.
 struct RouteRecord {
     uint32_t RouteFlags;

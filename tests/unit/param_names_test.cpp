@@ -68,6 +68,16 @@ TEST_F(ParamNames, AreUniqueFitAndAnswerAsTheirAccessSays) {
             const bool none = p.noneText != nullptr && std::strcmp(before.da, p.noneText) == 0;
             const AnswerMessage written = write(p, none ? "" : before.da);
             EXPECT_EQ(written.mt, POS_ANSW) << p.name << ": " << written.da;
+            // The size the clients are given is what the handler keeps: one character more is
+            // cut (legacy) or refused (hardened), never kept.
+            if (p.chars != 0 && p.chars + 1u < kDataSize) {
+                const bool taken = write(p, std::string(p.chars + 1u, 'a').c_str()).mt == POS_ANSW;
+                start(0);
+                EXPECT_EQ(std::strlen(read(p).da), taken ? p.chars : std::strlen(before.da))
+                    << p.name;
+                send(FINISH_SESSION);
+                (void)write(p, before.da);
+            }
             continue;
         }
         // Some groups take any write and change nothing; either way the value stays.
