@@ -8,7 +8,11 @@
 //   settings form   id "form-settings"; fields named v[PARAM] after cfgctl's names
 //                   (v[can1.bitrate], v[lan0.ipv4], v[route3.fpp], v[filter7.term], ...), with
 //                   id "f-PARAM" where dots become dashes (f-can1-bitrate) and an error span
-//                   id "err-PARAM" (err-can1-bitrate, empty unless cfgd refused the value);
+//                   id "err-PARAM" (err-can1-bitrate, empty unless the field is marked: the
+//                   pages' words, cfgd's text in its small.field-error-detail; a marked field
+//                   has class "invalid" and aria-invalid); text fields have maxlength (the
+//                   names table's longest value); hidden "built": JSON of the device's values
+//                   the fields were built from (a save that finds them changed is refused);
 //                   a check box comes after a hidden v[PARAM]=0; a route's filters are check
 //                   boxes v[routeN.filters][] (ids f-routeN-filters-M)
 //   submit buttons  name "mode": value "trial" (id "btn-trial", "Save & apply") or "now"
@@ -99,8 +103,13 @@ const TEXT = [
     'csrf' => 'This form has expired or did not come from this page: nothing was changed. Reload the page and try again.',
     'not_running' => 'The configuration daemon (cfgd) is not running, so nothing can be read or changed. Restart the device or start cfgd, then reload this page.',
     'busy' => 'Another client is changing the configuration right now. Wait a moment, then reload this page or send the form again.',
-    'trial_pending' => 'A trial is pending (%d s left): keep or roll back it first; nothing was changed.',
-    'no_answer' => 'The configuration daemon did not answer: %s. Reload the page to try again.',
+    'trial_pending' => 'A trial is pending (%d s left): keep it or roll it back first; nothing was changed.',
+    'no_answer' => 'The configuration daemon did not answer in time (%s). Reload the page to try again.',
+    'failed' => 'The configuration daemon could not take the request (%s). Reload the page to try again.',
+    'too_long' => 'Too long: at most %d characters fit here, and this has %d (a letter such as é counts as two).',
+    'not_saved_too_long' => 'Nothing was saved: a value is too long (see the marked field).',
+    'changed_field' => 'Changed on the device since this page was loaded: now %s. Check this field, then save again.',
+    'changed_since' => 'Nothing was saved: since this page was loaded, the device\'s values changed (%s), e.g. from another browser. The form now shows them, with your own changes kept: check them and save again.',
     'fault' => 'Something went wrong on the device; the details are in the web server\'s error log. Reload the page to try again.',
     'no_data' => 'The device\'s values could not be read.',
     'dhcp_address' => 'the address the DHCP server gives it',
@@ -168,13 +177,13 @@ function banner_for(Throwable $e): void
     } elseif ($e instanceof Cfgd\Busy) {
         banner('warn', TEXT['busy']);
     } elseif ($e instanceof Cfgd\Refused) {
-        banner('error', 'The device refused: ' . $e->getMessage());
+        banner('error', 'The device refused the change, so nothing was stored. It said: ' . $e->getMessage());
     } elseif ($e instanceof Cfgd\NotRunning) {
         http_response_code(503);
         banner('error', TEXT['not_running']);
     } elseif ($e instanceof Cfgd\Error && !($e instanceof Cfgd\UnknownName)) {
         error_log('cfgd web: ' . $e->getMessage());
-        banner('error', sprintf(TEXT['no_answer'], $e->getMessage()));
+        banner('error', sprintf(TEXT[$e instanceof Cfgd\NoAnswer ? 'no_answer' : 'failed'], $e->getMessage()));
     } else {
         error_log('cfgd web: ' . $e);
         http_response_code(500);

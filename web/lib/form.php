@@ -26,12 +26,14 @@ final class Form
 {
     /** @var array<string, array> */
     public array $fields = [];
-    /** @var array<string, string> name => cfgd's refusal */
+    /** @var array<string, array{text: string, detail: ?string}> name => why it is marked, and cfgd's text */
     public array $errors = [];
-    /** @var array<string, ?string>|null the user's input while it is to be shown again */
+    /** @var array<string, ?string>|null the user's changes while they are to be shown again */
     public ?array $posted = null;
     /** @var array<int, string> defined filters for 'filters' fields: number => label */
     public array $filterChoices = [];
+    /** @var array<string, ?string> the device's values the shown fields were built from */
+    private array $built = [];
 
     public function __construct(array $fields)
     {
@@ -49,12 +51,19 @@ final class Form
 
     /**
      * Sends the posted form as the pressed button says; true when it took effect. Its refusals
-     * and, after a failure, the user's input go to the GET after the post.
+     * and, after a failure, the user's changes go to the GET after the post.
      */
     public function handle(): bool
     {
-        $this->posted = $this->collect();
-        $done = posted_mode() === 'trial' ? $this->tryOut($this->posted) : $this->store($this->posted);
+        $wanted = $this->collect();
+        $built = $this->builtFrom();
+        // Only what the user changed is kept for the form shown again: a field left as it was
+        // shows the device's value then, whatever it has become, and is never sent back.
+        $this->posted = array_filter($wanted, fn ($value, $name) => $value !== null
+            && (!array_key_exists($name, $built) || $value !== $built[$name])
+            && ($value !== '' || empty($this->fields[$name]['writeOnly'])), ARRAY_FILTER_USE_BOTH);
+        $done = !$this->tooLong($wanted) && (posted_mode() === 'trial'
+            ? $this->tryOut($wanted, $built) : $this->store($wanted, $built));
         if ($done) {
             $this->posted = null;  // show the device's values again
         }
@@ -76,6 +85,29 @@ final class Form
             $wanted[$name] = is_string($value) ? self::normal($f, $value) : null;
         }
         return $wanted;
+    }
+
+    /**
+     * The device's values the posted form was built from, as normal values: name => value, for
+     * the fields it showed. A form without them (not made by these pages) has none to compare.
+     * @return array<string, string>
+     */
+    private function builtFrom(): array
+    {
+        $sent = json_decode(is_string($_POST['built'] ?? null) ? $_POST['built'] : '', true);
+        $built = [];
+        foreach (is_array($sent) ? array_intersect_key($sent, $this->fields) : [] as $name => $value) {
+            if (is_string($value) || $value === null) {
+                $built[$name] = self::normal($this->fields[$name], $value);
+            }
+        }
+        return $built;
+    }
+
+    /** A value as the page carries it: bytes that are not UTF-8 are U+FFFD, as the browser shows them. */
+    private static function asShown(?string $value): ?string
+    {
+        return $value === null ? null : json_decode(json_encode($value, JSON_INVALID_UTF8_SUBSTITUTE));
     }
 
     /** The value as cfgd takes it, so that equal settings compare equal. */
@@ -100,6 +132,43 @@ final class Form
     private function readable(): array
     {
         return array_keys(array_filter($this->fields, fn ($f) => empty($f['writeOnly'])));
+    }
+
+    /** True, with the fields marked, when a value is longer than cfgd keeps or a request carries. */
+    private function tooLong(array $wanted): bool
+    {
+        foreach ($wanted as $name => $value) {
+            $most = Cfgd\Session::longestValue($name);
+            if ($value !== null && strlen($value) > $most) {
+                $this->errors[$name] = ['text' => sprintf(TEXT['too_long'], $most, strlen($value)), 'detail' => null];
+            }
+        }
+        if ($this->errors === []) {
+            return false;
+        }
+        banner('error', TEXT['not_saved_too_long']);
+        return true;
+    }
+
+    /**
+     * True, with the fields marked and a banner naming them with their values now, when the
+     * device's values changed since the form was built: the user decided on what it showed.
+     */
+    private function changedSince(array $built, array $current): bool
+    {
+        $named = [];
+        foreach ($built as $name => $shown) {
+            $now = $current[$name] ?? null;
+            if (self::normal($this->fields[$name], self::asShown($now)) !== $shown) {
+                $this->errors[$name] = ['text' => sprintf(TEXT['changed_field'], value_text($name, $now)), 'detail' => null];
+                $named[] = param_title($name) . ' is now ' . value_text($name, $now);
+            }
+        }
+        if ($named === []) {
+            return false;
+        }
+        banner('error', sprintf(TEXT['changed_since'], implode('; ', $named)));
+        return true;
     }
 
     /**
@@ -129,7 +198,7 @@ final class Form
         return $plan;
     }
 
-    private function tryOut(array $wanted): bool
+    private function tryOut(array $wanted, array $built): bool
     {
         $session = new_session();
         try {
@@ -137,7 +206,7 @@ final class Form
             $off = switched_off_in($session);
             $current = read_names($session, $off ? [] : $this->readable());
             $session->finish();
-            if ($off) {
+            if ($off || $this->changedSince($built, $current)) {
                 return false;
             }
             $plan = $this->plan($wanted, $current);
@@ -147,7 +216,7 @@ final class Form
             }
             new_trial()->start($plan, CFGD_TRIAL_SECONDS);
         } catch (Cfgd\Refused $e) {
-            return $this->refused($e);
+            return $this->refused($e, $wanted);
         } catch (Cfgd\Error $e) {
             banner_for($e);
             return false;
@@ -156,7 +225,7 @@ final class Form
         return true;
     }
 
-    private function store(array $wanted): bool
+    private function store(array $wanted, array $built): bool
     {
         $session = new_session();
         try {
@@ -166,13 +235,18 @@ final class Form
                 $session->finish();
                 return false;
             }
-            $plan = $this->plan($wanted, read_names($session, $this->readable()));
+            $current = read_names($session, $this->readable());
+            if ($this->changedSince($built, $current)) {
+                $session->finish();  // nothing was written
+                return false;
+            }
+            $plan = $this->plan($wanted, $current);
             foreach ($plan as $name => $value) {
                 try {
                     $session->write($name, $value);
                 } catch (Cfgd\Refused $e) {
                     $session->abort();  // nothing of the form is stored (LEGACY_ABORT_NOTE)
-                    return $this->refused($e);
+                    return $this->refused($e, $wanted);
                 }
             }
             $session->finish();
@@ -184,12 +258,13 @@ final class Form
         return true;
     }
 
-    /** Puts cfgd's text beside the field it refused. */
-    private function refused(Cfgd\Refused $e): bool
+    /** Marks the field cfgd refused: the pages' words, cfgd's own text as the detail. */
+    private function refused(Cfgd\Refused $e, array $wanted): bool
     {
         foreach ($this->fields as $name => $f) {
             if (Cfgd\Session::address($name) === $e->address) {
-                $this->errors[$name] = $e->getMessage();
+                $this->errors[$name] = ['text' => refusal_text($name, (string) ($wanted[$name] ?? '')),
+                    'detail' => $e->getMessage()];
                 banner('error', TEXT['refused']);
                 return false;
             }
@@ -209,10 +284,13 @@ final class Form
     {
         $f = $this->fields[$name];
         $value = $this->shown($name, $values);
+        if (empty($f['writeOnly'])) {
+            $this->built[$name] = $values[$name] ?? null;
+        }
         $id = h(field_id($name));
         $field = 'v[' . h($name) . ']';
-        $invalid = isset($this->errors[$name])
-            ? ' aria-invalid="true" aria-describedby="err-' . h(strtr($name, '.', '-')) . '"' : '';
+        $invalid = isset($this->errors[$name]) ? ' class="invalid" aria-invalid="true" aria-describedby="err-'
+            . h(strtr($name, '.', '-')) . '"' : '';
         switch ($f['kind']) {
             case 'bool':
                 $checked = self::normal($f, $value) === '1' ? ' checked' : '';
@@ -243,15 +321,20 @@ final class Form
                 $mode = $f['kind'] === 'number' ? ' inputmode="numeric"' : '';
                 $hint = !empty($f['writeOnly']) ? ' placeholder="unchanged"' : '';
                 $hint .= isset($f['list']) ? ' list="' . h($f['list']) . '"' : '';
+                $hint .= ' maxlength="' . Cfgd\Session::longestValue($name) . '"';
                 return "<input type=\"text\" id=\"$id\" name=\"$field\" value=\"" . h($value)
                     . "\"$mode$hint$invalid>";
         }
     }
 
+    /** Why the field is marked, with cfgd's own text as a detail where it refused the value. */
     public function error(string $name): string
     {
+        $error = $this->errors[$name] ?? ['text' => '', 'detail' => null];
+        $detail = $error['detail'] !== null
+            ? ' <small class="field-error-detail">The device said: ' . h($error['detail']) . '</small>' : '';
         return '<span class="field-error" id="err-' . h(strtr($name, '.', '-')) . '">'
-            . h($this->errors[$name] ?? '') . '</span>';
+            . h($error['text']) . "$detail</span>";
     }
 
     /** A labelled row: label, control, unit, cfgd's refusal, help. */
@@ -270,10 +353,14 @@ final class Form
             . $this->error($name) . "$help</div></div>\n";
     }
 
-    /** The two submit buttons and the token. */
+    /**
+     * The two submit buttons, the token and the device's values the fields shown so far were
+     * built from (a save that finds them changed is refused): call it after the fields.
+     */
     public function buttons(): string
     {
         return csrf_field() . '<input type="hidden" name="action" value="save">'
+            . '<input type="hidden" name="built" value="' . h(json_encode($this->built, JSON_INVALID_UTF8_SUBSTITUTE)) . '">'
             . '<div class="buttons"><button type="submit" id="btn-trial" name="mode" value="trial" class="primary">'
             . h(TEXT['save_trial']) . '</button> <button type="submit" id="btn-now" name="mode" value="now">'
             . h(TEXT['save_now']) . '</button></div>'

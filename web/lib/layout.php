@@ -74,7 +74,7 @@ function trial_section(array $trial, string $page): void
   <ul id="trial-changes">
 <?php foreach ($trial['params'] as $name => $change) {
     if ($change['new'] !== null) { ?>
-    <li><code><?= h((string) $name) ?></code>: <?= h($change['old'] ?? '–') ?> → <?= h($change['new']) ?></li>
+    <li><?= h(param_title((string) $name)) ?>: <?= h(value_text((string) $name, $change['old'])) ?> → <?= h(value_text((string) $name, $change['new'])) ?></li>
 <?php }
 } ?>
   </ul>

@@ -8,9 +8,10 @@ const CAN_INTERFACES = ['can0', 'can1'];
 const ROUTE_COUNT = 8;
 const FILTER_COUNT = 32;
 
-// SocketCAN's controller states.
-const CAN_STATES = ['0' => 'error active', '1' => 'error warning', '2' => 'error passive',
-    '3' => 'bus off', '4' => 'stopped', '5' => 'sleeping'];
+// SocketCAN's controller states, as a person reads them: "error active" is the normal state.
+const CAN_STATES = ['0' => 'OK (error active)', '1' => 'Warning: many errors (error warning)',
+    '2' => 'Errors: no longer signals them (error passive)', '3' => 'Off the bus: too many errors (bus off)',
+    '4' => 'Stopped', '5' => 'Sleeping'];
 const ROUTE_STATES = ['0' => 'off', '1' => 'on, stopped', '2' => 'on, running'];
 const ROUTE_TYPES = ['0' => 'CAN → LAN', '1' => 'LAN → CAN'];
 const ROUTE_PROTOCOLS = ['17' => 'UDP', '6' => 'TCP'];
@@ -18,6 +19,9 @@ const FILTER_KINDS = ['0' => '– none –', '1' => '11-bit range', '2' => '29-b
     '3' => '11-bit mask', '4' => '29-bit mask'];
 const FILTER_TYPES = ['1' => 'pass', '0' => 'block'];
 const ON_OFF = ['0' => 'off', '1' => 'on'];
+// An unused route slot reads protocol 0 and this destination.
+const UNUSED_DESTINATION = '0.0.0.0:0';
+const NOT_USED = 'not used';
 const BIT_RATES = [10000, 20000, 50000, 100000, 125000, 250000, 500000, 800000, 1000000];
 
 const GUI_OPTIONS = [
@@ -68,7 +72,8 @@ function can_fields(string $can): array
 {
     return [
         field("$can.active", 'Active', 'bool'),
-        field("$can.bitrate", 'Bit rate', 'number', ['unit' => 'bit/s', 'list' => 'bit-rates']),
+        field("$can.bitrate", 'Bit rate', 'number', ['unit' => 'bit/s', 'list' => 'bit-rates',
+            'refused' => 'The device cannot run at this bit rate.']),
         field("$can.listen_only", 'Listen only', 'bool', ['help' => 'receives, never sends or acknowledges']),
         field("$can.loopback", 'Loopback', 'bool'),
         field("$can.auto_resume", 'Resume after bus off', 'bool'),
@@ -94,7 +99,7 @@ function route_fields(int $n): array
         field("$r.name", 'Name'),
         field("$r.type", 'Direction', 'select', ['options' => ROUTE_TYPES]),
         field("$r.interface", 'CAN interface', 'select', ['options' => array_combine(CAN_INTERFACES, CAN_INTERFACES)]),
-        field("$r.protocol", 'Protocol', 'select', ['options' => ROUTE_PROTOCOLS]),
+        field("$r.protocol", 'Protocol', 'select', ['options' => ROUTE_PROTOCOLS + ['0' => '– not set –']]),
         field("$r.destination", 'Destination', 'text', ['help' => 'address:port']),
         field("$r.fpp", 'Frames per packet', 'number'),
         field("$r.tcp_delay", 'TCP delay', 'bool'),
@@ -119,7 +124,8 @@ function filter_fields(int $n): array
         field("$f.kind", 'Kind', 'select', ['options' => FILTER_KINDS, 'empty' => '0']),
         field("$f.type", 'Action', 'select', ['options' => FILTER_TYPES, 'empty' => '1'] + $unlessDeleted),
         // After the kind, which converts the term: an edited term is in the new kind's form.
-        field("$f.term", 'Term', 'text', $unlessDeleted),
+        field("$f.term", 'Term', 'text', $unlessDeleted + ['refused' =>
+            'Not a term of this kind: a range such as 0x100-0x1FF, or an identifier with a mask such as 0x100/0x7F0.']),
         field("$f.name", 'Name', 'text', $unlessDeleted),
         field("$f.comment", 'Comment', 'text', $unlessDeleted),
     ];
@@ -135,6 +141,86 @@ function system_fields(): array
         $fields[] = field($name, $label, 'bool');
     }
     return $fields;
+}
+
+/**
+ * Every field of the forms by name, each with 'title': its label with where it belongs
+ * ("can1: Bit rate", "Route 3: Name"), for texts that name fields outside their form.
+ * @return array<string, array>
+ */
+function all_fields(): array
+{
+    static $all = null;
+    if ($all !== null) {
+        return $all;
+    }
+    $groups = [];
+    foreach (CAN_INTERFACES as $can) {
+        $groups["$can: "] = can_fields($can);
+    }
+    $groups['LAN: '] = lan_fields();
+    for ($n = 1; $n <= ROUTE_COUNT; $n++) {
+        $groups["Route $n: "] = route_fields($n);
+    }
+    for ($n = 1; $n <= FILTER_COUNT; $n++) {
+        $groups["Filter $n: "] = filter_fields($n);
+    }
+    $groups[''] = system_fields();
+    $all = [];
+    foreach ($groups as $prefix => $fields) {
+        foreach ($fields as $f) {
+            $context = isset(GUI_OPTIONS[$f['name']]) ? 'Page shown: ' : $prefix;
+            $all[$f['name']] = $f + ['title' => $context . $f['label']];
+        }
+    }
+    return $all;
+}
+
+/** A field's title, or the name itself for a parameter no form shows. */
+function param_title(string $name): string
+{
+    return all_fields()[$name]['title'] ?? $name;
+}
+
+/** A value as its field shows it: an option's label, on/off, with the unit. */
+function value_text(string $name, ?string $value): string
+{
+    $f = all_fields()[$name] ?? null;
+    if ($value === null || $f === null) {
+        return $value ?? '–';
+    }
+    return match ($f['kind']) {
+        'select' => label_of($f['options'], $value),
+        'bool' => label_of(ON_OFF, $value),
+        'filters' => $value === '' || $value === '-1' ? 'none' : $value,
+        default => $value === '' ? '(empty)' : $value . (isset($f['unit']) ? ' ' . $f['unit'] : ''),
+    };
+}
+
+/**
+ * A refusal of `$value` for `$name` in the pages' own words, where cfgd's text is a legacy one
+ * that does not say what is wrong (its bit rate text names the wrong limit, and takes "abc" as
+ * 0): a number that is none, a number out of its range, or the field's own explanation.
+ */
+function refusal_text(string $name, string $value): string
+{
+    $f = all_fields()[$name] ?? ['kind' => 'text', 'label' => $name];
+    $range = Cfgd\Session::range($name);
+    if ($f['kind'] === 'number' && preg_match('/^-?[0-9]+$/', $value) !== 1) {
+        return "\"$value\" is not a number: use digits only.";
+    }
+    if ($range !== null && ((int) $value < $range[0] || (int) $value > $range[1])) {
+        $unit = isset($f['unit']) ? ' ' . $f['unit'] : '';
+        return "{$f['label']} must be from {$range[0]} to {$range[1]}$unit.";
+    }
+    return $f['refused'] ?? 'The device does not take this value.';
+}
+
+/** Whether route `$n` is an unused slot (protocol 0, no destination), shown without its zeros. */
+function route_unused(array $v, int $n): bool
+{
+    return ($v["route$n.protocol"] ?? '0') === '0'
+        && in_array($v["route$n.destination"] ?? null, [null, UNUSED_DESTINATION], true);
 }
 
 /** Defined filters from filter.list ("0;2;": zero-based numbers). */

@@ -15,7 +15,7 @@ foreach (CAN_INTERFACES as $can) {
 }
 for ($n = 1; $n <= ROUTE_COUNT; $n++) {
     array_push($names, "route$n.name", "route$n.state", "route$n.type", "route$n.interface",
-        "route$n.destination", ...array_map(fn ($c) => "route$n.$c", array_keys($counters)));
+        "route$n.destination", "route$n.protocol", ...array_map(fn ($c) => "route$n.$c", array_keys($counters)));
 }
 $v = read_page($names);
 
@@ -45,7 +45,7 @@ if (layout_start($page, 'Status', $v !== null)) {
   <tr><td><?= page_link("can.php#$can", $can) ?></td>
     <td><?= h(label_of(ON_OFF, $v["$can.active"])) ?></td>
     <td id="state-<?= h($can) ?>"><?= h(label_of(CAN_STATES, $v["$can.state"])) ?></td>
-    <td><?= h($v["$can.real_bitrate"] ?? '–') ?> bit/s</td>
+    <td><?= h(isset($v["$can.real_bitrate"]) ? $v["$can.real_bitrate"] . ' bit/s' : '–') ?></td>
     <td><?= h(per_mille($v["$can.real_sample_point"])) ?></td></tr>
 <?php } ?>
 </tbody>
@@ -69,14 +69,15 @@ if (layout_start($page, 'Status', $v !== null)) {
 <?php } ?>
 </tr></thead>
 <tbody>
-<?php for ($n = 1; $n <= ROUTE_COUNT; $n++) { ?>
+<?php for ($n = 1; $n <= ROUTE_COUNT; $n++) {
+    $unused = route_unused($v, $n); ?>
   <tr<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><td><?= page_link("routes.php?route=$n", (string) $n) ?></td>
     <td><?= h($v["route$n.name"]) ?></td>
-    <td><?= h(label_of(ROUTE_STATES, $v["route$n.state"])) ?></td>
-    <td><?= h(label_of(ROUTE_TYPES, $v["route$n.type"])) ?> <?= h($v["route$n.interface"]) ?></td>
-    <td><?= h($v["route$n.destination"]) ?></td>
+    <td><?= h($unused ? NOT_USED : label_of(ROUTE_STATES, $v["route$n.state"])) ?></td>
+    <td><?= $unused ? '' : h(label_of(ROUTE_TYPES, $v["route$n.type"])) . ' ' . h($v["route$n.interface"]) ?></td>
+    <td><?= h($unused ? '' : $v["route$n.destination"]) ?></td>
 <?php foreach (array_keys($counters) as $c) { ?>
-    <td class="num"><?= h($v["route$n.$c"]) ?></td>
+    <td class="num"><?= h($unused ? '' : $v["route$n.$c"]) ?></td>
 <?php } ?>
   </tr>
 <?php } ?>

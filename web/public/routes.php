@@ -64,17 +64,18 @@ if (layout_start($page, $route !== null ? "Route $route" : 'Routes', $v !== null
   <th>Protocol</th><th>Destination</th><th class="num">FPP</th><th>Filters</th></tr></thead>
 <tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) {
-$r = "route$n"; ?>
+$r = "route$n";
+$unused = route_unused($v, $n); ?>
   <tr class="<?= $n === $route ? 'current' : '' ?><?= $v["$r.state"] === '0' ? ' off' : '' ?>">
     <td><a id="route-link-<?= $n ?>" href="routes.php?route=<?= $n ?>"><?= $n ?></a></td>
     <td><?= h($v["$r.name"]) ?></td>
-    <td><?= h(label_of(ROUTE_STATES, $v["$r.state"])) ?></td>
-    <td><?= h(label_of(ROUTE_TYPES, $v["$r.type"])) ?></td>
-    <td><?= h($v["$r.interface"]) ?></td>
-    <td><?= h(label_of(ROUTE_PROTOCOLS, $v["$r.protocol"])) ?></td>
-    <td><?= h($v["$r.destination"]) ?></td>
-    <td class="num"><?= h($v["$r.fpp"]) ?></td>
-    <td><?= h($v["$r.filters"] === '-1' ? '–' : $v["$r.filters"]) ?></td>
+    <td><?= h($unused ? NOT_USED : label_of(ROUTE_STATES, $v["$r.state"])) ?></td>
+    <td><?= h($unused ? '' : label_of(ROUTE_TYPES, $v["$r.type"])) ?></td>
+    <td><?= h($unused ? '' : $v["$r.interface"]) ?></td>
+    <td><?= h($unused ? '' : label_of(ROUTE_PROTOCOLS, $v["$r.protocol"])) ?></td>
+    <td><?= h($unused ? '' : $v["$r.destination"]) ?></td>
+    <td class="num"><?= h($unused ? '' : $v["$r.fpp"]) ?></td>
+    <td><?= h($unused ? '' : ($v["$r.filters"] === '-1' ? '–' : $v["$r.filters"])) ?></td>
   </tr>
 <?php } ?>
 </tbody>
@@ -92,7 +93,8 @@ $r = "route$n"; ?>
 'no_control', 'display_index', 'cdm'] as $p) { ?>
   <?= $form->row("$r.$p", $v) ?>
 <?php } ?>
-  <?= info_row('Retries', ($v["$r.retry_count"] ?? '–') . ' × every ' . ($v["$r.retry_delay"] ?? '–') . ' ms', 'retries') ?>
+  <?= info_row('Retries', isset($v["$r.retry_count"], $v["$r.retry_delay"])
+  ? $v["$r.retry_count"] . ' × every ' . $v["$r.retry_delay"] . ' ms' : null, 'retries') ?>
 </fieldset>
 <fieldset class="card">
   <legend>Filters of route <?= $route ?></legend>

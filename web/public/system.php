@@ -46,6 +46,10 @@ function apply_upload(string $mode): ?string
         return null;
     }
     $name = preg_replace('/[^A-Za-z0-9._-]+/', '_', basename((string) ($file['name'] ?? ''))) ?: 'upload.dump';
+    if (($unknown = unknown_name_text($text, $name)) !== null) {
+        banner('error', $unknown);
+        return null;
+    }
     $path = tempnam(sys_get_temp_dir(), 'cfgd-upload-');
     if ($path === false) {
         throw new RuntimeException('cannot make a temporary file');
@@ -58,25 +62,68 @@ function apply_upload(string $mode): ?string
         @unlink($path);
     }
     // cfgctl names the file in its lines: the name the user knows. Under --json its lines
-    // (the summary too) are on standard error, what it did is the object on standard output.
+    // (the summary too) are on standard error, what it did is the object on standard output,
+    // from which the pages say it in their own words; its lines stay as the details of a failure.
     $lines = str_replace($path, $name, trim($errors));
     $report = json_decode($output, true);
     $refusal = is_array($report) ? ($report['refusal'] ?? null) : null;
+    $counts = is_array($report['counts'] ?? null) ? $report['counts'] : [];
     if ($status === Cfgd\Trial::EXIT_OK) {
-        banner('ok', $mode === 'trial' ? TEXT['trial_started'] : "$name is applied and stored.");
+        upload_summary($name, $mode, $counts);
+        return null;
     } elseif ($status === Cfgd\Trial::EXIT_TRIAL_PENDING) {
         banner_for(new Cfgd\TrialPending((int) ($report['trial']['seconds_left'] ?? 0)));
+    } elseif ($status === Cfgd\Trial::EXIT_REFUSED && is_array($refusal) && is_array($refusal['param'] ?? null)) {
+        $param = $refusal['param'];
+        $what = is_string($param['name'] ?? null)
+            ? param_title($param['name']) . ' = ' . $refusal['value'] . ': ' . refusal_text($param['name'], (string) $refusal['value'])
+            : "{$param['as_written']} = {$refusal['value']}";
+        banner('error', "The device refused line " . ($refusal['line'] ?? '?') . " of $name ($what), so nothing of the file was stored. "
+            . LEGACY_ABORT_NOTE);
     } elseif ($status === Cfgd\Trial::EXIT_REFUSED) {
-        $refused = is_array($refusal) && is_array($refusal['param'] ?? null)
-            ? ': line ' . ($refusal['line'] ?? '?') . ", {$refusal['param']['as_written']} = {$refusal['value']}: {$refusal['text']}"
-            : (is_array($refusal) ? ": {$refusal['text']}" : '.');
-        banner('error', "The device refused a line of $name, so nothing of it was stored$refused " . LEGACY_ABORT_NOTE);
+        banner('error', "The device refused $name, so nothing of it was stored (its words are below). " . LEGACY_ABORT_NOTE);
     } elseif ($status === Cfgd\Trial::EXIT_NOT_REACHABLE || $status === Cfgd\Trial::EXIT_NO_ANSWER) {
         banner('error', TEXT['not_running']);
     } else {
         banner('error', "$name cannot be applied: see cfgctl's message below.");
     }
     return $lines;
+}
+
+/** What an applied upload did, from cfgctl's counts: one banner, read-only lines as a count. */
+function upload_summary(string $name, string $mode, array $counts): void
+{
+    $written = (int) ($counts['written'] ?? 0);
+    $readOnly = (int) ($counts['read_only'] ?? 0);
+    $skipped = $readOnly > 0 ? " $readOnly read-only " . ($readOnly === 1 ? 'value was' : 'values were')
+        . ' skipped: the device sets them itself.' : '';
+    if ($written === 0) {
+        banner('info', "Nothing in $name differs from the device's values: nothing was written"
+            . ($mode === 'trial' ? ' and no trial started.' : '.') . $skipped);
+        return;
+    }
+    $values = $written === 1 ? '1 value' : "$written values";
+    banner('ok', ($mode === 'trial' ? "$values of $name applied as a trial: keep them below, or they are rolled back when the time is up."
+        : "$name is applied and stored: $values written.") . $skipped);
+}
+
+/**
+ * A sentence for the first line of `$text` that names a parameter the device does not have
+ * (its line number, the name, close names), or null; numbers ("4 2 2") are cfgctl's to check.
+ */
+function unknown_name_text(string $text, string $file): ?string
+{
+    foreach (preg_split('/\r?\n/', $text) as $i => $line) {
+        if (preg_match('/^\s*([^#=\s][^=]*?)\s*=/', $line, $m) !== 1 || preg_match('/^[0-9 ]+$/', $m[1]) === 1
+            || isset(Cfgd\Session::names()[$m[1]])) {
+            continue;
+        }
+        $close = Cfgd\Session::closeNames($m[1]);
+        return 'Nothing was applied: line ' . ($i + 1) . " of $file names \"{$m[1]}\", which this device does not have"
+            . ($close !== [] ? ' (did you mean ' . implode(' or ', $close) . '?)' : '')
+            . '. Correct or remove the line, or download the configuration again for the names it has.';
+    }
+    return null;
 }
 
 $page = 'system.php';
