@@ -32,7 +32,7 @@ if (layout_start($page, 'CAN interfaces', $v !== null)) {
   <legend><?= h($can) ?></legend>
   <?= $form->row("$can.active", $v, 'now: <span id="state-' . h($can) . '">'
   . h(label_of(CAN_STATES, $v["$can.state"])) . '</span>') ?>
-  <?= $form->row("$can.bitrate", $v, 'running at ' . h($v["$can.real_bitrate"] ?? '–')) ?>
+  <?= $form->row("$can.bitrate", $v, '(running at ' . h($v["$can.real_bitrate"] ?? '–') . ')') ?>
 <?php if ($v["$can.manual_bit_timing"] === '1') { ?>
   <?= info_row('Register timing', $v["$can.bit_timing"], "timing-$can") ?>
   <p class="help">The configuration file sets register timing; a new bit rate replaces it with rate timing.</p>

@@ -25,8 +25,8 @@ if ($action === 'save') {
         $session->finish();
     } catch (Cfgd\Refused $e) {
         $session->abort();  // a refused write leaves the session open
-        banner('error', "The statistics of route $route cannot be reset: " . $e->getMessage()
-            . ' (a route that is off has none).');
+        banner('error', "Route $route has no statistics to reset: a route that is off keeps none. (The device said: "
+            . $e->getMessage() . ')');
     } catch (Cfgd\Error $e) {
         banner_for($e);
     }

@@ -10,7 +10,8 @@ function send_dump(): bool
 {
     [$status, $dump, $errors] = run_cfgctl(['dump']);
     if ($status !== 0) {
-        banner('error', 'The configuration could not be read: ' . (trim($errors) ?: "cfgctl exited with status $status"));
+        banner('error', 'The configuration could not be read from the device, so there is nothing to download. Reload the page to try again. (cfgctl said: '
+            . (trim($errors) ?: "exit status $status") . ')');
         return false;
     }
     $host = preg_match('/^host\.name = (.*)$/m', $dump, $m) === 1 ? $m[1] : '';
@@ -103,7 +104,7 @@ function upload_summary(string $name, string $mode, array $counts): void
         return;
     }
     $values = $written === 1 ? '1 value' : "$written values";
-    banner('ok', ($mode === 'trial' ? "$values of $name applied as a trial: keep them below, or they are rolled back when the time is up."
+    banner('ok', ($mode === 'trial' ? "$name is applied as a trial ($values written): keep it below, or it is rolled back when the time is up."
         : "$name is applied and stored: $values written.") . $skipped);
 }
 
