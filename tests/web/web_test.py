@@ -143,6 +143,30 @@ def dump(lock):
     return {re.match(r"(?:# )?(\S+)", l).group(1): l for l in cfgctl(lock, "dump").splitlines()}
 
 
+# At phone width: the page does not scroll sideways and nothing is cut, unless inside a scroll
+# container (the navigation's line); the navigation is one line; every touch target is 44 px
+# high (a check box's is its label; a link in a sentence has none). A mobile browser widens
+# innerWidth to a page that is too wide: the width set is the measure.
+PHONE_FAULTS = """
+const faults = [], wide = arguments[0], said = e => e.tagName + '#' + e.id + ' ' + (e.textContent || e.name).trim().slice(0, 30);
+if (document.documentElement.scrollWidth > wide || innerWidth > wide) faults.push('the page scrolls sideways');
+const scrolled = e => { for (let p = e.parentElement; p !== document.body; p = p.parentElement)
+  if (/auto|scroll/.test(getComputedStyle(p).overflowX)) return true; return false; };
+for (const e of document.body.querySelectorAll('*')) {
+  const r = e.getBoundingClientRect();
+  if (r.width && (r.left < 0 || r.right > wide + 0.5) && !scrolled(e)) faults.push('cut: ' + said(e));
+}
+if (new Set([...document.querySelectorAll('#nav a')].map(a => a.offsetTop)).size !== 1)
+  faults.push('the navigation takes more than one line');
+for (const e of document.querySelectorAll('a, button, select, input:not([type=hidden])')) {
+  const target = e.type === 'checkbox' ? e.closest('label') || e.labels[0] : e;
+  if (e.getClientRects().length && !e.matches('p:not(.buttons) a:not(.button)')
+      && target.getBoundingClientRect().height < 44) faults.push('small: ' + said(e));
+}
+return faults.slice(0, 5);
+"""
+
+
 def test_pages_need_the_login_and_show():
     shots = os.path.join(os.environ.get("CFGD_BUILD_DIR", "/tmp"), "web-screenshots")
     os.makedirs(shots, exist_ok=True)
@@ -150,20 +174,38 @@ def test_pages_need_the_login_and_show():
     for page in PAGES + ["", "style.css", "app.js"]:
         statuses = [http(base + page, auth=False)[0], http(base + page)[0]]
         check(statuses == [401, 200], f"{page} without a login, with one: {statuses}")
-    for page in PAGES:
-        for size, (width, height) in {"phone": (390, 844), "laptop": (1366, 900)}.items():
+    # A defined filter that a route uses, for the Filters pages.
+    cfgctl(A, "set", "filter1.kind", "1", "filter1.term", "0x100-0x1FF", "filter1.name", "engine",
+           "route1.filters", "1")
+    for page in PAGES + ["routes.php?route=1", "filters.php?filter=1"]:
+        for size, (width, height) in {"phone": (390, 844), "laptop": (1366, 900), "small-phone": (360, 740)}.items():
             metrics = {"width": width, "height": height, "deviceScaleFactor": 1,
-                       "mobile": size == "phone"}
+                       "mobile": size != "laptop"}
             DRIVER.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", metrics)
             DRIVER.get(base + page)
             check(DRIVER.find_elements(By.ID, "nav"), f"{page}: no navigation")
+            faults = DRIVER.execute_script(PHONE_FAULTS, width) if size != "laptop" else []
+            check(not faults, f"{page} at {width} px: {faults}")
             full = DRIVER.execute_script("return document.documentElement.scrollHeight")
             DRIVER.execute_cdp_cmd("Emulation.setDeviceMetricsOverride",
                                    dict(metrics, height=max(height, full)))
             shot = DRIVER.execute_cdp_cmd("Page.captureScreenshot", {"format": "png"})["data"]
-            with open(os.path.join(shots, f"{page[:-4]}-{size}.png"), "wb") as file:
+            name = re.sub(r"\W+", "-", page.replace(".php", ""))
+            with open(os.path.join(shots, f"{name}-{size}.png"), "wb") as file:
                 file.write(base64.b64decode(shot))
     DRIVER.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+
+
+# The Filters list adds a filter in the first free place; the filter's own page removes it.
+def test_filter_added_from_the_list_and_removed_on_its_page():
+    DRIVER.get(f"http://127.0.0.1:{SLOW}/filters.php")
+    n = by_id("form-add").find_element(By.NAME, "filter").get_attribute("value")
+    set_field(f"filter{n}.term", "0x200-0x2FF")
+    press("btn-now")
+    check(cfgctl(A, "get", f"filter{n}.kind", f"filter{n}.term").split() == ["1", "0x200-0x2FF"], "not added")
+    DRIVER.get(by_id(f"filter-link-{n}").get_attribute("href"))
+    press("btn-remove")
+    check(str(int(n) - 1) not in cfgctl(A, "get", "filter.list").strip().split(";"), "not removed")
 
 
 # A refused value shows the daemon's text; a post without the CSRF token is refused.

@@ -4,7 +4,7 @@
 //
 // Names the browser tests rely on (keep them stable):
 //   every form      method post, hidden "csrf" (the session's token), hidden "action"
-//                   (save | reset_stats | upload | confirm | rollback)
+//                   (save | reset_stats | remove | upload | confirm | rollback)
 //   settings form   id "form-settings"; fields named v[PARAM] after cfgctl's names
 //                   (v[can1.bitrate], v[lan0.ipv4], v[route3.fpp], v[filter7.term], ...), with
 //                   id "f-PARAM" where dots become dashes (f-can1-bitrate) and an error span
@@ -18,6 +18,9 @@
 //   submit buttons  name "mode": value "trial" (id "btn-trial", "Save & apply") or "now"
 //                   (id "btn-now", "Apply without rollback")
 //   routes.php      ?route=N; statistics reset: form "form-reset", button "btn-reset-stats"
+//   filters.php     ?filter=N: that filter's form, and form "form-remove" (hidden "filter",
+//                   button "btn-remove"); the list's form "form-add" adds the filter that its
+//                   hidden "filter" names (the first free one)
 //   system.php      ?download=1 (cfgctl dump as an attachment, link "link-download");
 //                   upload form "form-upload", file "config", buttons "btn-upload-trial"
 //                   and "btn-upload-now" (name "mode" as above), cfgctl's lines in
@@ -33,12 +36,15 @@
 //   header          identity in p "identity", user in span "user", navigation nav "nav"
 //   switched off    a page a GUI option switched off: p "switched-off", status 404
 //   read-only values  index.php: tables "status-can" and "status-routes", td "state-canN",
+//                   the other values that change by themselves td "v-NAME" (live_id():
+//                   v-can0-real_bitrate, v-route1-state, v-route1-can_packets, ...),
 //                   dd "sw-version", "gateway-version", "lan-address", "lan-mac"; can.php:
 //                   span "state-canN", "sample-point-canN", "timing-canN" (register timing
 //                   only); lan.php: "lan-mac"; routes.php: table "routes", links
 //                   "route-link-N", dd "stat-COUNTER" (stat-can_packets, ...); filters.php:
-//                   table "filters", p "filter-count"; system.php: "kl15"; trial.php: p
-//                   "no-trial" when none is pending; app.js adds p "trial-expired" at zero
+//                   table "filters" with links "filter-link-N", p "filter-count"; system.php:
+//                   "kl15"; trial.php: p "no-trial" when none is pending; app.js adds p
+//                   "trial-expired" at zero
 //   after a post   every post with the right token is answered with 303 to a GET of the same
 //                   URL (query string included; trial.php's: trial.php?back=PAGE); what it
 //                   did (banners, refusals beside fields, a refused form's input, cfgctl's

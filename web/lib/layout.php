@@ -185,9 +185,29 @@ function facts(array $rows, array $ids = []): string
     return $html . "</dl>\n";
 }
 
-/** A link to one of the pages, or just its label (escaped) when that page is switched off. */
-function page_link(string $href, string $label): string
+/**
+ * A link to one of the pages, or just its label (escaped) when that page is switched off.
+ * `$class` "row-link": the link that heads a row of a card table.
+ */
+function page_link(string $href, string $label, string $class = ''): string
 {
+    $class = $class !== '' ? ' class="' . h($class) . '"' : '';
     return page_shown(strtok($href, '?#'))
-        ? '<a href="' . h($href) . '">' . h($label) . '</a>' : h($label);
+        ? '<a href="' . h($href) . '"' . $class . '>' . h($label) . '</a>' : h($label);
+}
+
+/**
+ * A cell of a card table (class "cards"): a phone shows each row as a card, each cell with its
+ * column's label. `$text` is escaped here; `$id` names a value that changes by itself.
+ */
+function cell(string $label, ?string $text, string $id = '', string $class = ''): string
+{
+    return '<td data-label="' . h($label) . '"' . ($id !== '' ? ' id="' . h($id) . '"' : '')
+        . ($class !== '' ? ' class="' . h($class) . '"' : '') . '>' . h($text ?? '–') . '</td>';
+}
+
+/** The id of a value that changes by itself, after its cfgctl name: v-route1-can_packets. */
+function live_id(string $name): string
+{
+    return 'v-' . strtr($name, '.', '-');
 }

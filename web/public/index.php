@@ -38,15 +38,15 @@ if (layout_start($page, 'Status', $v !== null)) {
 <?php } ?>
 <section class="card">
   <h2>CAN</h2>
-  <div class="scroll"><table id="status-can">
+  <div class="scroll"><table id="status-can" class="cards">
 <thead><tr><th>Interface</th><th>Active</th><th>State</th><th>Bit rate</th><th>Sample point</th></tr></thead>
 <tbody>
 <?php foreach (CAN_INTERFACES as $can) { ?>
-  <tr><td><?= page_link("can.php#$can", $can) ?></td>
-    <td><?= h(label_of(ON_OFF, $v["$can.active"])) ?></td>
-    <td id="state-<?= h($can) ?>"><?= h(label_of(CAN_STATES, $v["$can.state"])) ?></td>
-    <td><?= h(isset($v["$can.real_bitrate"]) ? $v["$can.real_bitrate"] . ' bit/s' : '–') ?></td>
-    <td><?= h(per_mille($v["$can.real_sample_point"])) ?></td></tr>
+  <tr><th scope="row"><?= page_link("can.php#$can", $can, 'row-link') ?></th>
+    <?= cell('Active', label_of(ON_OFF, $v["$can.active"]), live_id("$can.active")) ?>
+    <?= cell('State', label_of(CAN_STATES, $v["$can.state"]), "state-$can") ?>
+    <?= cell('Bit rate', isset($v["$can.real_bitrate"]) ? $v["$can.real_bitrate"] . ' bit/s' : null, live_id("$can.real_bitrate")) ?>
+    <?= cell('Sample point', per_mille($v["$can.real_sample_point"]), live_id("$can.real_sample_point")) ?></tr>
 <?php } ?>
 </tbody>
   </table></div>
@@ -62,8 +62,8 @@ if (layout_start($page, 'Status', $v !== null)) {
 </section>
 <section class="card">
   <h2>Routes</h2>
-  <div class="scroll"><table id="status-routes">
-<thead><tr><th>#</th><th>Name</th><th>State</th><th>Direction</th><th>Destination</th>
+  <div class="scroll"><table id="status-routes" class="cards">
+<thead><tr><th>Route</th><th>Name</th><th>State</th><th>Direction</th><th>Destination</th>
 <?php foreach ($counters as $label) { ?>
   <th class="num"><?= h($label) ?></th>
 <?php } ?>
@@ -71,13 +71,13 @@ if (layout_start($page, 'Status', $v !== null)) {
 <tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) {
     $unused = route_unused($v, $n); ?>
-  <tr<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><td><?= page_link("routes.php?route=$n", (string) $n) ?></td>
-    <td><?= h($v["route$n.name"]) ?></td>
-    <td><?= h($unused ? NOT_USED : label_of(ROUTE_STATES, $v["route$n.state"])) ?></td>
-    <td><?= $unused ? '' : h(label_of(ROUTE_TYPES, $v["route$n.type"])) . ' ' . h($v["route$n.interface"]) ?></td>
-    <td><?= h($unused ? '' : $v["route$n.destination"]) ?></td>
-<?php foreach (array_keys($counters) as $c) { ?>
-    <td class="num"><?= h($unused ? '' : $v["route$n.$c"]) ?></td>
+  <tr<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><th scope="row"><?= page_link("routes.php?route=$n", "Route $n", 'row-link') ?></th>
+    <?= cell('Name', $v["route$n.name"]) ?>
+    <?= cell('State', $unused ? NOT_USED : label_of(ROUTE_STATES, $v["route$n.state"]), live_id("route$n.state"), 'state') ?>
+    <?= cell('Direction', $unused ? '' : label_of(ROUTE_TYPES, $v["route$n.type"]) . ' ' . $v["route$n.interface"]) ?>
+    <?= cell('Destination', $unused ? '' : $v["route$n.destination"]) ?>
+<?php foreach ($counters as $c => $label) { ?>
+    <?= cell($label, $unused ? '' : $v["route$n.$c"], live_id("route$n.$c"), 'num') ?>
 <?php } ?>
   </tr>
 <?php } ?>

@@ -1,5 +1,5 @@
 <?php
-// Routes: the eight routes in one table; with ?route=N that route's form (every writable
+// Routes: the eight routes in one table; ?route=N is that route's page: its form (every writable
 // parameter, its filter list with unify and join), its statistics and their reset.
 
 declare(strict_types=1);
@@ -35,13 +35,15 @@ if (App::$posted) {
     redirect_after_post();
 }
 
-$columns = ['name', 'state', 'type', 'interface', 'protocol', 'destination', 'fpp', 'filters'];
+// The list shows every route's main values; a route's page, that route's only.
 $names = [];
-for ($n = 1; $n <= ROUTE_COUNT; $n++) {
-    array_push($names, ...array_map(fn ($c) => "route$n.$c", $columns));
-}
-if ($route !== null) {
-    $names = array_merge($names,
+if ($route === null) {
+    for ($n = 1; $n <= ROUTE_COUNT; $n++) {
+        array_push($names, ...array_map(fn ($c) => "route$n.$c",
+            ['name', 'state', 'type', 'interface', 'protocol', 'destination', 'fpp', 'filters']));
+    }
+} else {
+    $names = array_merge(
         array_keys(array_filter($form->fields, fn ($f) => empty($f['writeOnly']))),
         ["route$route.retry_delay", "route$route.retry_count", 'filter.list'],
         array_map(fn ($c) => "route$route.$c", array_keys(ROUTE_COUNTERS)));
@@ -55,37 +57,39 @@ if ($v !== null && $route !== null) {
     }
 }
 
-if (layout_start($page, $route !== null ? "Route $route" : 'Routes', $v !== null)) {
+$shown = layout_start($page, $route !== null ? "Route $route" : 'Routes', $v !== null);
+if ($shown && $route === null) {
     ?>
 <section class="card">
   <h2>All routes</h2>
-  <div class="scroll"><table id="routes">
-<thead><tr><th>#</th><th>Name</th><th>State</th><th>Direction</th><th>Interface</th>
+  <div class="scroll"><table id="routes" class="cards">
+<thead><tr><th>Route</th><th>Name</th><th>State</th><th>Direction</th><th>Interface</th>
   <th>Protocol</th><th>Destination</th><th class="num">FPP</th><th>Filters</th></tr></thead>
 <tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) {
 $r = "route$n";
 $unused = route_unused($v, $n); ?>
-  <tr class="<?= $n === $route ? 'current' : '' ?><?= $v["$r.state"] === '0' ? ' off' : '' ?>">
-    <td><a id="route-link-<?= $n ?>" href="routes.php?route=<?= $n ?>"><?= $n ?></a></td>
-    <td><?= h($v["$r.name"]) ?></td>
-    <td><?= h($unused ? NOT_USED : label_of(ROUTE_STATES, $v["$r.state"])) ?></td>
-    <td><?= h($unused ? '' : label_of(ROUTE_TYPES, $v["$r.type"])) ?></td>
-    <td><?= h($unused ? '' : $v["$r.interface"]) ?></td>
-    <td><?= h($unused ? '' : label_of(ROUTE_PROTOCOLS, $v["$r.protocol"])) ?></td>
-    <td><?= h($unused ? '' : $v["$r.destination"]) ?></td>
-    <td class="num"><?= h($unused ? '' : $v["$r.fpp"]) ?></td>
-    <td><?= h($unused ? '' : ($v["$r.filters"] === '-1' ? '–' : $v["$r.filters"])) ?></td>
+  <tr<?= $v["$r.state"] === '0' ? ' class="off"' : '' ?>>
+    <th scope="row"><a id="route-link-<?= $n ?>" class="row-link" href="routes.php?route=<?= $n ?>">Route <?= $n ?></a></th>
+    <?= cell('Name', $v["$r.name"]) ?>
+    <?= cell('State', $unused ? NOT_USED : label_of(ROUTE_STATES, $v["$r.state"]), '', 'state') ?>
+    <?= cell('Direction', $unused ? '' : label_of(ROUTE_TYPES, $v["$r.type"])) ?>
+    <?= cell('Interface', $unused ? '' : $v["$r.interface"]) ?>
+    <?= cell('Protocol', $unused ? '' : label_of(ROUTE_PROTOCOLS, $v["$r.protocol"])) ?>
+    <?= cell('Destination', $unused ? '' : $v["$r.destination"]) ?>
+    <?= cell('FPP', $unused ? '' : $v["$r.fpp"], '', 'num') ?>
+    <?= cell('Filters', $unused ? '' : ($v["$r.filters"] === '-1' ? '–' : $v["$r.filters"])) ?>
   </tr>
 <?php } ?>
 </tbody>
   </table></div>
-  <p class="help">Choose a route's number to change it.</p>
+  <p class="help">Choose a route to change it.</p>
 </section>
 <?php
-    if ($route !== null) {
-        $r = "route$route";
-        ?>
+} elseif ($shown) {
+    $r = "route$route";
+    ?>
+<p><a id="link-all-routes" class="button" href="routes.php">All routes</a></p>
 <form id="form-settings" method="post" action="routes.php?route=<?= $route ?>">
 <fieldset class="card">
   <legend>Route <?= $route ?></legend>
@@ -118,6 +122,5 @@ $unused = route_unused($v, $n); ?>
   </form>
 </section>
 <?php
-    }
 }
 layout_end();

@@ -34,5 +34,5 @@ layout_start($page, 'Trial');
 if (App::$trial === null) {
     echo '<p id="no-trial">No trial is pending.</p>', "\n";
 }
-echo '<p><a href="', h($back), '">Back to ', h(PAGES[$back]), '</a></p>', "\n";
+echo '<p><a class="button" href="', h($back), '">Back to ', h(PAGES[$back]), '</a></p>', "\n";
 layout_end();
