@@ -280,6 +280,15 @@ final class Form
             ? $this->posted[$name] : ($values[$name] ?? null);
     }
 
+    /**
+     * Values a new item's form starts with, shown as if the user had typed them: the form is
+     * still built from the device's values, so they count as changes when saved.
+     */
+    public function propose(array $start): void
+    {
+        $this->posted = ($this->posted ?? []) + array_intersect_key($start, $this->fields);
+    }
+
     public function input(string $name, ?array $values): string
     {
         $f = $this->fields[$name];

@@ -85,14 +85,14 @@ if ($shown && $filter === null) {
     $n = $free[0];
     $form = new Form(filter_fields($n));
     // A new filter's form starts as an 11-bit range that passes.
-    $start = ["filter$n.kind" => '1', "filter$n.type" => '1'];
+    $form->propose(["filter$n.kind" => '1', "filter$n.type" => '1']);
     ?>
 <form id="form-add" method="post" action="filters.php">
 <fieldset class="card">
   <legend>Add a filter (number <?= $n ?>)</legend>
   <input type="hidden" name="filter" value="<?= $n ?>">
 <?php foreach ($form->fields as $name => $field) { ?>
-  <?= $form->row($name, $start) ?>
+  <?= $form->row($name, []) ?>
 <?php } ?>
   <p class="help">Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.</p>
 </fieldset>
