@@ -41,7 +41,8 @@ lets in root with the run's key only; an SSH session finds cfgctl in PATH.
 
 In the controller:
   CFGD_FLEET_INVENTORY   Ansible inventory: group gateways, hosts gw-1..gw-N
-  CFGD_FLEET_DIR         $FLEET_DIR: key (the run's SSH key), inventory.ini, bin/, and per
+  CFGD_FLEET_DIR         $FLEET_DIR: key (the run's SSH key), inventory.ini, ssh_config
+                         (root's ~/.ssh/config in the controller: ssh gw-K works), bin/, and per
                          device gw-K/: commands.log (the stubs' command log), cfgctl.log (each
                          cfgctl run's arguments), ssh.log (dropbear's log), shell.log (each SSH
                          session's command, one line per session), cfgd.log (cfgd's output)
@@ -162,6 +163,9 @@ build_controller() {
     ssh-keygen -q -t ed25519 -N '' -C fleet -f "$FLEET_DIR/key"
     dropbearkey -t ed25519 -f "$FLEET_RUN/host_key" >/dev/null 2>&1
     write_inventory "$count" >"$FLEET_DIR/inventory.ini"
+    write_ssh_config "$count" >"$FLEET_DIR/ssh_config"
+    install -d -m 0700 /root/.ssh
+    ln -s "$FLEET_DIR/ssh_config" /root/.ssh/config  # ssh gw-K, from the controller
     write_fleet_exec >"$FLEET_DIR/bin/fleet-exec"
     chmod 0755 "$FLEET_DIR/bin/fleet-exec"
 }
@@ -178,6 +182,21 @@ write_inventory() {
 ansible_user=root
 ansible_ssh_private_key_file=$FLEET_DIR/key
 ansible_ssh_common_args='-o StrictHostKeyChecking=no -o UserKnownHostsFile=/dev/null'
+EOF
+}
+
+write_ssh_config() {
+    local k
+    for ((k = 1; k <= $1; ++k)); do
+        printf 'Host gw-%d\n    HostName %s\n' "$k" "$NET_PREFIX.$((10 + k))"
+    done
+    cat <<EOF
+Host *
+    User root
+    IdentityFile $FLEET_DIR/key
+    StrictHostKeyChecking no
+    UserKnownHostsFile /dev/null
+    LogLevel ERROR
 EOF
 }
 
@@ -204,7 +223,7 @@ write_shell_rc() {
     cat <<EOF
 PS1='fleet-controller:\w# '
 echo "fleet: $1 devices gw-1..gw-$1 at $NET_PREFIX.11.. answer SSH; try:"
-echo "  ssh -i \$CFGD_FLEET_DIR/key -o StrictHostKeyChecking=no -o UserKnownHostsFile=/dev/null root@$NET_PREFIX.11 cfgctl get general.order_number"
+echo "  ssh gw-1 cfgctl get general.order_number       (~/.ssh/config: \$CFGD_FLEET_DIR/ssh_config)"
 echo "  ansible -i \"\$CFGD_FLEET_INVENTORY\" gateways -m raw -a 'cfgctl get can0.bitrate'"
 echo "  ansible-playbook -i \"\$CFGD_FLEET_INVENTORY\" PLAYBOOK      (collection cfgd.gateway)"
 echo "  fleet-exec 1 cfgctl dump;  tail \$CFGD_FLEET_DIR/gw-1/commands.log"
@@ -333,6 +352,9 @@ EOF
     echo "$DEVICE_FILES/shell" >>/etc/shells
     sed -i "s|^root:\([^:]*\):\([^:]*\):\([^:]*\):\([^:]*\):[^:]*:[^:]*\$|root:\1:\2:\3:\4:$DEVICE_HOME:$DEVICE_FILES/shell|" \
         /etc/passwd
+    # Login records of the device's own, so that dropbear has nothing to complain about.
+    cover_with_tmpfs /var/log 0755 1m
+    touch /var/log/lastlog /var/log/wtmp /run/utmp
     mkdir -p /dev/pts
     mount -t devpts -o newinstance,ptmxmode=0666,mode=0620 fleet-pts /dev/pts
     ln -s pts/ptmx /dev/ptmx
