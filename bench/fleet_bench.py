@@ -8,7 +8,7 @@ Run as root from the repository's root after building cfgd, cfgctl and cfgd_gwsi
     sandbox/fleet.sh 50 python3 bench/fleet_bench.py --inside 50   # in a fleet of one's own
 
 On each fleet it times, with fresh SSH connections each:
-  raw   ansible -m raw -a true (the baseline: one SSH round per device)
+  raw   ansible -m raw -a true (the baseline: one SSH round per device), first and last
   (a)   bench/fleet/facts.yml: cfgd.gateway.facts
   (b)   bench/fleet/change.yml: five parameters as a trial, state=pending, state=confirmed
   (c)   bench/fleet/change.yml again: nothing to change
@@ -104,23 +104,26 @@ def inside(size):
     work = os.path.join(os.environ["CFGD_FLEET_DIR"], "bench")
     os.makedirs(work, exist_ok=True)
     forks = ["-f", str(size)]
+    raw = ["ansible", "-i", inventory, "gateways", "-m", "raw", "-a", "true"] + forks
     runs = [
-        ("raw", ["ansible", "-i", inventory, "gateways", "-m", "raw", "-a", "true"] + forks),
+        ("raw", raw),
         ("(a) facts", ["ansible-playbook", "-i", inventory, os.path.join(PLAYS, "facts.yml")]
          + forks),
         ("(b) change", ["ansible-playbook", "-i", inventory, os.path.join(PLAYS, "change.yml")]
          + forks),
         ("(c) again", ["ansible-playbook", "-i", inventory, os.path.join(PLAYS, "change.yml")]
          + forks),
+        ("raw again", raw),  # the first one may still share the machine with the start-up
     ]
     print(f"fleet of {size} devices, forks {size}; logs in {work} (inside the fleet)")
     times = {}
     for label, command in runs:
-        name = label.split()[0].strip("()")
+        name = label.replace(" ", "-").replace("(", "").replace(")", "")
         status, seconds, marks = run(name, command, work)
         times[label] = seconds
         report(label, command, status, seconds, marks, os.path.join(work, name + ".log"))
-    print(f"(c) / raw: {times['(c) again'] / times['raw']:.2f} (target: at most 2);"
+    raw_seconds = min(times["raw"], times["raw again"])
+    print(f"(c) / raw (the faster raw): {times['(c) again'] / raw_seconds:.2f} (target: at most 2);"
           " params per device: target at most 2 sessions, 1 when nothing changes")
     return 0
 
