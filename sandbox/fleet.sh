@@ -48,8 +48,9 @@ In the controller:
                          session's command, one line per session), cfgd.log (cfgd's output)
   PATH                   starts with \$CFGD_FLEET_DIR/bin: fleet-exec K COMMAND... runs COMMAND
                          in device K (its namespaces and environment), e.g. fleet-exec 2 cfgctl dump
-  ANSIBLE_COLLECTIONS_PATH=<repo>/collections, ANSIBLE_HOST_KEY_CHECKING=False, HOME=/root
-                         and ANSIBLE_LOCAL_TEMP on tmpfs
+  ANSIBLE_INVENTORY=\$CFGD_FLEET_INVENTORY, ANSIBLE_COLLECTIONS_PATH=<repo>/collections,
+                         ANSIBLE_HOST_KEY_CHECKING=False, HOME=/root and ANSIBLE_LOCAL_TEMP
+                         on tmpfs
 This machine's mounts are read-only there, except the repository and the build directory.
 EOF
 }
@@ -111,6 +112,7 @@ controller() {
     cd "$SB_CWD" 2>/dev/null || cd /tmp
     export HOME=/root TMPDIR=/tmp PATH=$FLEET_DIR/bin:$PATH
     export CFGD_FLEET_DIR=$FLEET_DIR CFGD_FLEET_INVENTORY=$FLEET_DIR/inventory.ini
+    export ANSIBLE_INVENTORY=$CFGD_FLEET_INVENTORY  # so that -i can be left out
     export ANSIBLE_COLLECTIONS_PATH=$SB_REPO/collections ANSIBLE_HOST_KEY_CHECKING=False
     export ANSIBLE_LOCAL_TEMP=/tmp/ansible-local CFGD_BUILD_DIR=$SB_BUILD
     local -a command=("$@")
@@ -224,8 +226,8 @@ write_shell_rc() {
 PS1='fleet-controller:\w# '
 echo "fleet: $1 devices gw-1..gw-$1 at $NET_PREFIX.11.. answer SSH; try:"
 echo "  ssh gw-1 cfgctl get general.order_number       (~/.ssh/config: \$CFGD_FLEET_DIR/ssh_config)"
-echo "  ansible -i \"\$CFGD_FLEET_INVENTORY\" gateways -m raw -a 'cfgctl get can0.bitrate'"
-echo "  ansible-playbook -i \"\$CFGD_FLEET_INVENTORY\" PLAYBOOK      (collection cfgd.gateway)"
+echo "  ansible gateways -m raw -a 'cfgctl get can0.bitrate'      (inventory: \$CFGD_FLEET_INVENTORY)"
+echo "  ansible-playbook $REPO/bench/fleet/change.yml   (the collection cfgd.gateway)"
 echo "  fleet-exec 1 cfgctl dump;  tail \$CFGD_FLEET_DIR/gw-1/commands.log"
 echo "exit ends the fleet"
 EOF
