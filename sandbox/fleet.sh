@@ -45,7 +45,8 @@ In the controller:
                          (root's ~/.ssh/config in the controller: ssh gw-K works), bin/, and per
                          device gw-K/: commands.log (the stubs' command log), cfgctl.log (each
                          cfgctl run's arguments), ssh.log (dropbear's log), shell.log (each SSH
-                         session's command, one line per session), cfgd.log (cfgd's output)
+                         session's command, one line per session), cfgd.log (cfgd's output),
+                         setup.log (the device's set-up errors)
   PATH                   starts with \$CFGD_FLEET_DIR/bin: fleet-exec K COMMAND... runs COMMAND
                          in device K (its namespaces and environment), e.g. fleet-exec 2 cfgctl dump
   ANSIBLE_INVENTORY=\$CFGD_FLEET_INVENTORY, ANSIBLE_COLLECTIONS_PATH=<repo>/collections,
@@ -67,10 +68,13 @@ fleet_main() {
     local count=${1:-}
     case "$count" in
         -h | --help | help) fleet_usage; return 0 ;;
-        __controller) shift; controller "$@"; return ;;
-        __device) shift; device "$@"; return ;;
+        __controller) shift; controller "$@" ;;  # never returns
+        __device) shift; device "$@" ;;          # never returns
     esac
-    [[ $count =~ ^[1-9][0-9]*$ ]] && ((count <= FLEET_MAX)) || { fleet_usage >&2; exit 2; }
+    if [[ ! $count =~ ^[1-9][0-9]*$ ]] || ((count > FLEET_MAX)); then
+        fleet_usage >&2
+        exit 2
+    fi
     shift
     check_host
     local tool
