@@ -41,14 +41,17 @@ lets in root with the run's key only; an SSH session finds cfgctl in PATH.
 
 In the controller:
   CFGD_FLEET_INVENTORY   Ansible inventory: group gateways, hosts gw-1..gw-N
-  CFGD_FLEET_DIR         $FLEET_DIR: key (the run's SSH key), inventory.ini, bin/, and per
+  CFGD_FLEET_DIR         $FLEET_DIR: key (the run's SSH key), inventory.ini, ssh_config
+                         (root's ~/.ssh/config in the controller: ssh gw-K works), bin/, and per
                          device gw-K/: commands.log (the stubs' command log), cfgctl.log (each
                          cfgctl run's arguments), ssh.log (dropbear's log), shell.log (each SSH
-                         session's command, one line per session), cfgd.log (cfgd's output)
+                         session's command, one line per session), cfgd.log (cfgd's output),
+                         setup.log (the device's set-up errors)
   PATH                   starts with \$CFGD_FLEET_DIR/bin: fleet-exec K COMMAND... runs COMMAND
                          in device K (its namespaces and environment), e.g. fleet-exec 2 cfgctl dump
-  ANSIBLE_COLLECTIONS_PATH=<repo>/collections, ANSIBLE_HOST_KEY_CHECKING=False, HOME=/root
-                         and ANSIBLE_LOCAL_TEMP on tmpfs
+  ANSIBLE_INVENTORY=\$CFGD_FLEET_INVENTORY, ANSIBLE_COLLECTIONS_PATH=<repo>/collections,
+                         ANSIBLE_HOST_KEY_CHECKING=False, HOME=/root and ANSIBLE_LOCAL_TEMP
+                         on tmpfs
 This machine's mounts are read-only there, except the repository and the build directory.
 EOF
 }
@@ -65,10 +68,13 @@ fleet_main() {
     local count=${1:-}
     case "$count" in
         -h | --help | help) fleet_usage; return 0 ;;
-        __controller) shift; controller "$@"; return ;;
-        __device) shift; device "$@"; return ;;
+        __controller) shift; controller "$@" ;;  # never returns
+        __device) shift; device "$@" ;;          # never returns
     esac
-    [[ $count =~ ^[1-9][0-9]*$ ]] && ((count <= FLEET_MAX)) || { fleet_usage >&2; exit 2; }
+    if [[ ! $count =~ ^[1-9][0-9]*$ ]] || ((count > FLEET_MAX)); then
+        fleet_usage >&2
+        exit 2
+    fi
     shift
     check_host
     local tool
@@ -110,6 +116,7 @@ controller() {
     cd "$SB_CWD" 2>/dev/null || cd /tmp
     export HOME=/root TMPDIR=/tmp PATH=$FLEET_DIR/bin:$PATH
     export CFGD_FLEET_DIR=$FLEET_DIR CFGD_FLEET_INVENTORY=$FLEET_DIR/inventory.ini
+    export ANSIBLE_INVENTORY=$CFGD_FLEET_INVENTORY  # so that -i can be left out
     export ANSIBLE_COLLECTIONS_PATH=$SB_REPO/collections ANSIBLE_HOST_KEY_CHECKING=False
     export ANSIBLE_LOCAL_TEMP=/tmp/ansible-local CFGD_BUILD_DIR=$SB_BUILD
     local -a command=("$@")
@@ -162,6 +169,9 @@ build_controller() {
     ssh-keygen -q -t ed25519 -N '' -C fleet -f "$FLEET_DIR/key"
     dropbearkey -t ed25519 -f "$FLEET_RUN/host_key" >/dev/null 2>&1
     write_inventory "$count" >"$FLEET_DIR/inventory.ini"
+    write_ssh_config "$count" >"$FLEET_DIR/ssh_config"
+    install -d -m 0700 /root/.ssh
+    ln -s "$FLEET_DIR/ssh_config" /root/.ssh/config  # ssh gw-K, from the controller
     write_fleet_exec >"$FLEET_DIR/bin/fleet-exec"
     chmod 0755 "$FLEET_DIR/bin/fleet-exec"
 }
@@ -178,6 +188,21 @@ write_inventory() {
 ansible_user=root
 ansible_ssh_private_key_file=$FLEET_DIR/key
 ansible_ssh_common_args='-o StrictHostKeyChecking=no -o UserKnownHostsFile=/dev/null'
+EOF
+}
+
+write_ssh_config() {
+    local k
+    for ((k = 1; k <= $1; ++k)); do
+        printf 'Host gw-%d\n    HostName %s\n' "$k" "$NET_PREFIX.$((10 + k))"
+    done
+    cat <<EOF
+Host *
+    User root
+    IdentityFile $FLEET_DIR/key
+    StrictHostKeyChecking no
+    UserKnownHostsFile /dev/null
+    LogLevel ERROR
 EOF
 }
 
@@ -204,9 +229,9 @@ write_shell_rc() {
     cat <<EOF
 PS1='fleet-controller:\w# '
 echo "fleet: $1 devices gw-1..gw-$1 at $NET_PREFIX.11.. answer SSH; try:"
-echo "  ssh -i \$CFGD_FLEET_DIR/key -o StrictHostKeyChecking=no -o UserKnownHostsFile=/dev/null root@$NET_PREFIX.11 cfgctl get general.order_number"
-echo "  ansible -i \"\$CFGD_FLEET_INVENTORY\" gateways -m raw -a 'cfgctl get can0.bitrate'"
-echo "  ansible-playbook -i \"\$CFGD_FLEET_INVENTORY\" PLAYBOOK      (collection cfgd.gateway)"
+echo "  ssh gw-1 cfgctl get general.order_number       (~/.ssh/config: \$CFGD_FLEET_DIR/ssh_config)"
+echo "  ansible gateways -m raw -a 'cfgctl get can0.bitrate'      (inventory: \$CFGD_FLEET_INVENTORY)"
+echo "  ansible-playbook $REPO/bench/fleet/change.yml   (the collection cfgd.gateway)"
 echo "  fleet-exec 1 cfgctl dump;  tail \$CFGD_FLEET_DIR/gw-1/commands.log"
 echo "exit ends the fleet"
 EOF
@@ -333,6 +358,9 @@ EOF
     echo "$DEVICE_FILES/shell" >>/etc/shells
     sed -i "s|^root:\([^:]*\):\([^:]*\):\([^:]*\):\([^:]*\):[^:]*:[^:]*\$|root:\1:\2:\3:\4:$DEVICE_HOME:$DEVICE_FILES/shell|" \
         /etc/passwd
+    # Login records of the device's own, so that dropbear has nothing to complain about.
+    cover_with_tmpfs /var/log 0755 1m
+    touch /var/log/lastlog /var/log/wtmp /run/utmp
     mkdir -p /dev/pts
     mount -t devpts -o newinstance,ptmxmode=0666,mode=0620 fleet-pts /dev/pts
     ln -s pts/ptmx /dev/ptmx
