@@ -591,5 +591,6 @@ main() {
 }
 
 # On one line, so that bash has read all of it before running it: replacing this file while a
-# sandbox runs cannot change what that sandbox does next.
-main "$@"; exit
+# sandbox runs cannot change what that sandbox does next. Sourced (sandbox/fleet.sh), it only
+# defines its functions.
+if [ "${BASH_SOURCE[0]}" = "$0" ]; then main "$@"; exit; fi

@@ -38,7 +38,9 @@ const char* requestName(const Invocation& invocation) {
 int settleOrRefuse(const Invocation& invocation, bool writes) {
     if (writes) return cfgctl::refuseWritesDuringTrial(invocation);
     long long left = 0;
-    (void)cfgctl::settleTrial(invocation, left);  // reads go on during a trial
+    // Reads go on during a trial; --json tells that the values are the trial's.
+    if (cfgctl::settleTrial(invocation, left) == cfgctl::TrialState::Pending)
+        cfgctl::reportPendingTrial(invocation, left);
     return cfgctl::kExitOk;
 }
 
@@ -53,6 +55,16 @@ Param paramAddress(const cfgctl::Parameter& p) {
 
 std::optional<std::string> optionalValue(const char* value) {
     return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
+// get and dump under --json: the value, or the refusal, goes into the object instead of a line.
+void reportValue(const Invocation& invocation, const Param& param, const DaemonSession& cfgd) {
+    cfgctl::Report& report = *invocation.report;
+    report.hasValues = true;
+    if (cfgd.refused())
+        report.values.push_back({param, std::nullopt, cfgd.refusal()});
+    else
+        report.values.push_back({param, std::string(cfgd.answer().da), {}});
 }
 
 // set's parameters as the lines of an apply, with their names where they have one.
@@ -90,6 +102,17 @@ int runGetSet(const Invocation& invocation) {
         if (int status = cfgd.exchange(writes ? writeType : unsigned{READ_PARAM}, p); status != 0)
             return status;
         const std::string written = cfgctl::writtenAs(p);
+        if (!writes && invocation.report != nullptr) {
+            // A program gets every value it asked for, and the refused reads among them.
+            Param param{};
+            if (!findParamAt(p.f1, p.f2, p.f3, param)) param = paramAddress(p);
+            reportValue(invocation, param, cfgd);
+            if (cfgd.refused()) {
+                invocation.report->refuse({param, written, std::nullopt, cfgd.refusal()});
+                refused = true;
+            }
+            continue;
+        }
         if (cfgd.refused()) {
             std::fprintf(stderr, "cfgctl: %s %s: %s\n", requestName(invocation), written.c_str(),
                          cfgd.refusal());
@@ -140,6 +163,10 @@ int runDump(const Invocation& invocation) {
         if (param.access == ParamAccess::WriteOnly) continue;
         const cfgctl::Parameter p{param.f1, param.f2, param.f3, nullptr};
         if (int status = cfgd.exchange(READ_PARAM, p); status != 0) return status;
+        if (invocation.report != nullptr) {
+            reportValue(invocation, param, cfgd);
+            continue;
+        }
         char label[kParamNameSize];
         if (invocation.numeric)
             std::snprintf(label, sizeof label, "%u %u %u", p.f1, p.f2, p.f3);
@@ -341,6 +368,8 @@ int main(int argc, char** argv) {
     char error[cfgctl::kErrorSize];
     if (!cfgctl::parseArguments(argc, argv, invocation, error, sizeof error)) {
         std::fprintf(stderr, "cfgctl: %s\n(cfgctl --help shows the usage)\n", error);
+        if (invocation.json && !invocation.nameProblem.name.empty())
+            std::printf("%s\n", cfgctl::nameErrorJson(invocation.nameProblem).c_str());
         return cfgctl::kExitUsage;
     }
     if (invocation.command == Command::Help) {

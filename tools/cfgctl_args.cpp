@@ -20,9 +20,9 @@ constexpr unsigned kLargestIndex = 255;
 constexpr std::size_t kShownMatches = 5;
 
 constexpr const char* kUsageFormat =
-    "Usage: cfgctl [-l LOCKFILE] [-t SECONDS] [--abort] get PARAM [PARAM ...]\n"
+    "Usage: cfgctl [-l LOCKFILE] [-t SECONDS] [--json] [--abort] get PARAM [PARAM ...]\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] [--temp] [--abort] set PARAM VALUE [...]\n"
-    "       cfgctl [-l LOCKFILE] [-t SECONDS] dump [--numeric]\n"
+    "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] dump [--numeric]\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] [-v] [--temp] [--abort] apply FILE\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] set --trial SECONDS PARAM VALUE [...]\n"
     "       cfgctl [-l LOCKFILE] [-t SECONDS] [--json] [-v] apply --trial SECONDS FILE\n"
@@ -50,10 +50,10 @@ constexpr const char* kUsageFormat =
     "  --abort      end with ABORT_SESSION instead of FINISH_SESSION, to check values:\n"
     "               %s\n"
     "  --version    prints cfgctl's version, which is cfgd's (cfgd -v); -V is the same\n"
-    "  --json       set, apply, confirm, rollback, trial: the outcome as one JSON object on\n"
-    "               standard output (messages stay on standard error): \"status\" (the exit\n"
-    "               status's word), \"exit\", and where they apply \"trial\", \"refusal\",\n"
-    "               \"counts\" (README.md describes them)\n"
+    "  --json       the outcome as one JSON object on standard output (messages stay on\n"
+    "               standard error): \"status\" (the exit status's word), \"exit\", and where\n"
+    "               they apply \"trial\", \"refusal\", \"counts\", \"values\" (get, dump),\n"
+    "               \"name_error\" (README.md describes them)\n"
     "Exit status: %d done, %d refused by cfgd, %d bad arguments or file, %d cfgd not\n"
     "reachable, %d no answer in time, %d writes refused while a trial is pending, %d no\n"
     "trial pending (confirm, rollback, trial).\n";
@@ -150,6 +150,7 @@ bool readOperands(int argc, const char* const* argv, int at, bool writes, Invoca
         } else {
             if (!findParam(argv[at], param)) {
                 unknownNameError(argv[at], error, errorSize);
+                invocation.nameProblem = {argv[at], "", closeMatches(argv[at], kShownMatches)};
                 return false;
             }
             const bool refused =
@@ -158,6 +159,7 @@ bool readOperands(int argc, const char* const* argv, int at, bool writes, Invoca
             if (refused) {
                 std::snprintf(error, errorSize, "%s is %s", param.name,
                               writes ? "read only" : "write only");
+                invocation.nameProblem = {argv[at], std::string(accessWord(param.access)), {}};
                 return false;
             }
             parameter.f1 = param.f1;
@@ -340,11 +342,8 @@ bool parseArguments(int argc, const char* const* argv, Invocation& invocation, c
         std::snprintf(error, errorSize, "--temp applies to set and apply only");
         return false;
     }
-    if (invocation.json &&
-        !(writes || invocation.command == Command::Confirm ||
-          invocation.command == Command::Rollback || invocation.command == Command::Trial)) {
-        std::snprintf(error, errorSize,
-                      "--json applies to set, apply, confirm, rollback and trial");
+    if (invocation.json && invocation.command == Command::Names) {
+        std::snprintf(error, errorSize, "--json does not apply to names");
         return false;
     }
     if (invocation.verbose && invocation.command != Command::Apply) {

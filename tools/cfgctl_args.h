@@ -49,6 +49,14 @@ struct Parameter {
 
 struct Report;
 
+// A parameter name that the command line cannot use: unknown (with its close matches), or of an
+// access that the command refuses ("r", "live", "w"); --json reports it for programs.
+struct NameProblem {
+    std::string name;
+    std::string access;  // empty for an unknown name
+    std::vector<std::string> close;
+};
+
 struct Invocation {
     Command command = Command::Get;
     const char* lockPath = nullptr;  // the daemon's default when not given
@@ -64,6 +72,7 @@ struct Invocation {
     bool json = false;           // --json: the outcome as one JSON object on standard output
     bool verbose = false;        // -v: apply lists the read-only lines it skips
     Report* report = nullptr;    // filled for --json while the command runs
+    NameProblem nameProblem;     // why a name was refused, when parseArguments fails on one
     std::vector<Parameter> parameters;
 };
 

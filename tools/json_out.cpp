@@ -76,6 +76,17 @@ std::string refusalJson(const Refusal& refusal) {
     return json + "}";
 }
 
+// One value of get or dump: the parameter with its access (and whether it follows its
+// instance's other writes), then the value or the daemon's text for a refused read.
+std::string valueJson(const ReadValue& read) {
+    const std::string_view access = accessWord(read.param.access);
+    std::string json = paramJson(read.param) + ",\"access\":" + jsonString(access) +
+                       ",\"follows\":" + (read.param.followsInstance ? "true" : "false") +
+                       ",\"value\":" + optionalString(read.value);
+    if (!read.value) json += ",\"refused\":" + jsonString(read.refusal);
+    return json + "}";
+}
+
 }  // namespace
 
 std::FILE* humanOutput(const Invocation& invocation) {
@@ -133,6 +144,12 @@ std::string reportJson(int exitStatus, const Report& report) {
                        ",\"exit\":" + std::to_string(exitStatus);
     if (report.hasTrial) json += ",\"trial\":" + trialJson(report);
     if (report.refusal) json += ",\"refusal\":" + refusalJson(*report.refusal);
+    if (report.hasValues) {
+        json += ",\"values\":[";
+        for (std::size_t i = 0; i < report.values.size(); ++i)
+            json += (i > 0 ? "," : "") + valueJson(report.values[i]);
+        json += "]";
+    }
     if (!report.counts.empty()) {
         json += ",\"counts\":{";
         for (std::size_t i = 0; i < report.counts.size(); ++i)
@@ -141,6 +158,17 @@ std::string reportJson(int exitStatus, const Report& report) {
         json += "}";
     }
     return json + "}";
+}
+
+std::string nameErrorJson(const NameProblem& problem) {
+    std::string json = "{\"status\":" + jsonString(statusWord(kExitUsage)) +
+                       ",\"exit\":" + std::to_string(kExitUsage) +
+                       ",\"name_error\":{\"name\":" + jsonString(problem.name) + ",\"access\":" +
+                       (problem.access.empty() ? "null" : jsonString(problem.access)) +
+                       ",\"close\":[";
+    for (std::size_t i = 0; i < problem.close.size(); ++i)
+        json += (i > 0 ? "," : "") + jsonString(problem.close[i]);
+    return json + "]}}";
 }
 
 }  // namespace cfgctl

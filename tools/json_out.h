@@ -26,6 +26,13 @@ struct Refusal {
     unsigned line = 0;  // the apply file's line, from 1; 0 elsewhere
 };
 
+// A value that get or dump read, or the daemon's text for a read it refused.
+struct ReadValue {
+    Param param;
+    std::optional<std::string> value;  // none for a refused read
+    std::string refusal;
+};
+
 // What a command found and did, filled as it goes.
 struct Report {
     bool hasTrial = false;  // the trial that is pending, or that the command ended
@@ -34,6 +41,8 @@ struct Report {
     std::vector<TrialEntry> entries;
     std::optional<Refusal> refusal;                           // the first one
     std::vector<std::pair<const char*, std::size_t>> counts;  // in the order given
+    bool hasValues = false;                                   // get and dump
+    std::vector<ReadValue> values;
 
     void setTrial(const TrialRecord& trial, long long left);
     void refuse(Refusal refusal);
@@ -52,5 +61,8 @@ const char* statusWord(int exitStatus);
 
 // The whole object for a command that ends with `exitStatus`.
 std::string reportJson(int exitStatus, const Report& report);
+
+// The object for a command line refused because of a parameter name.
+std::string nameErrorJson(const NameProblem& problem);
 
 }  // namespace cfgctl

@@ -376,6 +376,16 @@ TrialState settleTrial(const Invocation& invocation, long long& secondsLeft) {
     return TrialState::Pending;
 }
 
+void reportPendingTrial(const Invocation& invocation, long long secondsLeft) {
+    if (invocation.report == nullptr) return;
+    TrialStore store;
+    TrialRecord trial;
+    std::string error;
+    if (store.open(lockPathOf(invocation), error) == TrialPlace::Ready &&
+        store.read(trial, error) == TrialFile::Pending)
+        invocation.report->setTrial(trial, secondsLeft);
+}
+
 int refuseWritesDuringTrial(const Invocation& invocation) {
     long long left = 0;
     switch (settleTrial(invocation, left)) {

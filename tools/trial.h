@@ -25,6 +25,10 @@ inline constexpr int kMaxTrialSeconds = 3600;
 enum class TrialState { None, Pending, Damaged, Unsafe };
 TrialState settleTrial(const Invocation& invocation, long long& secondsLeft);
 
+// get and dump under --json: the pending trial (settled by the caller, `secondsLeft` left) into
+// the report, so that one call tells the values and whether they are a trial's.
+void reportPendingTrial(const Invocation& invocation, long long secondsLeft);
+
 // 0 when a write may go ahead; else the exit status, after the reason was printed.
 int refuseWritesDuringTrial(const Invocation& invocation);
 

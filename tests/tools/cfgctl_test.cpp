@@ -58,7 +58,7 @@ TEST(CfgctlArguments, RefusesWhatCannotBeSentAndGroupsTheOperands) {
     for (const char* line :
          {"-t 0 get 0 2 0", "-t 5s get 0 2 0", "get can1.baudrate", "set can1.bitrate",
           "set lan0.mac x", "get host.user_name", "dump --php", "apply", "apply a b", "names x",
-          "--temp dump", "--json get 0 2 0", "--json dump", "-v set 0 2 0 x", "set --json 0"})
+          "--temp dump", "--json names", "-v set 0 2 0 x", "set --json 0"})
         EXPECT_EQ(understood(line), "refused") << line;
     // Behind the command word "-5" is a value, not an option; a value may be empty.
     EXPECT_EQ(understood("-l /run/lock --temp --abort -t 9 set 4 1 3 -5 255 0 255  7 8 9 x"),
@@ -71,6 +71,7 @@ TEST(CfgctlArguments, RefusesWhatCannotBeSentAndGroupsTheOperands) {
     EXPECT_EQ(understood("dump --numeric"), "dump -l - -t 0 --numeric");
     EXPECT_EQ(understood("--temp apply -"), "apply -l - -t 0 --temp -");
     EXPECT_EQ(understood("--json -v apply f"), "apply -l - -t 0 f --json -v");
+    EXPECT_EQ(understood("--json get 0 2 0"), "get -l - -t 0 --json 0.2.0");
     for (const char* line : {"--version", "-V", "-l /run/lock --version get 0 2 0"})
         EXPECT_TRUE(understood(line).starts_with("version ")) << line;
 }
@@ -157,6 +158,38 @@ TEST(CfgctlJson, ReportsTrialRefusalAndCounts) {
         "\"4 2 2\"},\"value\":\"4999\",\"text\":\"too \\\"low\\\"\",\"line\":3},"
         "\"counts\":{\"written\":1,\"read_only\":2}}");
     EXPECT_EQ(cfgctl::reportJson(cfgctl::kExitNoTrial, {}), "{\"status\":\"no_trial\",\"exit\":6}");
+}
+
+TEST(CfgctlJson, ReportsValuesAndRefusedNames) {
+    Param rate{}, order{};
+    ASSERT_TRUE(findParam("can1.bitrate", rate));
+    ASSERT_TRUE(findParam("general.order_number", order));
+    cfgctl::Report report;
+    report.hasValues = true;
+    report.values = {{rate, "a;b\n", {}}, {order, std::nullopt, "no"}};
+    EXPECT_EQ(cfgctl::reportJson(cfgctl::kExitRefused, report),
+              "{\"status\":\"refused\",\"exit\":1,\"values\":[{\"name\":\"can1.bitrate\","
+              "\"address\":[4,2,2],\"access\":\"rw\",\"follows\":true,\"value\":\"a;b\\n\"},"
+              "{\"name\":\"general.order_number\",\"address\":[0,2,0],\"access\":\"r\","
+              "\"follows\":false,\"value\":null,\"refused\":\"no\"}]}");
+    // What a program needs to say why a name was refused: its close matches, or its access.
+    const std::tuple<const char*, const char*> lines[] = {
+        {"--json get can1.baudrate",
+         "\"name\":\"can1.baudrate\",\"access\":null,"
+         "\"close\":[\"can1.bitrate\"]"},
+        {"--json set lan0.mac x", "\"name\":\"lan0.mac\",\"access\":\"live\",\"close\":[]"},
+        {"--json get host.user_name", "\"name\":\"host.user_name\",\"access\":\"w\""}};
+    for (const auto& [line, part] : lines) {
+        std::string words = std::string("cfgctl ") + line;
+        std::vector<const char*> argv;
+        for (char* rest = words.data(); rest != nullptr;)
+            argv.push_back(strsep(&rest, " "));
+        cfgctl::Invocation inv;
+        char error[cfgctl::kErrorSize];
+        ASSERT_FALSE(cfgctl::parseArguments(static_cast<int>(argv.size()), argv.data(), inv, error,
+                                            sizeof error));
+        EXPECT_NE(cfgctl::nameErrorJson(inv.nameProblem).find(part), std::string::npos) << line;
+    }
 }
 
 }  // namespace

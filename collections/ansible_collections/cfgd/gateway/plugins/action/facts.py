@@ -1,0 +1,32 @@
+# cfgd.gateway.facts: every readable parameter and the live state, from one cfgctl dump.
+from __future__ import absolute_import, division, print_function
+
+__metaclass__ = type
+
+from ansible.plugins.action import ActionBase
+
+from ansible_collections.cfgd.gateway.plugins.plugin_utils import cfgctl as util
+
+
+class ActionModule(ActionBase):
+    TRANSFERS_FILES = False
+    _supports_check_mode = True
+    _supports_async = False
+
+    @util.reported
+    def run(self, tmp=None, task_vars=None):
+        result = super(ActionModule, self).run(tmp, task_vars)
+        _, args = self.validate_argument_spec(argument_spec=dict(util.COMMON_ARGS))
+        device = util.Cfgctl(self, args)
+        rc, report = device.run(['dump'])
+        if rc != util.EXIT_OK or 'values' not in report:
+            device.fail('reading the parameters', rc, report)
+        config, status, refused = {}, {}, {}
+        for value in report['values']:
+            if value.get('value') is None:
+                refused[value['name']] = value.get('refused')
+            else:
+                (status if value.get('access') == 'live' else config)[value['name']] = value['value']
+        result.update(changed=False, ansible_facts=dict(
+            cfgd=config, cfgd_status=status, cfgd_refused=refused, cfgd_trial=report.get('trial')))
+        return result
