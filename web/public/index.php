@@ -4,9 +4,10 @@
 
 declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
+require __DIR__ . '/../lib/live.php';
 
 $page = 'index.php';
-$counters = array_slice(ROUTE_COUNTERS, 0, STATUS_COUNTERS, true);
+$counters = status_counters();
 $names = ['general.description', 'general.hw_version', 'general.sw_version',
     'general.gateway_version', 'general.kl15_power_down',
     'lan0.dhcp', 'lan0.ipv4', 'lan0.netmask', 'lan0.ipv4_gateway', 'lan0.mac'];
@@ -44,8 +45,8 @@ if (layout_start($page, 'Status', $v !== null)) {
 <?php foreach (CAN_INTERFACES as $can) { ?>
   <tr><td><?= page_link("can.php#$can", $can) ?></td>
     <td><?= h(label_of(ON_OFF, $v["$can.active"])) ?></td>
-    <td id="state-<?= h($can) ?>"><?= h(label_of(CAN_STATES, $v["$can.state"])) ?></td>
-    <td><?= h($v["$can.real_bitrate"] ?? '–') ?> bit/s</td>
+    <td id="state-<?= h($can) ?>"<?= live_attribute("$can.state") ?>><?= h(live_text("$can.state", $v["$can.state"])) ?></td>
+    <td<?= live_attribute("$can.real_bitrate") ?>><?= h(live_text("$can.real_bitrate", $v["$can.real_bitrate"])) ?></td>
     <td><?= h(per_mille($v["$can.real_sample_point"])) ?></td></tr>
 <?php } ?>
 </tbody>
@@ -62,6 +63,7 @@ if (layout_start($page, 'Status', $v !== null)) {
 </section>
 <section class="card">
   <h2>Routes</h2>
+  <div id="live" data-url="status.json.php"></div>
   <div class="scroll"><table id="status-routes">
 <thead><tr><th>#</th><th>Name</th><th>State</th><th>Direction</th><th>Destination</th>
 <?php foreach ($counters as $label) { ?>
@@ -70,13 +72,13 @@ if (layout_start($page, 'Status', $v !== null)) {
 </tr></thead>
 <tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) { ?>
-  <tr<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><td><?= page_link("routes.php?route=$n", (string) $n) ?></td>
+  <tr data-route="<?= $n ?>"<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><td><?= page_link("routes.php?route=$n", (string) $n) ?></td>
     <td><?= h($v["route$n.name"]) ?></td>
-    <td><?= h(label_of(ROUTE_STATES, $v["route$n.state"])) ?></td>
+    <td<?= live_attribute("route$n.state") ?>><?= h(live_text("route$n.state", $v["route$n.state"])) ?></td>
     <td><?= h(label_of(ROUTE_TYPES, $v["route$n.type"])) ?> <?= h($v["route$n.interface"]) ?></td>
     <td><?= h($v["route$n.destination"]) ?></td>
 <?php foreach (array_keys($counters) as $c) { ?>
-    <td class="num"><?= h($v["route$n.$c"]) ?></td>
+    <td class="num"<?= live_attribute("route$n.$c") ?>><?= h(live_text("route$n.$c", $v["route$n.$c"])) ?></td>
 <?php } ?>
   </tr>
 <?php } ?>
