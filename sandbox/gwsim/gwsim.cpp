@@ -19,7 +19,6 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -138,20 +137,14 @@ bool moduleLoaded() {
     return text.starts_with(line) || text.find("\n" + line) != std::string::npos;
 }
 
-// Simulated traffic (CFGD_GWSIM_TRAFFIC=1 in the daemon's environment): each running route
-// forwards CAN frames at a rate that swings around (route number) x 20 per second with a
-// period of a minute, counted when the daemon reads the route's statistics. Off by default, so
-// that the counters stay as the daemon left them.
+// Simulated traffic, while the file kTrafficSwitch exists (`touch` it inside the sandbox):
+// each running route forwards CAN frames at a rate that swings around (route number) x 20 per
+// second with a period of a minute, counted when the daemon reads the route's statistics. Off
+// by default, so that the counters stay as the daemon left them.
+constexpr const char* kTrafficSwitch = "/tmp/cfgd-gwsim-traffic";
+
 class Traffic {
   public:
-    static bool enabled() {
-        static const bool on = [] {
-            const char* value = std::getenv("CFGD_GWSIM_TRAFFIC");
-            return value != nullptr && std::strcmp(value, "1") == 0;
-        }();
-        return on;
-    }
-
     // Adds the frames of route node `node` since the last look to its counters.
     void count(int node, DriverRoute& route) {
         timespec now{};
@@ -160,7 +153,7 @@ class Traffic {
         Flow& flow = flows_[static_cast<std::size_t>(node)];
         const double elapsed = flow.seen > 0 ? t - flow.seen : 0;
         flow.seen = t;
-        if ((route.info.flags & kDrvRunRequest) == 0) return;
+        if ((route.info.flags & kDrvRunRequest) == 0 || access(kTrafficSwitch, F_OK) != 0) return;
         constexpr double kTwoPi = 6.283185307179586;
         const double rate = (node + 1) * 20.0 * (1.0 + 0.5 * std::sin(kTwoPi * t / 60.0));
         flow.frames += rate * elapsed;
@@ -233,7 +226,7 @@ struct Driver {
 
     int ioctl(int fd, unsigned long request, void* argument) {
         const int number = routeNode[fd];
-        if (request == gw::kGetRouteStats && number >= 0 && Traffic::enabled()) {
+        if (request == gw::kGetRouteStats && number >= 0) {
             auto& held = simulated->routeNode(number).route;
             if (held) traffic.count(number, *held);
         }
