@@ -143,7 +143,7 @@ function liveStatus(live) {
       }).join(' '));
       var current = points.length ? points[points.length - 1].rate : null;
       figure.querySelector('.rate').textContent = current === null ? '…' : current.toFixed(1);
-      figure.querySelector('.top').textContent = top.toFixed(top < 10 ? 1 : 0);
+      figure.querySelector('.peak').textContent = top.toFixed(top < 10 ? 1 : 0);
       figure.dataset.points = String(points.length);
     });
     Array.prototype.forEach.call(graphs.querySelectorAll('figure'), function (figure) {
@@ -175,10 +175,10 @@ function liveStatus(live) {
     var rate = document.createElement('span');
     rate.className = 'rate';
     caption.appendChild(rate);
-    caption.appendChild(document.createTextNode(' frames/s (top of graph: '));
-    var top = document.createElement('span');
-    top.className = 'top';
-    caption.appendChild(top);
+    caption.appendChild(document.createTextNode(' frames/s (graph top: '));
+    var peak = document.createElement('span');
+    peak.className = 'peak';
+    caption.appendChild(peak);
     caption.appendChild(document.createTextNode(', last 5 min)'));
     figure.appendChild(caption);
     graphs.appendChild(figure);
