@@ -81,6 +81,10 @@ function liveStatus(live) {
     fetch(live.dataset.url, {credentials: 'same-origin', cache: 'no-store',
                              headers: {Accept: 'application/json'}})
       .then(function (answer) {
+        if ((answer.headers.get('Content-Type') || '').indexOf('application/json') !== 0) {
+          // E.g. a sign-in page after the login expired.
+          throw new Error('no live values in the answer; reload the page');
+        }
         return answer.json().then(function (report) {
           if (!answer.ok || report.error) {
             throw new Error(report.error || ('HTTP ' + answer.status));
