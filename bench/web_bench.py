@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Server time and daemon round trips of the web front end's Status and Routes pages, inside
-the sandbox only:
+"""Server time and daemon round trips of the web front end's Status and Routes pages, the Status
+page's JSON endpoint and /metrics, without and with a pending trial, inside the sandbox only:
 
     sandbox/sandbox.sh test python3 bench/web_bench.py build/cfgd build/tools/cfgctl [REQUESTS]
 
@@ -13,7 +13,8 @@ unmeasured ones, each timed from the client with a monotonic clock from sending 
 having read the whole answer; the median and the 90th percentile. The client runs on the same
 machine, over loopback, so this is the server's time plus a small constant for the local
 connection (the "static" line, a small static file through the same server and login, shows
-that constant).
+that constant). Then the same while a trial is pending (cfgctl set --trial, on the
+description), which is rolled back at the end.
 
 Round trips: a page reaches the daemon only through System V message queue calls: each
 request to the daemon is one msgsnd by the client (the PHP library's, or that of a cfgctl the
@@ -27,13 +28,15 @@ import base64, http.client, os, re, shutil, signal, statistics, subprocess, sys,
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 PORT, LOCK, INI = 8201, "/tmp/bench_web.lock", "/mnt/user/bench_full.ini"
-PAGES = {"Status": "/index.php", "Routes": "/routes.php", "static": "/style.css"}
+PAGES = {"Status": "/index.php", "Routes": "/routes.php", "JSON": "/status.json.php",
+         "metrics": "/metrics", "static": "/style.css"}
 AUTH = "Basic " + base64.b64encode(b"bench:bench-password").decode()
+METRICS_HASH = "/tmp/bench_metrics.hash"
 COUNTED = 20
 
 
 def get(connection, path):
-    connection.request("GET", path, headers={"Authorization": AUTH})
+    connection.request("GET", path, headers={"Authorization": METRICS if path == "/metrics" else AUTH})
     answer = connection.getresponse()
     body = answer.read()
     if answer.status != 200:
@@ -84,7 +87,18 @@ def calls_per_view(path):
     return counts["msgsnd"] / COUNTED, counts["execve"] / COUNTED
 
 
+def measure(count):
+    print(f"{'page':8} {'median ms':>10} {'p90 ms':>8} {'bytes':>7} {'round trips':>12} "
+          f"{'programs run':>13}")
+    for name, path in PAGES.items():
+        median, p90, size = timings(path, count)
+        trips, programs = calls_per_view(path)
+        print(f"{name:8} {median:10.2f} {p90:8.2f} {size:7d} {trips:12.1f} {programs:13.1f}",
+              flush=True)
+
+
 def main():
+    global METRICS
     token = os.environ.get("CFGD_SANDBOX")
     marker = open("/etc/cfgd-sandbox").read() if os.path.exists("/etc/cfgd-sandbox") else None
     if not token or marker != token + "\n" or len(sys.argv) not in (3, 4):
@@ -102,18 +116,21 @@ def main():
         time.sleep(0.05)
     subprocess.run(["sh", "-c", f"printf 'bench-password\\n' | '{REPO}/web/cfgd-web-passwd' bench "
                     "/tmp/bench.htpasswd 2>/dev/null"], check=True)
+    METRICS = "Bearer " + subprocess.run([os.path.join(REPO, "web", "cfgd-web-passwd"),
+                                          "--metrics-token", METRICS_HASH], check=True,
+                                         capture_output=True, text=True).stdout.strip()
     subprocess.run([os.path.join(REPO, "sandbox", "web-server.sh"), "start", str(PORT), LOCK,
                     "/tmp/bench.htpasswd"], check=True, stdout=subprocess.DEVNULL,
-                   env=dict(os.environ, CFGD_CFGCTL=cfgctl))
+                   env=dict(os.environ, CFGD_CFGCTL=cfgctl, CFGD_WEB_METRICS_HASH=METRICS_HASH))
     routes = open(INI).read().count("[rt_")
     print(f"web front end: {count} keep-alive requests per page after 20 unmeasured; daemon on "
           f"bench/full_config.ini ({routes} routes)")
-    print(f"{'page':8} {'median ms':>10} {'p90 ms':>8} {'bytes':>7} {'round trips':>12} "
-          f"{'programs run':>13}")
-    for name, path in PAGES.items():
-        median, p90, size = timings(path, count)
-        trips, programs = calls_per_view(path)
-        print(f"{name:8} {median:10.2f} {p90:8.2f} {size:7d} {trips:12.1f} {programs:13.1f}")
+    measure(count)
+    subprocess.run([cfgctl, "-l", LOCK, "set", "--trial", "3600", "general.description",
+                    "bench trial"], check=True, stdout=subprocess.DEVNULL)
+    print("while a trial is pending:")
+    measure(count)
+    subprocess.run([cfgctl, "-l", LOCK, "rollback"], check=True, stdout=subprocess.DEVNULL)
     subprocess.run([os.path.join(REPO, "sandbox", "web-server.sh"), "stop"], check=False)
 
 

@@ -61,13 +61,17 @@ cfgd_source_constant(TRIAL_SUFFIX tools/trial_file.cpp kDirectorySuffix)
 cfgd_source_constant(DEFAULT_TIMEOUT tools/client.h kDefaultTimeoutSeconds)
 cfgd_source_constant(MAX_TIMEOUT tools/cfgctl_args.cpp kMaxTimeoutSeconds)
 
-# The password command's default file and group, as the script sets them.
-file(STRINGS ${PROJECT_SOURCE_DIR}/web/cfgd-web-passwd lines REGEX "^(file|group)=\\$")
-if(NOT "${lines}" MATCHES "file=\\$\\{2:-([^}]+)\\}.*group=\\$\\{CFGD_WEB_GROUP:-([^}]+)\\}")
-  message(FATAL_ERROR "man pages: the default file and group not found in web/cfgd-web-passwd")
-endif()
-set(WEB_PASSWORD_FILE ${CMAKE_MATCH_1})
-set(WEB_PASSWORD_GROUP ${CMAKE_MATCH_2})
+# The password command's default files and group, as the script sets them.
+foreach(setting WEB_PASSWORD_FILE:file WEB_PASSWORD_GROUP:group WEB_METRICS_TOKEN_FILE:token_file)
+  string(REPLACE ":" ";" setting "${setting}")
+  list(GET setting 0 variable)
+  list(GET setting 1 name)
+  file(STRINGS ${PROJECT_SOURCE_DIR}/web/cfgd-web-passwd lines REGEX "^${name}=\\$")
+  if(NOT "${lines}" MATCHES "^${name}=\\$\\{[^:]+:-([^}]+)\\}")
+    message(FATAL_ERROR "man pages: the default of ${name} not found in web/cfgd-web-passwd")
+  endif()
+  set(${variable} ${CMAKE_MATCH_1})
+endforeach()
 set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
              ${PROJECT_SOURCE_DIR}/web/cfgd-web-passwd)
 

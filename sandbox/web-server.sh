@@ -14,6 +14,8 @@
 #   CFGD_WEB_ROOT         document root (default: a copy of web/public of this repository)
 #   CFGD_TRIAL_SECONDS    passed to the pages (default 90)
 #   CFGD_CFGCTL           copied for the pages (default: the cfgctl in PATH)
+#   CFGD_WEB_METRICS_HASH the hash file of /metrics' bearer token (default: none, so /metrics
+#                         answers 401 to every request)
 # Each instance keeps its configuration, error log and FastCGI socket (run/, the server user's), PHP sessions and process id in
 # /tmp/cfgd-web-PORT.
 set -euo pipefail
@@ -79,6 +81,9 @@ cmd_start() {
     install -d -m 0700 -o www-data -g www-data "$dir/sessions" "$dir/upload" "$dir/run"
     # Read by the server's user at each login.
     install -m 0640 -o root -g www-data "$passwd" "$dir/htpasswd"
+    # /metrics' token hash (cfgd-web-passwd --metrics-token), when CFGD_WEB_METRICS_HASH names one.
+    [ -z "${CFGD_WEB_METRICS_HASH:-}" ] ||
+        install -m 0640 -o root -g www-data "$CFGD_WEB_METRICS_HASH" "$dir/metrics.hash"
     [ -z "$socket" ] || rm -f "$socket"
     {
         cat <<EOF
@@ -104,6 +109,7 @@ setenv.add-environment := (
     "CFGD_LOCK_FILE" => $(quoted "$lock"),
     "CFGD_CFGCTL" => $(quoted "$cfgctl"),
     "CFGD_TRIAL_SECONDS" => $(quoted "${CFGD_TRIAL_SECONDS:-90}"),
+    "CFGD_METRICS_TOKEN_FILE" => $(quoted "$dir/metrics.hash"),
 )
 fastcgi.server := ( ".php" => ( (
     "bin-path" => $(quoted "/usr/bin/php-cgi -d session.save_path=$dir/sessions -d upload_tmp_dir=$dir/upload"),

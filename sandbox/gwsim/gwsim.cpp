@@ -16,9 +16,11 @@
 
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -116,6 +118,11 @@ bool isNode(const char* path) {
     return number.size() == 1 && number[0] >= '0' && number[0] < '0' + SimDriver::kRouteNodes;
 }
 
+// The route node number of a node's path (0..7), or -1 for the control node.
+int routeNodeOf(const char* path) {
+    return std::strcmp(path, gw::kControlNode) == 0 ? -1 : path[std::strlen(path) - 1] - '0';
+}
+
 // Whether /proc/modules names the module at the start of a line, as the kernel lists it.
 bool moduleLoaded() {
     const int fd = realOpen()(kModulesPath, O_RDONLY | O_CLOEXEC);
@@ -130,13 +137,56 @@ bool moduleLoaded() {
     return text.starts_with(line) || text.find("\n" + line) != std::string::npos;
 }
 
+// Simulated traffic, while the file kTrafficSwitch exists (`touch` it inside the sandbox):
+// each running route forwards CAN frames at a rate that swings around (route number) x 20 per
+// second with a period of a minute, counted when the daemon reads the route's statistics. Off
+// by default, so that the counters stay as the daemon left them.
+constexpr const char* kTrafficSwitch = "/tmp/cfgd-gwsim-traffic";
+
+class Traffic {
+  public:
+    // Adds the frames of route node `node` since the last look to its counters.
+    void count(int node, DriverRoute& route) {
+        timespec now{};
+        (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail for this clock
+        const double t = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+        Flow& flow = flows_[static_cast<std::size_t>(node)];
+        const double elapsed = flow.seen > 0 ? t - flow.seen : 0;
+        flow.seen = t;
+        if ((route.info.flags & kDrvRunRequest) == 0 || access(kTrafficSwitch, F_OK) != 0) return;
+        constexpr double kTwoPi = 6.283185307179586;
+        const double rate = (node + 1) * 20.0 * (1.0 + 0.5 * std::sin(kTwoPi * t / 60.0));
+        flow.frames += rate * elapsed;
+        const auto frames = static_cast<uint32_t>(flow.frames);
+        flow.frames -= frames;
+        flow.unpacked += frames;
+        const uint32_t perPacket = route.info.fpp > 0 ? route.info.fpp : 1;
+        const uint32_t packets = flow.unpacked / perPacket;
+        flow.unpacked %= perPacket;
+        route.stats[route_stat::CanPackets] += frames;
+        route.stats[route_stat::CanMsgs] += frames;
+        route.stats[route_stat::LanPackets] += packets;
+        route.stats[route_stat::LanMsgs] += packets;
+    }
+
+  private:
+    struct Flow {
+        double seen = 0;        // monotonic seconds of the last look; 0: none yet
+        double frames = 0;      // a frame's part, carried to the next look
+        uint32_t unpacked = 0;  // frames not yet in a LAN packet
+    };
+    std::array<Flow, SimDriver::kRouteNodes> flows_{};
+};
+
 // The driver's state in this process. Constant-initialised: programs that never open a node
 // (the shell, the tools) pay nothing for it.
 struct Driver {
     SimDriver* simulated = nullptr;  // made at the first open; never freed, in use to the end
     std::array<int, kMaxDescriptor> node{};  // real descriptor -> simulated one + 1; 0: none
-    int held = 0;                            // nodes open
-    bool unloaded = false;                   // an open found the module missing
+    std::array<signed char, kMaxDescriptor> routeNode{};  // real descriptor -> its route node
+    Traffic traffic;
+    int held = 0;           // nodes open
+    bool unloaded = false;  // an open found the module missing
 
     bool owns(int fd) const { return fd >= 0 && fd < kMaxDescriptor && node[fd] != 0; }
     int simulatedOf(int fd) const { return node[fd] - 1; }
@@ -169,11 +219,17 @@ struct Driver {
             return -1;
         }
         node[real] = fd + 1;
+        routeNode[real] = static_cast<signed char>(routeNodeOf(path));
         ++held;
         return real;
     }
 
     int ioctl(int fd, unsigned long request, void* argument) {
+        const int number = routeNode[fd];
+        if (request == gw::kGetRouteStats && number >= 0) {
+            auto& held = simulated->routeNode(number).route;
+            if (held) traffic.count(number, *held);
+        }
         return simulated->ioctl(simulatedOf(fd), request, argument);
     }
 

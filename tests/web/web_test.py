@@ -25,6 +25,7 @@ A, B = "/tmp/web_a.lock", "/tmp/web_b.lock"
 A_INI = "/mnt/user/web_a.ini"
 SLOW, FAST, DEFAULT = 8101, 8102, 8103  # A with 60 s trials, A with 5 s trials, B
 NEW_ADDRESS = "198.51.100.77"
+TRAFFIC = "/tmp/cfgd-gwsim-traffic"  # the simulated driver's traffic switch
 
 
 def check(condition, what):
@@ -384,6 +385,67 @@ def test_uploads_that_write_nothing_say_so():
         press("btn-upload-trial")
         check(words in " ".join(banners().values()) and "ok" not in banners(), banners())
         check("read only: skipped" not in DRIVER.page_source and not DRIVER.find_elements(By.ID, "trial"), words)
+
+
+# The Status page refreshes its counters and graphs every 2 s (the sandbox's driver counts
+# frames on running routes while TRAFFIC exists), and stops while the tab is hidden.
+def test_status_refreshes_live_and_stops_when_hidden():
+    open(TRAFFIC, "w").close()
+    try:
+        status_refreshes_live_and_stops_when_hidden()
+    finally:
+        os.remove(TRAFFIC)
+
+
+def status_refreshes_live_and_stops_when_hidden():
+    check(http(f"http://127.0.0.1:{SLOW}/status.json.php", auth=False)[0] == 401, "JSON without a login")
+    DRIVER.get(f"http://127.0.0.1:{SLOW}/index.php")
+    polls = lambda: int(by_id("live").get_attribute("data-polls"))
+    cell = lambda: int(DRIVER.find_element(By.CSS_SELECTOR, '[data-live="route1.can_packets"]').text)
+    first = cell()
+    wait_until(lambda: polls() >= 3, 10, "three polls")
+    graph = by_id("graph-route-1")
+    check(cell() > first and int(graph.get_attribute("data-points")) >= 2, f"{first} -> {cell()}")
+    check(float(graph.find_element(By.CLASS_NAME, "rate").text) > 0, graph.text)
+    check(len(graph.find_element(By.TAG_NAME, "polyline").get_attribute("points").split()) >= 2, "no line")
+    hide = "Object.defineProperty(document, 'hidden', {value: arguments[0], configurable: true});" \
+           "document.dispatchEvent(new Event('visibilitychange'))"
+    DRIVER.execute_script(hide, True)
+    time.sleep(2.5)  # a poll on its way ends
+    hidden = polls()
+    time.sleep(4.5)
+    check(polls() == hidden, f"{polls() - hidden} polls while hidden")
+    DRIVER.execute_script(hide, False)
+    wait_until(lambda: polls() > hidden, 3, "polls again when shown")
+
+
+# /metrics: only with its bearer token (no login), in Prometheus' format, the values cfgctl reads.
+def test_metrics_need_their_token_and_match_cfgctl():
+    url = f"http://127.0.0.1:{SLOW}/metrics"
+    token = run(f"{REPO}/web/cfgd-web-passwd", "--metrics-token", "/tmp/web_metrics.hash").strip()
+    for port, lock in ((SLOW, A), (8104, "/tmp/web_none.lock")):
+        if port == 8104:
+            start_server(port, lock, 60)
+        run("install", "-m", "0640", "-g", "www-data", "/tmp/web_metrics.hash", f"/tmp/cfgd-web-{port}/metrics.hash")
+    bearer = lambda t: {"Authorization": f"Bearer {t}"}
+    statuses = [http(url, auth=False)[0], http(url)[0], http(url, auth=False, headers=bearer(token[:-1] + "x"))[0],
+                http(f"http://127.0.0.1:{SLOW}/index.php", auth=False, headers=bearer(token))[0]]
+    check(statuses == [401] * 4, f"without, with the login, a wrong token, the token elsewhere: {statuses}")
+    before = dump(A)
+    status, text = http(url, auth=False, headers=bearer(token))
+    after = dump(A)
+    check(status == 200, f"status {status}")
+    checked = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, text=True)
+    check(checked.returncode == 0, checked.stdout + checked.stderr)
+    sources = dict(re.findall(r"^# HELP (\S+) .*\(cfgctl: (\S+)\)$", text, re.M))
+    samples = re.findall(r'^(\w+)\{\w+="(\w+)"\} (\d+)$', text, re.M)
+    for metric, label, value in samples:
+        name = sources[metric].replace("canN", label).replace("routeN", "route" + label)
+        low, high = (int(d[name].split(" = ")[1]) for d in (before, after))
+        check(low <= int(value) <= high, f"{metric} {label} {value}: {name} {low}..{high}")
+    check(len(samples) == 2 * 2 + 8 * 15 and "\ncfgd_up 1\n" in text, f"{len(samples)} samples")
+    down = http("http://127.0.0.1:8104/metrics", auth=False, headers=bearer(token))
+    check(down[0] == 200 and "\ncfgd_up 0\n" in down[1], f"no daemon: {down}")
 
 
 def test_no_faults_in_the_error_logs():

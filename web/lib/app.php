@@ -36,8 +36,8 @@
 //   header          identity in p "identity", user in span "user", navigation nav "nav"
 //   switched off    a page a GUI option switched off: p "switched-off", status 404
 //   read-only values  index.php: tables "status-can" and "status-routes", td "state-canN",
-//                   the other values that change by themselves td "v-NAME" (live_id():
-//                   v-can0-real_bitrate, v-route1-state, v-route1-can_packets, ...),
+//                   the values that refresh by themselves carry data-live="NAME" (can0.state,
+//                   can0.real_bitrate, route1.state, route1.can_packets, ...),
 //                   dd "sw-version", "gateway-version", "lan-address", "lan-mac"; can.php:
 //                   span "state-canN", "sample-point-canN", "timing-canN" (register timing
 //                   only); lan.php: "lan-mac"; routes.php: table "routes", links
@@ -55,10 +55,6 @@
 
 declare(strict_types=1);
 
-// The library: beside web/ in the repository, share/cfgd/php beside share/cfgd/web installed.
-define('CFGD_LIBRARY', is_file(dirname(__DIR__, 2) . '/clients/php/cfgd.php')
-    ? dirname(__DIR__, 2) . '/clients/php/cfgd.php' : dirname(__DIR__, 2) . '/php/cfgd.php');
-
 ini_set('display_errors', '0');
 ini_set('log_errors', '1');
 error_reporting(E_ALL);
@@ -71,25 +67,11 @@ set_error_handler(static function (int $severity, string $message, string $file,
 });
 ob_start();  // so that a fault can replace a half-made page
 
-require_once CFGD_LIBRARY;
+require_once __DIR__ . '/settings.php';
 require_once __DIR__ . '/layout.php';
 require_once __DIR__ . '/form.php';
 require_once __DIR__ . '/params.php';
 
-function env_setting(string $name, string $default): string
-{
-    $value = getenv($name);
-    if ($value === false) {
-        $value = $_SERVER[$name] ?? '';
-    }
-    return is_string($value) && $value !== '' ? $value : $default;
-}
-
-define('CFGD_LOCK_FILE', env_setting('CFGD_LOCK_FILE', '/tmp/kiv_lock'));
-define('CFGD_CFGCTL', env_setting('CFGD_CFGCTL', '/usr/bin/cfgctl'));
-define('CFGD_TRIAL_SECONDS', max(Cfgd\Trial::SHORTEST,
-    min(Cfgd\Trial::LONGEST, (int) env_setting('CFGD_TRIAL_SECONDS', '90'))));
-const CFGD_TIMEOUT = 5;               // seconds to wait for cfgd's answers
 const UPLOAD_LIMIT = 64 * 1024;       // bytes of an uploaded configuration text
 
 // What a refused form leaves: cfgd aborts the session and stores nothing; a hardened cfgd also

@@ -198,16 +198,17 @@ function page_link(string $href, string $label, string $class = ''): string
 
 /**
  * A cell of a card table (class "cards"): a phone shows each row as a card, each cell with its
- * column's label. `$text` is escaped here; `$id` names a value that changes by itself.
+ * column's label. `$text` is escaped here; `$live` names the value app.js refreshes it with.
  */
-function cell(string $label, ?string $text, string $id = '', string $class = ''): string
+function cell(string $label, ?string $text, string $id = '', string $class = '', string $live = ''): string
 {
     return '<td data-label="' . h($label) . '"' . ($id !== '' ? ' id="' . h($id) . '"' : '')
-        . ($class !== '' ? ' class="' . h($class) . '"' : '') . '>' . h($text ?? '–') . '</td>';
+        . ($class !== '' ? ' class="' . h($class) . '"' : '') . ($live !== '' ? live_attribute($live) : '')
+        . '>' . h($text ?? '–') . '</td>';
 }
 
-/** The id of a value that changes by itself, after its cfgctl name: v-route1-can_packets. */
-function live_id(string $name): string
+/** The cell or element attribute that app.js refreshes with `$name`'s text. */
+function live_attribute(string $name): string
 {
-    return 'v-' . strtr($name, '.', '-');
+    return ' data-live="' . h($name) . '"';
 }

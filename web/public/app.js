@@ -1,5 +1,5 @@
-// The only script: the trial's countdown, and an "Applying…" state while a form is sent.
-// Every page works without it.
+// The only script: the trial's countdown, an "Applying…" state while a form is sent, and the
+// Status page's live values (liveStatus below). Every page works without it.
 'use strict';
 
 document.addEventListener('DOMContentLoaded', function () {
@@ -38,4 +38,164 @@ document.addEventListener('DOMContentLoaded', function () {
       }
     });
   });
+
+  var live = document.getElementById('live');
+  if (live) {
+    liveStatus(live);
+  }
 });
+
+// The Status page refreshes its live values (cells with data-live) from the JSON endpoint every
+// 2 s while the tab is shown, and draws each active route's frames per second over the last
+// 5 minutes: the differences of its frame counter between polls, kept in the page.
+var POLL_MS = 2000;
+var WINDOW_S = 300;
+var GRAPH_W = 300;
+var GRAPH_H = 60;
+var SVG = 'http://www.w3.org/2000/svg';
+
+function liveStatus(live) {
+  var samples = {};  // route number -> [{t: seconds, rate: frames/s}]
+  var last = {};     // route number -> {t, frames} of the previous poll
+  var timer = null;
+  var busy = false;
+  var note = document.createElement('p');
+  note.id = 'live-note';
+  note.className = 'live-note';
+  live.appendChild(note);
+  var graphs = document.createElement('div');
+  graphs.className = 'graphs';
+  live.appendChild(graphs);
+  live.dataset.polls = '0';
+
+  var schedule = function () {
+    clearTimeout(timer);
+    timer = document.hidden ? null : setTimeout(poll, POLL_MS);
+  };
+  var poll = function () {
+    timer = null;
+    if (busy || document.hidden) {
+      return;
+    }
+    busy = true;
+    fetch(live.dataset.url, {credentials: 'same-origin', cache: 'no-store',
+                             headers: {Accept: 'application/json'}})
+      .then(function (answer) {
+        if ((answer.headers.get('Content-Type') || '').indexOf('application/json') !== 0) {
+          // E.g. a sign-in page after the login expired.
+          throw new Error('no live values in the answer; reload the page');
+        }
+        return answer.json().then(function (report) {
+          if (!answer.ok || report.error) {
+            throw new Error(report.error || ('HTTP ' + answer.status));
+          }
+          show(report);
+          note.textContent = 'Live: refreshed every 2 s.';
+        });
+      })
+      .catch(function (error) {
+        note.textContent = 'Live values not refreshed: ' + error.message;
+      })
+      .then(function () {
+        busy = false;
+        live.dataset.polls = String(parseInt(live.dataset.polls, 10) + 1);
+        schedule();
+      });
+  };
+
+  var show = function (report) {
+    Object.keys(report.values).forEach(function (name) {
+      var cell = document.querySelector('[data-live="' + name + '"]');
+      if (cell) {
+        cell.textContent = report.values[name];
+      }
+    });
+    Object.keys(report.routes).forEach(function (n) {
+      var route = report.routes[n];
+      var row = document.querySelector('tr[data-route="' + n + '"]');
+      if (row) {
+        row.classList.toggle('off', !route.on);
+      }
+      var before = last[n];
+      last[n] = route.on && route.frames !== null ? {t: report.time, frames: route.frames} : null;
+      if (!last[n]) {
+        delete samples[n];
+        return;
+      }
+      var points = samples[n] = (samples[n] || []).filter(function (p) {
+        return p.t >= report.time - WINDOW_S;
+      });
+      // A counter that went back (statistics reset, or a route made anew) gives no point.
+      if (before && route.frames >= before.frames && report.time > before.t) {
+        points.push({t: report.time, rate: (route.frames - before.frames) / (report.time - before.t)});
+      }
+    });
+    draw(report.time);
+  };
+
+  var draw = function (now) {
+    var shown = {};
+    Object.keys(samples).forEach(function (n) {
+      shown[n] = true;
+      var figure = document.getElementById('graph-route-' + n) || newGraph(n);
+      var points = samples[n];
+      var top = Math.max(1, Math.max.apply(null, points.map(function (p) { return p.rate; })));
+      figure.querySelector('polyline').setAttribute('points', points.map(function (p) {
+        var x = (p.t - (now - WINDOW_S)) / WINDOW_S * GRAPH_W;
+        var y = GRAPH_H - p.rate / top * (GRAPH_H - 4);
+        return x.toFixed(1) + ',' + y.toFixed(1);
+      }).join(' '));
+      var current = points.length ? points[points.length - 1].rate : null;
+      figure.querySelector('.rate').textContent = current === null ? '…' : current.toFixed(1);
+      figure.querySelector('.peak').textContent = top.toFixed(top < 10 ? 1 : 0);
+      figure.dataset.points = String(points.length);
+    });
+    Array.prototype.forEach.call(graphs.querySelectorAll('figure'), function (figure) {
+      if (!shown[figure.dataset.route]) {
+        graphs.removeChild(figure);
+      }
+    });
+  };
+
+  var newGraph = function (n) {
+    var figure = document.createElement('figure');
+    figure.id = 'graph-route-' + n;
+    figure.className = 'graph';
+    figure.dataset.route = n;
+    var svg = document.createElementNS(SVG, 'svg');
+    svg.setAttribute('viewBox', '0 0 ' + GRAPH_W + ' ' + GRAPH_H);
+    svg.setAttribute('preserveAspectRatio', 'none');
+    svg.setAttribute('role', 'img');
+    svg.setAttribute('aria-label', 'Route ' + n + ': frames per second, last 5 minutes');
+    var line = document.createElementNS(SVG, 'polyline');
+    line.setAttribute('fill', 'none');
+    line.setAttribute('stroke', 'currentColor');
+    line.setAttribute('stroke-width', '1.5');
+    line.setAttribute('vector-effect', 'non-scaling-stroke');
+    svg.appendChild(line);
+    figure.appendChild(svg);
+    var caption = document.createElement('figcaption');
+    caption.appendChild(document.createTextNode('Route ' + n + ': '));
+    var rate = document.createElement('span');
+    rate.className = 'rate';
+    caption.appendChild(rate);
+    caption.appendChild(document.createTextNode(' frames/s (graph top: '));
+    var peak = document.createElement('span');
+    peak.className = 'peak';
+    caption.appendChild(peak);
+    caption.appendChild(document.createTextNode(', last 5 min)'));
+    figure.appendChild(caption);
+    graphs.appendChild(figure);
+    return figure;
+  };
+
+  document.addEventListener('visibilitychange', function () {
+    if (document.hidden) {
+      clearTimeout(timer);
+      timer = null;
+    } else {
+      poll();
+    }
+  });
+  poll();
+}

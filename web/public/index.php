@@ -4,9 +4,10 @@
 
 declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
+require __DIR__ . '/../lib/live.php';
 
 $page = 'index.php';
-$counters = array_slice(ROUTE_COUNTERS, 0, STATUS_COUNTERS, true);
+$counters = status_counters();
 $names = ['general.description', 'general.hw_version', 'general.sw_version',
     'general.gateway_version', 'general.kl15_power_down',
     'lan0.dhcp', 'lan0.ipv4', 'lan0.netmask', 'lan0.ipv4_gateway', 'lan0.mac'];
@@ -43,10 +44,10 @@ if (layout_start($page, 'Status', $v !== null)) {
 <tbody>
 <?php foreach (CAN_INTERFACES as $can) { ?>
   <tr><th scope="row"><?= page_link("can.php#$can", $can, 'row-link') ?></th>
-    <?= cell('Active', label_of(ON_OFF, $v["$can.active"]), live_id("$can.active")) ?>
-    <?= cell('State', label_of(CAN_STATES, $v["$can.state"]), "state-$can") ?>
-    <?= cell('Bit rate', isset($v["$can.real_bitrate"]) ? $v["$can.real_bitrate"] . ' bit/s' : null, live_id("$can.real_bitrate")) ?>
-    <?= cell('Sample point', per_mille($v["$can.real_sample_point"]), live_id("$can.real_sample_point")) ?></tr>
+    <?= cell('Active', label_of(ON_OFF, $v["$can.active"])) ?>
+    <?= cell('State', live_text("$can.state", $v["$can.state"]), "state-$can", live: "$can.state") ?>
+    <?= cell('Bit rate', live_text("$can.real_bitrate", $v["$can.real_bitrate"]), live: "$can.real_bitrate") ?>
+    <?= cell('Sample point', per_mille($v["$can.real_sample_point"])) ?></tr>
 <?php } ?>
 </tbody>
   </table></div>
@@ -62,6 +63,7 @@ if (layout_start($page, 'Status', $v !== null)) {
 </section>
 <section class="card">
   <h2>Routes</h2>
+  <div id="live" data-url="status.json.php"></div>
   <div class="scroll"><table id="status-routes" class="cards">
 <thead><tr><th>Route</th><th>Name</th><th>State</th><th>Direction</th><th>Destination</th>
 <?php foreach ($counters as $label) { ?>
@@ -70,14 +72,17 @@ if (layout_start($page, 'Status', $v !== null)) {
 </tr></thead>
 <tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) {
+    // An unused route shows no zeros, and nothing that a refresh would fill in again.
     $unused = route_unused($v, $n); ?>
-  <tr<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><th scope="row"><?= page_link("routes.php?route=$n", "Route $n", 'row-link') ?></th>
+  <tr data-route="<?= $n ?>"<?= $v["route$n.state"] === '0' ? ' class="off"' : '' ?>><th scope="row"><?= page_link("routes.php?route=$n", "Route $n", 'row-link') ?></th>
     <?= cell('Name', $v["route$n.name"]) ?>
-    <?= cell('State', $unused ? NOT_USED : label_of(ROUTE_STATES, $v["route$n.state"]), live_id("route$n.state"), 'state') ?>
+    <?= $unused ? cell('State', NOT_USED, class: 'state')
+        : cell('State', live_text("route$n.state", $v["route$n.state"]), class: 'state', live: "route$n.state") ?>
     <?= cell('Direction', $unused ? '' : label_of(ROUTE_TYPES, $v["route$n.type"]) . ' ' . $v["route$n.interface"]) ?>
     <?= cell('Destination', $unused ? '' : $v["route$n.destination"]) ?>
 <?php foreach ($counters as $c => $label) { ?>
-    <?= cell($label, $unused ? '' : $v["route$n.$c"], live_id("route$n.$c"), 'num') ?>
+    <?= $unused ? cell($label, '', class: 'num')
+        : cell($label, live_text("route$n.$c", $v["route$n.$c"]), class: 'num', live: "route$n.$c") ?>
 <?php } ?>
   </tr>
 <?php } ?>
