@@ -270,6 +270,11 @@ def test_lan_trial_kept_through_the_new_address():
     # The port the browser used (Host), not the server's: behind a forwarder they differ.
     forwarded = http(f"http://127.0.0.1:{SLOW}/lan.php", headers={"Host": "127.0.0.1:9"})[1]
     check(f'href="http://{NEW_ADDRESS}:9/lan.php"' in forwarded, "no link with the Host's port")
+    # A Keep posted at the old address anyway (a forged button) keeps nothing.
+    DRIVER.execute_script("document.getElementById('form-trial').insertAdjacentHTML('beforeend', "
+                          "'<button id=\"btn-forged\" name=\"action\" value=\"confirm\">')")
+    press("btn-forged")
+    check("trial pending" in cfgctl(A, "trial", strict=False), "kept at the old address")
     DRIVER.get(link)
     press("btn-keep")
     check(DRIVER.current_url.startswith(f"http://{NEW_ADDRESS}:"), DRIVER.current_url)

@@ -101,6 +101,7 @@ const TEXT = [
     'fault' => 'Something went wrong on the device; the details are in the web server\'s error log. Reload the page to try again.',
     'no_data' => 'The device\'s values could not be read.',
     'dhcp_address' => 'the address the DHCP server gives it',
+    'keep_from_new' => 'Not kept: this trial moves the device to a new address, so keep it from a page loaded at that address (this shows that it works). It rolls back by itself if nobody does.',
     'switched_off' => 'The %s page is switched off. It can be switched on again on the System page, under "Pages the web front end shows".',
     'switched_off_post' => 'The %s page is switched off: nothing was changed.',
 ];

@@ -11,7 +11,12 @@ $back = is_string($back) && isset(PAGES[$back]) ? $back : 'index.php';
 $action = posted_action();
 if ($action === 'confirm' || $action === 'rollback') {
     try {
-        if ($action === 'confirm') {
+        $trial = $action === 'confirm' ? new_trial()->pending() : null;
+        $moved = $trial !== null ? trial_move($trial['params']) : null;
+        if ($moved !== null && !$moved['here']) {
+            // Keeping a move from the old address would not show that the new one works.
+            banner('error', TEXT['keep_from_new']);
+        } elseif ($action === 'confirm') {
             new_trial()->confirm();
             banner('ok', 'The settings are kept: stored on the device.');
         } else {
