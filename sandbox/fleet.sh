@@ -95,9 +95,21 @@ fleet_main() {
         /bin/bash "$FLEET_SELF" __controller "$count" "${command[@]}" 0<&0 &
     local child=$!
     trap ':' INT  # the foreground command gets it; the sandbox ends with that command
-    trap 'kill -TERM "$child" 2>/dev/null || true' TERM HUP
+    trap 'stop_fleet "$child"' TERM HUP
     wait_for "$child"
     return "$exit_status"
+}
+
+# Passes a stop request on to the controller (unshare blocks it); before there is one, ends all.
+# shellcheck disable=SC2317  # called from a trap
+stop_fleet() {
+    local controller=
+    read -r controller _ <"/proc/$1/task/$1/children" 2>/dev/null || true
+    if [ -n "$controller" ]; then
+        kill -TERM "$controller" 2>/dev/null || true
+    else
+        kill -KILL "$1" 2>/dev/null || true
+    fi
 }
 
 # ---------------------------------------------------------------------------------------------
@@ -107,6 +119,8 @@ controller() {
     local count=$1
     shift
     export -n SB_REPO SB_BUILD SB_CWD SB_HOST_NET
+    # A PID namespace's first process gets only the signals it handles.
+    trap 'exit 143' TERM HUP
     set -o errtrace
     trap 'echo "fleet: setting up failed at: $BASH_COMMAND" >&2' ERR
     build_controller "$count"
