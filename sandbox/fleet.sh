@@ -87,6 +87,10 @@ fleet_main() {
         [ -e "$BUILD_DIR/$program" ] ||
             fleet_die "no $BUILD_DIR/$program (build the targets cfgd cfgctl cfgd_gwsim)"
     done
+    local dir
+    for dir in "$REPO" "$BUILD_DIR"; do
+        case "$dir/" in "$FLEET_DIR"/*) fleet_die "$dir would be covered by the fleet's files" ;; esac
+    done
     local -a command=()
     (($#)) && command=("$(absolute_command "$1")" "${@:2}")
     SB_REPO=$REPO SB_BUILD=$BUILD_DIR SB_CWD=$PWD SB_HOST_NET=$(readlink /proc/self/ns/net) \
