@@ -1,7 +1,7 @@
 # Records, at the start of each task and at the end of the play, the time and how many SSH
 # connections (dropbear's accepted logins), SSH sessions (root's login shell) and cfgctl runs each
-# simulated device has seen so far; bench/fleet_bench.py takes the differences. The linear strategy ends a
-# task on every host before the next starts, so each difference belongs to one task.
+# simulated device has seen so far; bench/fleet_bench.py takes the differences. The linear
+# strategy ends a task on every host before the next starts, so each difference is one task's.
 import json
 import os
 import time
