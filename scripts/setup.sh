@@ -20,7 +20,9 @@ packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmoc
           # The front end's TLS check (testssl.sh) and its metrics check (promtool, in prometheus).
           testssl.sh prometheus
           # The simulated fleet: Ansible on the controller, dropbear and ssh between them.
-          ansible-core dropbear-bin openssh-client)
+          ansible-core dropbear-bin openssh-client
+          # The Ansible collection's lint (pyflakes; ansible-test's offline sanity tests).
+          pyflakes3)
 # `setup.sh fuzz`: also clang and its libFuzzer, for scripts/fuzz.sh.
 [ "${1:-}" = fuzz ] && packages+=(clang libclang-rt-dev)
 missing=()

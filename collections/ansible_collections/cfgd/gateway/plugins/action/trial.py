@@ -33,6 +33,12 @@ class ActionModule(ActionBase):
             rc, report = device.run(['trial'])
         else:
             rc, report = device.run(['confirm' if state == 'confirmed' else 'rollback'])
+        if rc == util.EXIT_REFUSED and state == 'rolled_back' and report.get('refusal'):
+            refusal = report['refusal']
+            raise AnsibleActionFail('rolled back, but cfgd refused to restore %s = %s: %s (the other values '
+                                    'were restored)' % ((refusal.get('param') or {}).get('name'),
+                                                        util.shown(refusal.get('value')), refusal.get('text')),
+                                    result=dict(changed=True, rc=rc, cfgctl=report))
         if rc not in (util.EXIT_OK, util.EXIT_NO_TRIAL):
             if state == 'confirmed':
                 what = 'confirming the trial (nothing was stored; the trial goes on)'

@@ -80,7 +80,9 @@ class Cfgctl:
         self._base = [self._program]
         if args.get('lock_file'):
             self._base += ['-l', args['lock_file']]
-        if args.get('timeout'):
+        if args.get('timeout') is not None:
+            if not 1 <= args['timeout'] <= 3600:
+                raise AnsibleActionFail('timeout takes 1..3600 seconds, not %s' % args['timeout'])
             self._base += ['-t', str(args['timeout'])]
         self.runs = 0
         self.stderr = ''

@@ -1,7 +1,18 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # The collection's integration tests, in the controller of a simulated fleet of 3 or more:
 #   sandbox/fleet.sh 3 collections/ansible_collections/cfgd/gateway/tests/integration/run.sh
 set -euo pipefail
 cd "$(dirname "$0")"
 export ANSIBLE_FORCE_COLOR=0 ANSIBLE_NOCOLOR=1
 ansible-playbook -i "$CFGD_FLEET_INVENTORY" fleet.yml
+# The example rollout: through every device, then, refused by the first, no further.
+rollout() {
+    ansible-playbook -i "$CFGD_FLEET_INVENTORY" ../../playbooks/rollout.yml -l gw-1,gw-2 \
+        -e trial_seconds=10 -e can_bitrate="$1"
+}
+rollout 1000000
+runs=$(cat "$CFGD_FLEET_DIR/gw-2/cfgctl.log")
+if rollout 4999; then echo "FAIL: a refused rate went through"; exit 1; fi
+[ "$(cat "$CFGD_FLEET_DIR/gw-2/cfgctl.log")" = "$runs" ] || { echo "FAIL: gw-2 was reached"; exit 1; }
+[ "$(fleet-exec 1 "$CFGD_BUILD_DIR/tools/cfgctl" get can1.bitrate)" = 1000000 ]
+echo "integration: passed"
