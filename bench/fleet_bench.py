@@ -56,18 +56,20 @@ def run(label, command, work):
                        FLEET_BENCH_COUNTS=counts)
     with open(os.path.join(work, label + ".log"), "w", encoding="utf-8") as log:
         before = snapshot()
+        begun = time.time()
         start = time.monotonic()
         status = subprocess.run(command, env=environment, stdout=log, stderr=subprocess.STDOUT,
                                 check=False).returncode
         seconds = time.monotonic() - start
         after = snapshot()
+        ended = time.time()
     close_connections(control_dir)
-    marks = [{"task": "(all)", "counts": before}]
+    marks = [{"task": "(all)", "time": begun, "counts": before}]
     if os.path.exists(counts):
         with open(counts, encoding="utf-8") as f:
             marks += [json.loads(line) for line in f]
         marks[0]["task"] = "(start-up)"
-    marks.append({"task": None, "counts": after})
+    marks.append({"task": None, "time": ended, "counts": after})
     return status, seconds, marks
 
 
@@ -92,7 +94,8 @@ def report(label, command, status, seconds, marks, log):
         if not any(any(row) for row in per_device):
             continue
         connections, sessions, runs = zip(*per_device)
-        print(f"    {name:<12} per device: SSH connections {spread(connections)},"
+        print(f"    {name:<12} {end['time'] - begin['time']:5.2f} s; per device: SSH connections"
+              f" {spread(connections)},"
               f" sessions {spread(sessions)}, cfgctl runs {spread(runs)}")
 
 

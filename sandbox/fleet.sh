@@ -87,6 +87,10 @@ fleet_main() {
         [ -e "$BUILD_DIR/$program" ] ||
             fleet_die "no $BUILD_DIR/$program (build the targets cfgd cfgctl cfgd_gwsim)"
     done
+    local dir
+    for dir in "$REPO" "$BUILD_DIR"; do
+        case "$dir/" in "$FLEET_DIR"/*) fleet_die "$dir would be covered by the fleet's files" ;; esac
+    done
     local -a command=()
     (($#)) && command=("$(absolute_command "$1")" "${@:2}")
     SB_REPO=$REPO SB_BUILD=$BUILD_DIR SB_CWD=$PWD SB_HOST_NET=$(readlink /proc/self/ns/net) \
@@ -95,9 +99,21 @@ fleet_main() {
         /bin/bash "$FLEET_SELF" __controller "$count" "${command[@]}" 0<&0 &
     local child=$!
     trap ':' INT  # the foreground command gets it; the sandbox ends with that command
-    trap 'kill -TERM "$child" 2>/dev/null || true' TERM HUP
+    trap 'stop_fleet "$child"' TERM HUP
     wait_for "$child"
     return "$exit_status"
+}
+
+# Passes a stop request on to the controller (unshare blocks it); before there is one, ends all.
+# shellcheck disable=SC2317  # called from a trap
+stop_fleet() {
+    local controller=
+    read -r controller _ <"/proc/$1/task/$1/children" 2>/dev/null || true
+    if [ -n "$controller" ]; then
+        kill -TERM "$controller" 2>/dev/null || true
+    else
+        kill -KILL "$1" 2>/dev/null || true
+    fi
 }
 
 # ---------------------------------------------------------------------------------------------
@@ -107,6 +123,8 @@ controller() {
     local count=$1
     shift
     export -n SB_REPO SB_BUILD SB_CWD SB_HOST_NET
+    # A PID namespace's first process gets only the signals it handles.
+    trap 'exit 143' TERM HUP
     set -o errtrace
     trap 'echo "fleet: setting up failed at: $BASH_COMMAND" >&2' ERR
     build_controller "$count"

@@ -1,9 +1,10 @@
-# Records, at the start of each task and at the end of the play, how many SSH connections
-# (dropbear's accepted logins), SSH sessions (root's login shell) and cfgctl runs each simulated
-# device has seen so far; bench/fleet_bench.py takes the differences. The linear strategy ends a
-# task on every host before the next starts, so each difference belongs to one task.
+# Records, at the start of each task and at the end of the play, the time and how many SSH
+# connections (dropbear's accepted logins), SSH sessions (root's login shell) and cfgctl runs each
+# simulated device has seen so far; bench/fleet_bench.py takes the differences. The linear
+# strategy ends a task on every host before the next starts, so each difference is one task's.
 import json
 import os
+import time
 
 from ansible.plugins.callback import CallbackBase
 
@@ -43,7 +44,7 @@ class CallbackModule(CallbackBase):
 
     def _record(self, name):
         with open(os.environ["FLEET_BENCH_COUNTS"], "a", encoding="utf-8") as f:
-            f.write(json.dumps({"task": name, "counts": snapshot()}) + "\n")
+            f.write(json.dumps({"task": name, "time": time.time(), "counts": snapshot()}) + "\n")
 
     def v2_playbook_on_task_start(self, task, is_conditional):
         self._record(task.get_name())
