@@ -41,9 +41,7 @@ class ActionModule(ActionBase):
         result = super(ActionModule, self).run(tmp, task_vars)
         _, args = self.validate_argument_spec(argument_spec=ARGS, mutually_exclusive=[['src', 'content']],
                                               required_one_of=[['src', 'content']])
-        trial = args.get('trial')
-        if trial is not None and not 5 <= trial <= 3600:
-            raise AnsibleActionFail('trial takes 5..3600 seconds, not %s' % trial)
+        trial = util.seconds_in('trial', args.get('trial'), util.TRIAL_SECONDS)
         text = args.get('content')
         if text is None:
             with open(self._find_needle('files', args['src']), 'rb') as source:

@@ -21,9 +21,7 @@ class ActionModule(ActionBase):
     def run(self, tmp=None, task_vars=None):
         result = super(ActionModule, self).run(tmp, task_vars)
         _, args = self.validate_argument_spec(argument_spec=ARGS)
-        trial = args.get('trial')
-        if trial is not None and not 5 <= trial <= 3600:
-            raise AnsibleActionFail('trial takes 5..3600 seconds, not %s' % trial)
+        trial = util.seconds_in('trial', args.get('trial'), util.TRIAL_SECONDS)
         wanted = [(str(name), util.value_text(name, value)) for name, value in args['params'].items()]
         if not wanted:
             raise AnsibleActionFail('params names no parameter')

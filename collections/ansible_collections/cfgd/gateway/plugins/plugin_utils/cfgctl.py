@@ -14,6 +14,8 @@ from ansible.errors import AnsibleActionFail
 # cfgctl's exit statuses (cfgctl --help).
 EXIT_OK, EXIT_REFUSED, EXIT_USAGE, EXIT_NOT_REACHABLE = 0, 1, 2, 3
 EXIT_NO_ANSWER, EXIT_TRIAL_PENDING, EXIT_NO_TRIAL = 4, 5, 6
+# The seconds cfgctl takes for a trial (--trial) and for waiting on the daemon (-t).
+TRIAL_SECONDS, TIMEOUT_SECONDS = (5, 3600), (1, 3600)
 # The shell's: no such program, or not executable.
 SHELL_NOT_FOUND = (126, 127)
 
@@ -71,6 +73,13 @@ def change_lines(changes):
     return ['%s: %s -> %s' % (n, shown(o), shown(v)) for n, o, v in changes]
 
 
+def seconds_in(option, seconds, limits):
+    """`seconds`, refused with the option's name when outside cfgctl's `limits`."""
+    if seconds is not None and not limits[0] <= seconds <= limits[1]:
+        raise AnsibleActionFail('%s takes %d..%d seconds, not %s' % (option, limits[0], limits[1], seconds))
+    return seconds
+
+
 class Cfgctl:
     """cfgctl on the device of the task's connection."""
 
@@ -81,8 +90,7 @@ class Cfgctl:
         if args.get('lock_file'):
             self._base += ['-l', args['lock_file']]
         if args.get('timeout') is not None:
-            if not 1 <= args['timeout'] <= 3600:
-                raise AnsibleActionFail('timeout takes 1..3600 seconds, not %s' % args['timeout'])
+            seconds_in('timeout', args['timeout'], TIMEOUT_SECONDS)
             self._base += ['-t', str(args['timeout'])]
         self.runs = 0
         self.stderr = ''
