@@ -118,7 +118,7 @@ const TEXT = [
     'switched_off_post' => 'The %s page is switched off: nothing was changed.',
     'signin_needed' => 'Sign in first: this page is only for signed-in users.',
     'signin_post' => 'You were not signed in, so nothing was changed. Sign in, then send the form again.',
-    'signin_ended' => 'You were signed out after %d minutes without using the pages. Sign in again.',
+    'signin_ended' => 'You were signed out: the pages were not used for %d min. Sign in again.',
     'signin_wrong' => 'Wrong user name or password. The next try is possible in %d s.',
     'signin_wait' => 'Too many failed sign-ins from your address (%s): wait %d s, then try again.',
     'signed_out' => 'You are signed out.',
@@ -254,6 +254,9 @@ function start_php_session(): void
     ini_set('session.gc_maxlifetime', (string) (CFGD_SESSION_MINUTES * 60));
     session_name('cfgdweb' . preg_replace('/[^0-9]/', '', (string) ($_SERVER['SERVER_PORT'] ?? '')));
     session_set_cookie_params(['httponly' => true, 'samesite' => 'Strict', 'secure' => true]);
+    if (!isset($_COOKIE[session_name()]) && !defined('CFGD_SIGNIN_PAGE')) {
+        return;  // not signed in: no session file for a client that has not been to the sign-in
+    }
     session_start();
     if (!is_string($_SESSION['csrf'] ?? null)) {
         $_SESSION['csrf'] = bin2hex(random_bytes(32));

@@ -112,7 +112,7 @@ function trial_section(array $trial, string $page): void
  */
 function layout_start(string $page, string $title, bool $hasValues = true): bool
 {
-    $trial = App::$trial = pending_trial();
+    $trial = App::$trial = App::$user !== null ? pending_trial() : null;  // not before a sign-in
     $id = App::$identity;
     ?>
 <!DOCTYPE html>
