@@ -84,7 +84,7 @@ cmd_start() {
     local root=${CFGD_WEB_ROOT:-$dir/site/web/public}
     [ -d "$root" ] || die "no document root $root"
     install -d -m 0700 -o www-data -g www-data "$dir/sessions" "$dir/upload" "$dir/run"
-    # Read by the server's user at each login.
+    # Read by the server's user at each sign-in (the pages, not lighttpd).
     install -m 0640 -o root -g www-data "$passwd" "$dir/htpasswd"
     [ -z "$socket" ] || rm -f "$socket"
     device_snippet "$dir" "$bind:$port" "$port" >"$dir/cfgd-web.conf"
