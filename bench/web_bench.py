@@ -12,9 +12,10 @@ Server time: REQUESTS (default 200) GETs of each page over one keep-alive connec
 unmeasured ones, each timed from the client with a monotonic clock from sending the request to
 having read the whole answer; the median and the 90th percentile. The client runs on the same
 machine, over loopback, so this is the server's time plus a small constant for the local
-connection (the "static" line, a small static file through the same server and login, shows
-that constant). Then the same while a trial is pending (cfgctl set --trial, on the
-description), which is rolled back at the end.
+connection (the "static" line, a small static file through the same server, shows that
+constant). The connection is HTTPS (TLS, the server's certificate for the run) and signed in
+through the sign-in page once, as a browser is. Then the same while a trial is pending
+(cfgctl set --trial, on the description), which is rolled back at the end.
 
 Round trips: a page reaches the daemon only through System V message queue calls: each
 request to the daemon is one msgsnd by the client (the PHP library's, or that of a cfgctl the
@@ -24,19 +25,44 @@ the server's php-cgi processes (-f: cfgctl children included) for 20 more reques
 page and counts their msgsnd and execve calls (strace -c); the daemon is not traced. The
 figures are per page view. The timed runs are made without strace.
 """
-import base64, http.client, os, re, shutil, signal, statistics, subprocess, sys, time
+import http.client, os, re, shutil, signal, ssl, statistics, subprocess, sys, time, urllib.parse
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 PORT, LOCK, INI = 8201, "/tmp/bench_web.lock", "/mnt/user/bench_full.ini"
 PAGES = {"Status": "/index.php", "Routes": "/routes.php", "JSON": "/status.json.php",
          "metrics": "/metrics", "static": "/style.css"}
-AUTH = "Basic " + base64.b64encode(b"bench:bench-password").decode()
+COOKIE = ""  # the signed-in session's, from sign_in()
 METRICS_HASH = "/tmp/bench_metrics.hash"
 COUNTED = 20
 
 
+def connect():
+    context = ssl.create_default_context(cafile=f"/tmp/cfgd-web-{PORT}/tls/cert.pem")
+    return http.client.HTTPSConnection("127.0.0.1", PORT, timeout=30, context=context)
+
+
+def sign_in():
+    global COOKIE
+    connection = connect()
+    connection.request("GET", "/signin.php")
+    answer = connection.getresponse()
+    token = re.search(r'name="csrf" value="(\w+)"', answer.read().decode()).group(1)
+    COOKIE = answer.headers.get_all("Set-Cookie")[-1].split(";")[0]
+    form = urllib.parse.urlencode({"csrf": token, "action": "signin", "user": "bench",
+                                   "password": "bench-password", "next": "/"})
+    connection.request("POST", "/signin.php", form,
+                       {"Cookie": COOKIE, "Content-Type": "application/x-www-form-urlencoded"})
+    answer = connection.getresponse()
+    answer.read()
+    if answer.status != 303:
+        sys.exit(f"sign-in: HTTP {answer.status}")
+    COOKIE = answer.headers.get_all("Set-Cookie")[-1].split(";")[0]
+    connection.close()
+
+
 def get(connection, path):
-    connection.request("GET", path, headers={"Authorization": METRICS if path == "/metrics" else AUTH})
+    # /metrics takes its bearer token, every other path the signed-in session.
+    connection.request("GET", path, headers={"Authorization": METRICS} if path == "/metrics" else {"Cookie": COOKIE})
     answer = connection.getresponse()
     body = answer.read()
     if answer.status != 200:
@@ -45,7 +71,7 @@ def get(connection, path):
 
 
 def timings(path, count):
-    connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=30)
+    connection = connect()
     for _ in range(20):
         get(connection, path)
     times = []
@@ -73,7 +99,7 @@ def calls_per_view(path):
     strace = subprocess.Popen(["strace", "-f", "-c", "-e", "trace=msgsnd,execve", "-o", summary,
                                *attach], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     time.sleep(1)  # attached
-    connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=30)
+    connection = connect()
     for _ in range(COUNTED):
         get(connection, path)
     connection.close()
@@ -122,6 +148,7 @@ def main():
     subprocess.run([os.path.join(REPO, "sandbox", "web-server.sh"), "start", str(PORT), LOCK,
                     "/tmp/bench.htpasswd"], check=True, stdout=subprocess.DEVNULL,
                    env=dict(os.environ, CFGD_CFGCTL=cfgctl, CFGD_WEB_METRICS_HASH=METRICS_HASH))
+    sign_in()
     routes = open(INI).read().count("[rt_")
     print(f"web front end: {count} keep-alive requests per page after 20 unmeasured; daemon on "
           f"bench/full_config.ini ({routes} routes)")

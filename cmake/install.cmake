@@ -39,13 +39,16 @@ install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S50cfgd DESTINATION ${CFGD_SYSC
 include(${PROJECT_SOURCE_DIR}/cmake/man.cmake)
 
 # Package cfgd-web: the PHP library, the front end (web/lib/app.php finds the library at
-# share/cfgd/php beside share/cfgd/web), the web server's snippet and the password command.
+# share/cfgd/php beside share/cfgd/web), the web server's snippet, the password command and the
+# certificate command that the snippet runs.
 install(FILES clients/php/cfgd.php clients/php/cfgd_names.php DESTINATION ${CFGD_SHARE_DIR}/php
         COMPONENT cfgd-web)
 install(DIRECTORY web/public web/lib DESTINATION ${CFGD_SHARE_DIR}/web COMPONENT cfgd-web
         FILES_MATCHING PATTERN "*.php" PATTERN "*.js" PATTERN "*.css")
-install(PROGRAMS web/cfgd-web-passwd DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT cfgd-web)
-# The snippet names the installed document root, include path and cfgctl; the sandbox's web
+install(PROGRAMS web/cfgd-web-passwd web/cfgd-web-cert DESTINATION ${CMAKE_INSTALL_SBINDIR}
+        COMPONENT cfgd-web)
+# The snippet names the installed document root, include path, cfgctl and cfgd-web-cert; the
+# sandbox's web
 # server uses the source tree's as it stands.
 file(READ ${PROJECT_SOURCE_DIR}/web/lighttpd/cfgd-web.conf CFGD_WEB_CONF)
 set(CFGD_WEB_CONF_DIR ${CFGD_SYSCONF_DIR}/lighttpd/conf-available)
@@ -55,6 +58,8 @@ string(REPLACE "\"/etc/lighttpd/cfgd-web.conf\"" "\"${CFGD_WEB_CONF_DIR}/cfgd-we
                CFGD_WEB_CONF "${CFGD_WEB_CONF}")
 string(REPLACE "\"/usr/bin/cfgctl\"" "\"${CMAKE_INSTALL_FULL_BINDIR}/cfgctl\"" CFGD_WEB_CONF
                "${CFGD_WEB_CONF}")
+string(REPLACE "\"/usr/sbin/cfgd-web-cert " "\"${CMAKE_INSTALL_FULL_SBINDIR}/cfgd-web-cert "
+               CFGD_WEB_CONF "${CFGD_WEB_CONF}")
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/packaging/cfgd-web.conf CONTENT "${CFGD_WEB_CONF}"
      @ONLY)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
@@ -163,9 +168,11 @@ set(CPACK_DEBIAN_CFGD_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_CFGD-WEB_PACKAGE_NAME cfgd-web)
 set(CPACK_DEBIAN_CFGD-WEB_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_CFGD-WEB_DESCRIPTION "web front end of the CAN-to-LAN gateway's configuration
-PHP pages and the PHP client library of cfgd, with a lighttpd snippet and
-cfgd-web-passwd, which sets a login's password.")
-set(CPACK_DEBIAN_CFGD-WEB_PACKAGE_DEPENDS "lighttpd, php-cgi, cfgd | cfgd-legacy")
+PHP pages and the PHP client library of cfgd, with a lighttpd snippet (HTTPS
+with the device's own certificate, which cfgd-web-cert makes) and
+cfgd-web-passwd, which sets a user's password for the sign-in.")
+set(CPACK_DEBIAN_CFGD-WEB_PACKAGE_DEPENDS
+    "lighttpd, lighttpd-mod-openssl, openssl, php-cgi, cfgd | cfgd-legacy")
 # What the packages place in /etc is the administrator's to edit: conffiles. No maintainer
 # scripts: nothing is started while a device image is built; the device's rcS starts S50cfgd.
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/packaging/cfgd/conffiles

@@ -1,5 +1,5 @@
-# The manual pages cfgctl(1), cfgd(8) and cfgd-web-passwd(8): man/*.in with the version,
-# default paths, limits and exit statuses read from the sources that define them, so that a page
+# The manual pages cfgctl(1), cfgd(8), cfgd-web-passwd(8) and cfgd-web-cert(8): man/*.in with
+# the version, default paths, limits and exit statuses read from the sources that define them, so that a page
 # never states another value than the programs use. Configured into build/man (read them with man -l) and installed
 # gzip -9n compressed, as Debian's packages carry them, in the component of their program.
 
@@ -75,11 +75,21 @@ endforeach()
 set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
              ${PROJECT_SOURCE_DIR}/web/cfgd-web-passwd)
 
+# The certificate command's default directory, as the script sets it.
+file(STRINGS ${PROJECT_SOURCE_DIR}/web/cfgd-web-cert lines REGEX "^dir=\\$")
+if(NOT "${lines}" MATCHES "dir=\\$\\{1:-([^}]+)\\}")
+  message(FATAL_ERROR "man pages: the default directory not found in web/cfgd-web-cert")
+endif()
+set(WEB_CERT_DIR ${CMAKE_MATCH_1})
+set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+             ${PROJECT_SOURCE_DIR}/web/cfgd-web-cert)
+
 # Each page goes into the package of its program.
-set(CFGD_MAN_PAGES cfgctl.1 cfgd.8 cfgd-web-passwd.8)
+set(CFGD_MAN_PAGES cfgctl.1 cfgd.8 cfgd-web-passwd.8 cfgd-web-cert.8)
 set(CFGD_MAN_COMPONENT_cfgctl.1 cfgd)
 set(CFGD_MAN_COMPONENT_cfgd.8 cfgd)
 set(CFGD_MAN_COMPONENT_cfgd-web-passwd.8 cfgd-web)
+set(CFGD_MAN_COMPONENT_cfgd-web-cert.8 cfgd-web)
 set(CFGD_MAN_DIR ${PROJECT_BINARY_DIR}/man)
 set(compressed)
 foreach(page IN LISTS CFGD_MAN_PAGES)

@@ -1,10 +1,15 @@
 #!/usr/bin/env bash
 # Serves the web front end (web/public) with lighttpd and php-cgi INSIDE the sandbox, configured
-# as on the device (web/lighttpd/cfgd-web.conf, included and then pointed at this instance's
-# files): Basic auth from a password file, PHP over FastCGI as www-data, the CFGD_* variables.
+# as on the device (web/lighttpd/cfgd-web.conf, copied with its device paths and port pointed at
+# this instance's): HTTPS with a certificate that web/cfgd-web-cert makes for this instance,
+# the sign-in with a password file, PHP over FastCGI as www-data, the CFGD_* variables.
 #
 #   sandbox/web-server.sh start PORT LOCKFILE PASSWD_FILE   prints the URL once it answers
 #   sandbox/web-server.sh stop [PORT]                       stops that instance, or all
+#
+# HTTPS is served on PORT; plain HTTP on PORT + 1000 only redirects to it (as port 80 does to
+# 443 on the device). The certificate (cert.pem, for the sandbox's host name and addresses; the
+# clients of the tests trust it) and its key are in /tmp/cfgd-web-PORT/tls.
 #
 # Settings (environment):
 #   CFGD_WEB_BIND         address to listen on (default 127.0.0.1 of the sandbox's own network
@@ -16,7 +21,8 @@
 #   CFGD_CFGCTL           copied for the pages (default: the cfgctl in PATH)
 #   CFGD_WEB_METRICS_HASH the hash file of /metrics' bearer token (default: none, so /metrics
 #                         answers 401 to every request)
-# Each instance keeps its configuration, error log and FastCGI socket (run/, the server user's), PHP sessions and process id in
+# Each instance keeps its configuration, error log and FastCGI socket (run/, the server user's),
+# PHP sessions and failed sign-ins (sessions/, the server user's), certificate and process id in
 # /tmp/cfgd-web-PORT.
 set -euo pipefail
 
@@ -41,7 +47,7 @@ quoted() {
     printf '"%s"' "${text//\"/\\\"}"
 }
 
-# True once the server answers an HTTP request on PORT (any status: without a login it is 401).
+# True once the server answers an HTTP request on PORT (any status: it redirects to HTTPS).
 answers() {
     local host=$1 port=$2 line=
     exec {fd}<>"/dev/tcp/$host/$port" 2>/dev/null || return 1
@@ -54,7 +60,7 @@ answers() {
 cmd_start() {
     (($# == 3)) || die "usage: web-server.sh start PORT LOCKFILE PASSWD_FILE"
     local port=$1 lock=$2 passwd=$3
-    [[ $port =~ ^[0-9]+$ ]] && ((port > 0 && port < 65536)) || die "bad port '$port'"
+    [[ $port =~ ^[0-9]+$ ]] && ((port > 0 && port + 1000 < 65536)) || die "bad port '$port'"
     [ -r "$passwd" ] || die "no password file $passwd"
     local bind=${CFGD_WEB_BIND:-127.0.0.1} socket=${CFGD_WEB_UNIX_SOCKET:-}
     local cfgctl=${CFGD_CFGCTL:-$(command -v cfgctl || true)}
@@ -75,16 +81,18 @@ cmd_start() {
     cp -R "$REPO/web/public" "$REPO/web/lib" "$dir/site/web/"
     cp -R "$REPO/clients/php" "$dir/site/clients/"
     install -m 0755 "$cfgctl" "$dir/bin/cfgctl"
+    install -m 0755 "$REPO/web/cfgd-web-cert" "$dir/bin/cfgd-web-cert"
     cfgctl=$dir/bin/cfgctl
     local root=${CFGD_WEB_ROOT:-$dir/site/web/public}
     [ -d "$root" ] || die "no document root $root"
     install -d -m 0700 -o www-data -g www-data "$dir/sessions" "$dir/upload" "$dir/run"
-    # Read by the server's user at each login.
+    # Read by the server's user at each sign-in (the pages, not lighttpd).
     install -m 0640 -o root -g www-data "$passwd" "$dir/htpasswd"
     # /metrics' token hash (cfgd-web-passwd --metrics-token), when CFGD_WEB_METRICS_HASH names one.
     [ -z "${CFGD_WEB_METRICS_HASH:-}" ] ||
         install -m 0640 -o root -g www-data "$CFGD_WEB_METRICS_HASH" "$dir/metrics.hash"
     [ -z "$socket" ] || rm -f "$socket"
+    device_snippet "$dir" "$bind:$port" "$port" >"$dir/cfgd-web.conf"
     {
         cat <<EOF
 # Written by sandbox/web-server.sh: the device's settings from $SNIPPET,
@@ -92,7 +100,7 @@ cmd_start() {
 server.modules = ( "mod_access" )
 server.document-root = $(quoted "$root")
 server.bind = $(quoted "$bind")
-server.port = $port
+server.port = $((port + 1000))
 server.username = "www-data"
 server.groupname = "www-data"
 server.pid-file = $(quoted "$dir/lighttpd.pid")
@@ -103,13 +111,14 @@ mimetype.assign = ( ".html" => "text/html; charset=utf-8", ".css" => "text/css; 
                     ".js" => "text/javascript; charset=utf-8", ".png" => "image/png",
                     ".svg" => "image/svg+xml", ".ico" => "image/x-icon",
                     ".txt" => "text/plain; charset=utf-8" )
-include $(quoted "$SNIPPET")
-auth.backend.htpasswd.userfile := $(quoted "$dir/htpasswd")
+include $(quoted "$dir/cfgd-web.conf")
 setenv.add-environment := (
     "CFGD_LOCK_FILE" => $(quoted "$lock"),
     "CFGD_CFGCTL" => $(quoted "$cfgctl"),
     "CFGD_TRIAL_SECONDS" => $(quoted "${CFGD_TRIAL_SECONDS:-90}"),
     "CFGD_METRICS_TOKEN_FILE" => $(quoted "$dir/metrics.hash"),
+    "CFGD_WEB_PASSWD" => $(quoted "$dir/htpasswd"),
+    "CFGD_SESSION_MINUTES" => $(quoted "${CFGD_SESSION_MINUTES:-15}"),
 )
 fastcgi.server := ( ".php" => ( (
     "bin-path" => $(quoted "/usr/bin/php-cgi -d session.save_path=$dir/sessions -d upload_tmp_dir=$dir/upload"),
@@ -119,7 +128,7 @@ fastcgi.server := ( ".php" => ( (
     "broken-scriptfilename" => "enable",
 ) ) )
 EOF
-        [ -z "$socket" ] || printf '$SERVER["socket"] == %s { }\n' "$(quoted "$socket")"
+        [ -z "$socket" ] || printf '$SERVER["socket"] == %s { ssl.engine = "enable" }\n' "$(quoted "$socket")"
     } >"$dir/lighttpd.conf"
     lighttpd -tt -f "$dir/lighttpd.conf" >"$dir/check.log" 2>&1 ||
         die "lighttpd refuses $dir/lighttpd.conf: $(cat "$dir/check.log")"
@@ -127,12 +136,30 @@ EOF
     local host=$bind tries
     [ "$host" != 0.0.0.0 ] || host=127.0.0.1
     for ((tries = 0; tries < 100; ++tries)); do
-        answers "$host" "$port" && break
+        answers "$host" $((port + 1000)) && break
         /bin/sleep 0.1  # by its path: the sleep in PATH is the sandbox's stub
     done
     ((tries < 100)) || die "lighttpd does not answer on $host:$port: $(cat "$dir/run/error.log" 2>/dev/null)"
     [ -z "$socket" ] || chmod 0600 "$socket"  # root only: the forwarder on the host
-    echo "http://$host:$port/"
+    echo "https://$host:$port/"
+}
+
+# The device's snippet with its paths and HTTPS port replaced by this instance's: DIR, the
+# socket ADDRESS:PORT and PORT for the redirect's target.
+device_snippet() {
+    local dir=$1 socket=$2 port=$3 from to text
+    text=$(<"$SNIPPET")
+    for from in /usr/sbin/cfgd-web-cert /mnt/user/cfgd-web-tls '":443"' 'https://%1$'; do
+        case $from in
+            /usr/sbin/*) to=$dir/bin/cfgd-web-cert ;;
+            /mnt/*) to=$dir/tls ;;
+            '":443"') to=$(quoted "$socket") ;;
+            *) to="https://%1:$port\$" ;;
+        esac
+        [[ $text == *"$from"* ]] || die "$SNIPPET has no $from any more"
+        text=${text//"$from"/"$to"}
+    done
+    printf '%s\n' "$text"
 }
 
 cmd_stop() {

@@ -8,8 +8,9 @@
 # The device's web front end runs too: lighttpd and php-cgi inside the sandbox (as www-data,
 # sandbox/web-server.sh), which also listen on a UNIX socket in the sandbox's state directory
 # (.sandbox/run/web.sock, root only); on this machine socat forwards 127.0.0.1:8080
-# (CFGD_WEB_PORT) to it, and nothing else. The login is user "admin" with a password made
-# for this run only, which is printed with the address.
+# (CFGD_WEB_PORT) to it, and nothing else. It speaks HTTPS with a self-signed certificate made
+# for this run (the browser warns about it once). The sign-in is user "admin" with a password
+# made for this run only, which is printed with the address.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -46,7 +47,7 @@ web() {
         echo "device: no $state/web.sock" >&2
         return 1
     }
-    echo "device: web front end (inside: $url) at http://127.0.0.1:$port/ -" \
+    echo "device: web front end (inside: $url) at https://127.0.0.1:$port/ -" \
         "user admin, password $password"
     exec socat "TCP-LISTEN:$port,bind=127.0.0.1,reuseaddr,fork" "UNIX-CONNECT:$state/web.sock"
 }

@@ -119,7 +119,7 @@ for tree in "${trees[@]}"; do
     check "$arch: $package: init script a conffile" \
         eval 'dpkg-deb -I "$daemon" conffiles | grep -qx /etc/init.d/S50cfgd'
     check "$arch: cfgd-web: Depends" \
-        [ "$(field "$web" Depends)" = "lighttpd, php-cgi, cfgd | cfgd-legacy" ]
+        [ "$(field "$web" Depends)" = "lighttpd, lighttpd-mod-openssl, openssl, php-cgi, cfgd | cfgd-legacy" ]
     for entry in "-rw-r--r-- ./usr/share/cfgd/php/cfgd.php" \
         "-rw-r--r-- ./usr/share/cfgd/php/cfgd_names.php" \
         "-rw-r--r-- ./usr/share/cfgd/web/public/index.php" \
@@ -127,6 +127,9 @@ for tree in "${trees[@]}"; do
         "-rw-r--r-- ./etc/lighttpd/conf-available/cfgd-web.conf" \
         "-rwxr-xr-x ./usr/sbin/cfgd-web-passwd" \
         "-rw-r--r-- ./usr/share/man/man8/cfgd-web-passwd.8.gz" \
+        "-rwxr-xr-x ./usr/sbin/cfgd-web-cert" \
+        "-rw-r--r-- ./usr/share/man/man8/cfgd-web-cert.8.gz" \
+        "-rw-r--r-- ./usr/share/cfgd/web/public/signin.php" \
         "-rw-r--r-- ./usr/share/doc/cfgd-web/copyright" \
         "-rw-r--r-- ./usr/share/doc/cfgd-web/changelog.gz"; do
         check "$arch: cfgd-web: $entry" has_file "$web" "$entry"

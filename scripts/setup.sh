@@ -9,7 +9,7 @@ packages=(g++ cmake ninja-build pkg-config libiniparser-dev libgtest-dev libgmoc
           # The web front end inside the sandbox (sandbox/web-server.sh), its browser tests
           # (tests/web), its benchmark (bench/web_bench.py counts the pages' messages with
           # strace), the password script (openssl) and scripts/device.sh's forwarder (socat).
-          lighttpd php-cgi chromium chromium-driver python3-selenium strace openssl socat
+          lighttpd lighttpd-mod-openssl php-cgi chromium chromium-driver python3-selenium strace openssl socat
           # The init script's test (BusyBox's sh and start-stop-daemon); the packages' checks
           # (dpkg-deb, dpkg-shlibdeps, dpkg-parsechangelog) and Debian's package checker.
           busybox dpkg-dev lintian

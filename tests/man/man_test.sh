@@ -8,7 +8,7 @@ dir=$1 cfgctl=$2
 export LC_ALL=C MANWIDTH=80
 failed=0
 fail() { echo "FAIL $*"; failed=$((failed + 1)); }
-for page in "$dir/cfgctl.1" "$dir/cfgd.8" "$dir/cfgd-web-passwd.8"; do
+for page in "$dir/cfgctl.1" "$dir/cfgd.8" "$dir/cfgd-web-passwd.8" "$dir/cfgd-web-cert.8"; do
     warnings=$(man --warnings -l "$page" 2>&1 >/dev/null) && [ -z "$warnings" ] ||
         fail "$page: $warnings"
     wide=$(man -l "$page" 2>/dev/null | col -bx | awk 'length > 80')

@@ -33,7 +33,11 @@
 //                   on a page not loaded there), form "form-trial" to trial.php with buttons
 //                   "btn-keep" (action confirm, "Keep these settings"; not on the old
 //                   address's page of a move) and "btn-rollback" (action rollback, "Roll back now")
-//   header          identity in p "identity", user in span "user", navigation nav "nav"
+//   header          identity in p "identity", user in span "user", navigation nav "nav" with
+//                   the sign-out form "form-signout" (button "btn-signout")
+//   signin.php      form "form-signin" (fields "user" and "password", ids f-user and
+//                   f-password; hidden "next"), button "btn-signin" (action signin); ?next= the
+//                   local path to return to
 //   switched off    a page a GUI option switched off: p "switched-off", status 404
 //   read-only values  index.php: tables "status-can" and "status-routes", td "state-canN",
 //                   the values that refresh by themselves carry data-live="NAME" (can0.state,
@@ -52,6 +56,8 @@
 //                   once, so that reload and back send nothing again
 // HTTP status: 303 after a post, 403 for a POST without the right token (nothing changed, no
 // redirect), 503 when cfgd cannot be reached, 500 for an unexpected fault (logged); else 200.
+// Without a sign-in: 303 to signin.php for a browser (Accept: text/html), else 401; signin.php
+// answers a refused sign-in with 403, one during the back-off with 429.
 
 declare(strict_types=1);
 
@@ -71,6 +77,7 @@ require_once __DIR__ . '/settings.php';
 require_once __DIR__ . '/layout.php';
 require_once __DIR__ . '/form.php';
 require_once __DIR__ . '/params.php';
+require_once __DIR__ . '/signin.php';
 
 const UPLOAD_LIMIT = 64 * 1024;       // bytes of an uploaded configuration text
 
@@ -104,6 +111,12 @@ const TEXT = [
     'keep_from_new' => 'Not kept: this trial moves the device to a new address, so keep it from a page loaded at that address (this shows that it works). It rolls back by itself if nobody does.',
     'switched_off' => 'The %s page is switched off. It can be switched on again on the System page, under "Pages the web front end shows".',
     'switched_off_post' => 'The %s page is switched off: nothing was changed.',
+    'signin_needed' => 'Sign in first: this page is only for signed-in users.',
+    'signin_post' => 'You were not signed in, so nothing was changed. Sign in, then send the form again.',
+    'signin_ended' => 'You were signed out: the pages were not used for %d min. Sign in again.',
+    'signin_wrong' => 'Wrong user name or password. The next try is possible in %d s.',
+    'signin_wait' => 'Too many failed sign-ins from your address (%s): wait %d s, then try again.',
+    'signed_out' => 'You are signed out.',
 ];
 
 // The pages of the navigation, in order.
@@ -142,6 +155,10 @@ final class App
     /** @var array<string, ?string> the names of ALWAYS_READ, as read_page() found them */
     public static array $identity = [];
     public static string $token = '';
+    /** The signed-in user, null without a sign-in (or after it ended). */
+    public static ?string $user = null;
+    /** On the sign-in page: whether the last sign-in ended for idle time. */
+    public static bool $ended = false;
     /** @var array|null the pending trial, as layout_start() found it */
     public static ?array $trial = null;
     /** Whether this request is a POST with the right token: it ends with redirect_after_post(). */
@@ -207,28 +224,55 @@ function this_url(): string
     return current_page() . (is_string($query) && $query !== '' ? '?' . $query : '');
 }
 
-// The PHP session carries the CSRF token and the flashes; it is closed at once so that slow
-// requests (a trial takes a few seconds) do not hold the browser's other requests up. A GET
-// takes the flash left for its URL, so that it is shown once.
+// The PHP session carries the sign-in, the CSRF token and the flashes; it is closed at once so
+// that slow requests (a trial takes a few seconds) do not hold the browser's other requests up.
+// A GET takes the flash left for its URL, so that it is shown once.
 function start_php_session(): void
 {
-    // PHP's session directory may be missing or read-only on the device: then one of ours.
+    // PHP's session directory may be missing or read-only on the device: then one of ours,
+    // which must be the server user's alone (in /tmp another user could have made it first,
+    // and whoever writes session files can make a signed-in one).
     $dir = session_save_path();
     if ($dir === '' || !is_dir($dir) || !is_writable($dir)) {
         $dir = env_setting('CFGD_SESSION_DIR', sys_get_temp_dir() . '/cfgd-web-sessions');
         if (!is_dir($dir)) {
             mkdir($dir, 0700, true);
         }
+        if (is_link($dir) || fileowner($dir) !== posix_geteuid() || (fileperms($dir) & 0077) !== 0) {
+            throw new RuntimeException("the session directory $dir is not the server user's alone (mode 0700): remove it");
+        }
         session_save_path($dir);
     }
-    session_name('cfgdweb');
-    session_set_cookie_params(['httponly' => true, 'samesite' => 'Strict',
-        'secure' => ($_SERVER['HTTPS'] ?? '') !== '' && ($_SERVER['HTTPS'] ?? '') !== 'off']);
+    // Unknown session ids are never taken over; the cookie is per server port, as browsers
+    // share cookies between a host's ports.
+    ini_set('session.use_strict_mode', '1');
+    ini_set('session.gc_maxlifetime', (string) (CFGD_SESSION_MINUTES * 60));
+    session_name('cfgdweb' . preg_replace('/[^0-9]/', '', (string) ($_SERVER['SERVER_PORT'] ?? '')));
+    session_set_cookie_params(['httponly' => true, 'samesite' => 'Strict', 'secure' => true]);
+    if (!isset($_COOKIE[session_name()]) && !defined('CFGD_SIGNIN_PAGE')) {
+        return;  // not signed in: no session file for a client that has not been to the sign-in
+    }
     session_start();
     if (!is_string($_SESSION['csrf'] ?? null)) {
         $_SESSION['csrf'] = bin2hex(random_bytes(32));
     }
     App::$token = $_SESSION['csrf'];
+    if (is_string($_SESSION['user'] ?? null)) {
+        if (time() - (int) ($_SESSION['seen'] ?? 0) > CFGD_SESSION_MINUTES * 60) {
+            unset($_SESSION['user']);
+            $_SESSION['ended'] = true;  // for the sign-in page to say why
+        } else {
+            App::$user = $_SESSION['user'];
+            // The Status page's own refreshes are no use of the pages: an open tab still ends.
+            if (!defined('CFGD_POLL')) {
+                $_SESSION['seen'] = time();
+            }
+        }
+    }
+    if (defined('CFGD_SIGNIN_PAGE')) {
+        App::$ended = isset($_SESSION['ended']);
+        unset($_SESSION['ended']);
+    }
     if (($_SERVER['REQUEST_METHOD'] ?? 'GET') === 'GET' && is_array($_SESSION['flash'][this_url()] ?? null)) {
         App::$flash = $_SESSION['flash'][this_url()];
         unset($_SESSION['flash'][this_url()]);
@@ -251,6 +295,34 @@ function redirect_after_post(?string $url = null): never
     $_SESSION['flash'][$url] = ['banners' => App::$banners] + App::$leave;
     session_write_close();
     header('Location: ' . $url, true, 303);
+    exit;
+}
+
+/**
+ * Lets only a signed-in user's request go on; every page and post calls it (the bootstrap below
+ * does, for every page but signin.php). Otherwise a browser (Accept: text/html) is sent to the
+ * sign-in, which leads back to the page asked for; other clients get 401. Nothing is changed.
+ */
+function require_signin(): void
+{
+    if (App::$user !== null) {
+        return;
+    }
+    while (ob_get_level() > 0) {
+        ob_end_clean();
+    }
+    $accept = $_SERVER['HTTP_ACCEPT'] ?? '';
+    if (is_string($accept) && str_contains($accept, 'text/html')) {
+        $query = ['next' => (string) ($_SERVER['REQUEST_URI'] ?? '')];
+        if (($_SERVER['REQUEST_METHOD'] ?? 'GET') === 'POST') {
+            $query['post'] = '1';
+        }
+        header('Location: signin.php?' . http_build_query($query), true, 303);
+    } else {
+        http_response_code(401);
+        header('Content-Type: text/plain; charset=utf-8');
+        echo TEXT['signin_needed'], "\n";
+    }
     exit;
 }
 
@@ -384,3 +456,6 @@ header('X-Content-Type-Options: nosniff');
 header('X-Frame-Options: DENY');
 header("Content-Security-Policy: default-src 'self'; frame-ancestors 'none'");
 header('Cache-Control: no-store');
+if (!defined('CFGD_SIGNIN_PAGE')) {
+    require_signin();
+}

@@ -112,9 +112,8 @@ function trial_section(array $trial, string $page): void
  */
 function layout_start(string $page, string $title, bool $hasValues = true): bool
 {
-    $trial = App::$trial = pending_trial();
+    $trial = App::$trial = App::$user !== null ? pending_trial() : null;  // not before a sign-in
     $id = App::$identity;
-    $user = $_SERVER['REMOTE_USER'] ?? '';
     ?>
 <!DOCTYPE html>
 <html lang="en">
@@ -131,12 +130,16 @@ function layout_start(string $page, string $title, bool $hasValues = true): bool
     <a href="index.php"><?= h(($id['host.name'] ?? null) ?: 'CAN gateway') ?></a>
     <p id="identity">Order no. <?= h($id['general.order_number'] ?? '–') ?> · Serial no. <?= h($id['general.serial_number'] ?? '–') ?></p>
   </div>
-<?php if (is_string($user) && $user !== '') { ?>
-  <p class="user">Signed in as <span id="user"><?= h($user) ?></span></p>
+<?php if (App::$user !== null) { ?>
+  <p class="user">Signed in as <span id="user"><?= h(App::$user) ?></span></p>
 <?php } ?>
   <nav id="nav">
 <?php foreach (array_filter(PAGES, 'page_shown', ARRAY_FILTER_USE_KEY) as $file => $label) { ?>
     <a href="<?= h($file) ?>"<?= $file === $page ? ' aria-current="page"' : '' ?>><?= h($label) ?></a>
+<?php }
+if (App::$user !== null) { ?>
+    <form id="form-signout" method="post" action="signin.php"><?= csrf_field() ?>
+      <button type="submit" id="btn-signout" name="action" value="signout">Sign out</button></form>
 <?php } ?>
   </nav>
 </header>

@@ -24,4 +24,7 @@ define('CFGD_TRIAL_SECONDS', max(Cfgd\Trial::SHORTEST,
     min(Cfgd\Trial::LONGEST, (int) env_setting('CFGD_TRIAL_SECONDS', '90'))));
 // The hash of /metrics' bearer token, as `cfgd-web-passwd --metrics-token` writes it.
 define('CFGD_METRICS_TOKEN_FILE', env_setting('CFGD_METRICS_TOKEN_FILE', '/mnt/user/cfgd-web-metrics.hash'));
+define('CFGD_WEB_PASSWD', env_setting('CFGD_WEB_PASSWD', '/mnt/user/cfgd-web.htpasswd'));
+// Minutes without a request after which a sign-in ends.
+define('CFGD_SESSION_MINUTES', max(1, (int) env_setting('CFGD_SESSION_MINUTES', '15')));
 const CFGD_TIMEOUT = 5;               // seconds to wait for cfgd's answers

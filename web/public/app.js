@@ -59,6 +59,7 @@ function liveStatus(live) {
   var last = {};     // route number -> {t, frames} of the previous poll
   var timer = null;
   var busy = false;
+  var stopped = false;
   var note = document.createElement('p');
   note.id = 'live-note';
   note.className = 'live-note';
@@ -70,17 +71,21 @@ function liveStatus(live) {
 
   var schedule = function () {
     clearTimeout(timer);
-    timer = document.hidden ? null : setTimeout(poll, POLL_MS);
+    timer = document.hidden || stopped ? null : setTimeout(poll, POLL_MS);
   };
   var poll = function () {
     timer = null;
-    if (busy || document.hidden) {
+    if (busy || document.hidden || stopped) {
       return;
     }
     busy = true;
     fetch(live.dataset.url, {credentials: 'same-origin', cache: 'no-store',
                              headers: {Accept: 'application/json'}})
       .then(function (answer) {
+        if (answer.status === 401) {
+          stopped = true;  // the sign-in ended: polling again would only be refused again
+          throw new Error('you were signed out; reload the page to sign in again');
+        }
         if ((answer.headers.get('Content-Type') || '').indexOf('application/json') !== 0) {
           // E.g. a sign-in page after the login expired.
           throw new Error('no live values in the answer; reload the page');

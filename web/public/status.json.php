@@ -4,6 +4,7 @@
 // 200 with live_report()'s object; 503 with {"error": TEXT} when cfgd cannot give them.
 
 declare(strict_types=1);
+const CFGD_POLL = true;  // a refresh keeps no sign-in alive
 require __DIR__ . '/../lib/app.php';
 require __DIR__ . '/../lib/live.php';
 
