@@ -9,11 +9,8 @@ import difflib
 
 from ansible.errors import AnsibleActionFail
 from ansible.module_utils.common.text.converters import to_text
-from ansible.plugins.action import ActionBase
 
 from ansible_collections.cfgd.gateway.plugins.plugin_utils import cfgctl as util
-
-ARGS = dict(src=dict(type='str'), content=dict(type='str'), trial=dict(type='int'), **util.COMMON_ARGS)
 
 
 def parse_dump(text):
@@ -31,16 +28,11 @@ def parse_dump(text):
     return lines
 
 
-class ActionModule(ActionBase):
-    TRANSFERS_FILES = False
-    _supports_check_mode = True
-    _supports_async = False
+class ActionModule(util.CfgctlAction):
+    ARGS = dict(src=dict(type='str'), content=dict(type='str'), trial=dict(type='int'))
+    CHECKS = dict(mutually_exclusive=[['src', 'content']], required_one_of=[['src', 'content']])
 
-    @util.reported
-    def run(self, tmp=None, task_vars=None):
-        result = super(ActionModule, self).run(tmp, task_vars)
-        _, args = self.validate_argument_spec(argument_spec=ARGS, mutually_exclusive=[['src', 'content']],
-                                              required_one_of=[['src', 'content']])
+    def act(self, result, args, device, task_vars):
         trial = util.seconds_in('trial', args.get('trial'), util.TRIAL_SECONDS)
         text = args.get('content')
         if text is None:
@@ -48,7 +40,6 @@ class ActionModule(ActionBase):
                 text = to_text(source.read(), errors='surrogate_or_strict')
         lines = parse_dump(text)
 
-        device = util.Cfgctl(self, args)
         rc, report = device.run(['dump'])
         if rc != util.EXIT_OK or 'values' not in report:
             device.fail('reading the parameters', rc, report)

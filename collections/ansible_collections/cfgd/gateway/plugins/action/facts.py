@@ -3,21 +3,12 @@ from __future__ import absolute_import, division, print_function
 
 __metaclass__ = type
 
-from ansible.plugins.action import ActionBase
 
 from ansible_collections.cfgd.gateway.plugins.plugin_utils import cfgctl as util
 
 
-class ActionModule(ActionBase):
-    TRANSFERS_FILES = False
-    _supports_check_mode = True
-    _supports_async = False
-
-    @util.reported
-    def run(self, tmp=None, task_vars=None):
-        result = super(ActionModule, self).run(tmp, task_vars)
-        _, args = self.validate_argument_spec(argument_spec=dict(util.COMMON_ARGS))
-        device = util.Cfgctl(self, args)
+class ActionModule(util.CfgctlAction):
+    def act(self, result, args, device, task_vars):
         rc, report = device.run(['dump'])
         if rc != util.EXIT_OK or 'values' not in report:
             device.fail('reading the parameters', rc, report)

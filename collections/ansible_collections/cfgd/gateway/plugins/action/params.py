@@ -5,27 +5,18 @@ from __future__ import absolute_import, division, print_function
 __metaclass__ = type
 
 from ansible.errors import AnsibleActionFail
-from ansible.plugins.action import ActionBase
 
 from ansible_collections.cfgd.gateway.plugins.plugin_utils import cfgctl as util
 
-ARGS = dict(params=dict(type='dict', required=True), trial=dict(type='int'), **util.COMMON_ARGS)
 
+class ActionModule(util.CfgctlAction):
+    ARGS = dict(params=dict(type='dict', required=True), trial=dict(type='int'))
 
-class ActionModule(ActionBase):
-    TRANSFERS_FILES = False
-    _supports_check_mode = True
-    _supports_async = False
-
-    @util.reported
-    def run(self, tmp=None, task_vars=None):
-        result = super(ActionModule, self).run(tmp, task_vars)
-        _, args = self.validate_argument_spec(argument_spec=ARGS)
+    def act(self, result, args, device, task_vars):
         trial = util.seconds_in('trial', args.get('trial'), util.TRIAL_SECONDS)
         wanted = [(str(name), util.value_text(name, value)) for name, value in args['params'].items()]
         if not wanted:
             raise AnsibleActionFail('params names no parameter')
-        device = util.Cfgctl(self, args)
         words = [w for name, _ in wanted for w in util.name_words(name)]
         rc, report = device.run(['get'] + words)
         if rc not in (util.EXIT_OK, util.EXIT_REFUSED) or 'values' not in report:

@@ -8,24 +8,15 @@ __metaclass__ = type
 import time
 
 from ansible.errors import AnsibleActionFail, AnsibleConnectionFailure
-from ansible.plugins.action import ActionBase
 
 from ansible_collections.cfgd.gateway.plugins.plugin_utils import cfgctl as util
 
-ARGS = dict(state=dict(type='str', required=True, choices=['confirmed', 'rolled_back', 'pending']),
-            wait=dict(type='int', default=0), delay=dict(type='int', default=2), **util.COMMON_ARGS)
 
+class ActionModule(util.CfgctlAction):
+    ARGS = dict(state=dict(type='str', required=True, choices=['confirmed', 'rolled_back', 'pending']),
+                wait=dict(type='int', default=0), delay=dict(type='int', default=2))
 
-class ActionModule(ActionBase):
-    TRANSFERS_FILES = False
-    _supports_check_mode = True
-    _supports_async = False
-
-    @util.reported
-    def run(self, tmp=None, task_vars=None):
-        result = super(ActionModule, self).run(tmp, task_vars)
-        _, args = self.validate_argument_spec(argument_spec=ARGS)
-        device = util.Cfgctl(self, args)
+    def act(self, result, args, device, task_vars):
         state = args['state']
         if state == 'pending':
             rc, report = self._reach(device, args['wait'], max(1, args['delay']))

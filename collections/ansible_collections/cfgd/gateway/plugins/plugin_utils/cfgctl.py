@@ -10,6 +10,7 @@ import re
 import shlex
 
 from ansible.errors import AnsibleActionFail
+from ansible.plugins.action import ActionBase
 
 # cfgctl's exit statuses (cfgctl --help).
 EXIT_OK, EXIT_REFUSED, EXIT_USAGE, EXIT_NOT_REACHABLE = 0, 1, 2, 3
@@ -158,18 +159,31 @@ class Cfgctl:
         raise AnsibleActionFail(text, result=extra)
 
 
-def reported(run):
-    """An action's run() whose failures (AnsibleActionFail) become a failed result with their
-    message, without the empty traceback that Ansible would print for them."""
-    def run_reported(self, tmp=None, task_vars=None):
+class CfgctlAction(ActionBase):
+    """The frame of every module's action: its options checked (ARGS, the options for reaching
+    cfgctl, and CHECKS for validate_argument_spec), then act() with cfgctl on the task's device.
+    A failure (AnsibleActionFail) becomes a failed result with its message, without the empty
+    traceback that Ansible would print for it."""
+    TRANSFERS_FILES = False
+    _supports_check_mode = True
+    _supports_async = False
+    ARGS = {}
+    CHECKS = {}
+
+    def run(self, tmp=None, task_vars=None):
+        task_vars = task_vars or {}
         try:
-            return run(self, tmp, task_vars or {})
+            result = super(CfgctlAction, self).run(tmp, task_vars)
+            _, args = self.validate_argument_spec(argument_spec=dict(self.ARGS, **COMMON_ARGS), **self.CHECKS)
+            return self.act(result, args, Cfgctl(self, args), task_vars)
         except AnsibleActionFail as error:
             result = dict(error.result, failed=True)
             result.pop('exception', None)
             result.setdefault('changed', False)
             return result
-    return run_reported
+
+    def act(self, result, args, device, task_vars):
+        raise NotImplementedError
 
 
 def name_error_text(error):
