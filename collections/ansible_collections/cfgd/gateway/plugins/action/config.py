@@ -60,14 +60,8 @@ class ActionModule(util.CfgctlAction):
         util.refuse_pending_trial(report, 'configuration not applied')
 
         changes = util.plan(wanted, values)
-        result.update(changed=bool(changes), changes=util.change_lines(changes), read_only=len(read_only))
-        if self._play_context.diff and changes:
-            result['diff'] = util.diff_of(changes, task_vars.get('inventory_hostname', 'device'))
-        if not changes:
-            result['msg'] = 'every value is as given: nothing written'
-            return result
-        if self._play_context.check_mode:
-            result['msg'] = '%d values would change' % len(changes)
+        result.update(read_only=len(read_only))
+        if not self.planned(result, changes, task_vars):
             return result
         command = ['apply'] + (['--trial', str(trial)] if trial is not None else []) + ['-']
         rc, report = device.run(command, stdin_text=text)

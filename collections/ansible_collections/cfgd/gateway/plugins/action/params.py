@@ -26,15 +26,8 @@ class ActionModule(util.CfgctlAction):
         util.refuse_pending_trial(report, 'parameters not written')
 
         changes = util.plan(wanted, values)
-        result.update(changed=bool(changes), changes=util.change_lines(changes),
-                      values=dict((name, value) for name, value in wanted))
-        if self._play_context.diff and changes:
-            result['diff'] = util.diff_of(changes, task_vars.get('inventory_hostname', 'device'))
-        if not changes:
-            result['msg'] = 'every value is as given: nothing written'
-            return result
-        if self._play_context.check_mode:
-            result['msg'] = '%d values would change' % len(changes)
+        result.update(values=dict((name, value) for name, value in wanted))
+        if not self.planned(result, changes, task_vars):
             return result
         unread = [name for name, old, _ in changes if old is None]
         if trial is not None and unread:

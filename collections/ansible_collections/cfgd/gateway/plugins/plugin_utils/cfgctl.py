@@ -185,6 +185,18 @@ class CfgctlAction(ActionBase):
     def act(self, result, args, device, task_vars):
         raise NotImplementedError
 
+    def planned(self, result, changes, task_vars):
+        """Reports `changes` (changed, their lines, the diff); True when they are to be written:
+        some, and not in check mode."""
+        result.update(changed=bool(changes), changes=change_lines(changes))
+        if self._play_context.diff and changes:
+            result['diff'] = diff_of(changes, task_vars.get('inventory_hostname', 'device'))
+        if not changes:
+            result['msg'] = 'every value is as given: nothing written'
+        elif self._play_context.check_mode:
+            result['msg'] = '%d values would change' % len(changes)
+        return bool(changes) and not self._play_context.check_mode
+
 
 def name_error_text(error):
     name, access = error.get('name'), error.get('access')
