@@ -13,6 +13,7 @@
 # CFGD_WEB_TESTS=WORD runs only the tests whose names hold WORD.
 import base64, os, re, ssl, subprocess, sys, tempfile, time, urllib.error, urllib.parse, urllib.request
 from http.client import HTTPConnection, HTTPSConnection
+from multiprocessing.pool import ThreadPool
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
@@ -531,6 +532,15 @@ def test_failed_sign_ins_back_off_per_address():
     check(sign_in(f"https://127.0.0.1:{FAST}")[0] == 303, "127.0.0.1 is refused too")
     check('user "tester" from 127.0.0.2 (2 in a row): the next try in 2 s' in
           open(f"/tmp/cfgd-web-{FAST}/run/error.log").read(), "not logged")
+
+
+# Parallel tries from one address: one is checked, the other waits; a huge password is wrong at
+# once (SHA-512 crypt would take minutes over it).
+def test_sign_in_tries_in_parallel_and_huge_passwords_are_refused():
+    tries = ThreadPool(2).starmap(sign_in, [(f"https://127.0.0.1:{FAST}", "wrong", "127.0.0.3")] * 2)
+    statuses = sorted(answer[0] for answer in tries)
+    check(statuses == [403, 429], f"parallel tries: {statuses}")
+    check(sign_in(f"https://127.0.0.1:{FAST}", "x" * 1000000, "127.0.0.4")[0] == 403, "huge password")
 
 
 def test_http_redirects_to_https():
