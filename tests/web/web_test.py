@@ -543,6 +543,16 @@ def test_sign_in_tries_in_parallel_and_huge_passwords_are_refused():
     check(sign_in(f"https://127.0.0.1:{FAST}", "x" * 1000000, "127.0.0.4")[0] == 403, "huge password")
 
 
+# Without a session, neither the sign-in page nor a made-up cookie makes a session file.
+def test_no_session_file_before_a_sign_in():
+    files = lambda: len(os.listdir(f"/tmp/cfgd-web-{FAST}/sessions"))
+    before = files()
+    for cookie in ("", f"cfgdweb{FAST}=madeup0123456789"):
+        for page in ("signin.php", "index.php"):
+            http(f"https://127.0.0.1:{FAST}/{page}", auth=False, headers={"Cookie": cookie})
+    check(files() == before, f"{files() - before} new session files")
+
+
 def test_http_redirects_to_https():
     connection = HTTPConnection("127.0.0.1", SLOW + 1000, timeout=30)
     connection.request("GET", "/routes.php?route=2")

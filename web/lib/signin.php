@@ -9,12 +9,29 @@ const SIGNIN_LONGEST_WAIT = 300;  // at most this
 const SIGNIN_FORGET = 3600;       // an address's failures are forgotten an hour after its last
 const SIGNIN_ADDRESSES = 256;     // addresses kept at most (the newest failures)
 const SIGNIN_FAILURES_FILE = 'cfgd-signin-failures';  // in the PHP session directory
+const SIGNIN_TOKEN_COOKIE = '__Host-cfgdsignin';  // the sign-in form's token before a session
 // Bytes of a password that is checked at most: SHA-512 crypt's time grows with the password's
 // length (100 kB take many seconds), so a longer one is wrong without a check. cfgd-web-passwd
 // sets none longer.
 const SIGNIN_LONGEST_PASSWORD = 256;
 // Checked when the user is unknown, so that the answer takes as long as for a known one.
 const SIGNIN_DUMMY_HASH = '$6$cfgd.dummy.salt$QbpmA8gDyhCyK0y8dCP2wPvbkSwMxIX5ONqxxGgKCbtfd4vUNsmUjpuKE/NMytMZrr06.Jqxh/c9VDs1mg5Ci.';
+
+/**
+ * The sign-in form's token for a browser without a PHP session: a random cookie of its own that
+ * the form repeats. Another site can neither read the cookie nor make the browser send it
+ * (SameSite=Strict), nor set it over plain HTTP (the __Host- prefix).
+ */
+function signin_form_token(): string
+{
+    $token = $_COOKIE[SIGNIN_TOKEN_COOKIE] ?? null;
+    if (!is_string($token) || preg_match('/^[0-9a-f]{64}$/', $token) !== 1) {
+        $token = bin2hex(random_bytes(32));
+        setcookie(SIGNIN_TOKEN_COOKIE, $token,
+            ['path' => '/', 'secure' => true, 'httponly' => true, 'samesite' => 'Strict']);
+    }
+    return $token;
+}
 
 /** Whether `$password` is `$user`'s in the password file ("USER:HASH" lines). */
 function password_matches(string $user, string $password): bool
