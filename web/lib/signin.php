@@ -62,10 +62,10 @@ function password_matches(string $user, string $password): bool
 function with_failures(callable $change): mixed
 {
     $path = session_save_path() . '/' . SIGNIN_FAILURES_FILE;
+    $mask = umask(0077);  // made 0600: a chmod after it would leave others a moment to open it
     $file = @fopen($path, 'x+');  // made anew: never through a link
-    if ($file !== false) {
-        chmod($path, 0600);
-    } else {
+    umask($mask);
+    if ($file === false) {
         $file = fopen($path, 'r+');
     }
     $opened = fstat($file);
