@@ -535,12 +535,15 @@ def test_failed_sign_ins_back_off_per_address():
 
 
 # Parallel tries from one address: one is checked, the other waits; a huge password is wrong at
-# once (SHA-512 crypt would take minutes over it).
+# once (SHA-512 crypt would take minutes over it); a body over the server's bound is refused.
 def test_sign_in_tries_in_parallel_and_huge_passwords_are_refused():
     tries = ThreadPool(2).starmap(sign_in, [(f"https://127.0.0.1:{FAST}", "wrong", "127.0.0.3")] * 2)
     statuses = sorted(answer[0] for answer in tries)
     check(statuses == [403, 429], f"parallel tries: {statuses}")
     check(sign_in(f"https://127.0.0.1:{FAST}", "x" * 1000000, "127.0.0.4")[0] == 403, "huge password")
+    connection = HTTPSConnection("127.0.0.1", FAST, context=tls(FAST), timeout=30)
+    connection.request("POST", "/signin.php", headers={"Content-Length": str(2**21)})  # the server reads no body
+    check(connection.getresponse().status == 413, "a body of 2 MiB is taken")
 
 
 # Without a session, neither the sign-in page nor a made-up cookie makes a session file.
