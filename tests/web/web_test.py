@@ -13,6 +13,7 @@
 # CFGD_WEB_TESTS=WORD runs only the tests whose names hold WORD.
 import base64, os, re, ssl, subprocess, sys, tempfile, time, urllib.error, urllib.parse, urllib.request
 from http.client import HTTPConnection, HTTPSConnection
+from multiprocessing.pool import ThreadPool
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
@@ -531,6 +532,28 @@ def test_failed_sign_ins_back_off_per_address():
     check(sign_in(f"https://127.0.0.1:{FAST}")[0] == 303, "127.0.0.1 is refused too")
     check('user "tester" from 127.0.0.2 (2 in a row): the next try in 2 s' in
           open(f"/tmp/cfgd-web-{FAST}/run/error.log").read(), "not logged")
+
+
+# Parallel tries from one address: one is checked, the other waits; a huge password is wrong at
+# once (SHA-512 crypt would take minutes over it); a body over the server's bound is refused.
+def test_sign_in_tries_in_parallel_and_huge_passwords_are_refused():
+    tries = ThreadPool(2).starmap(sign_in, [(f"https://127.0.0.1:{FAST}", "wrong", "127.0.0.3")] * 2)
+    statuses = sorted(answer[0] for answer in tries)
+    check(statuses == [403, 429], f"parallel tries: {statuses}")
+    check(sign_in(f"https://127.0.0.1:{FAST}", "x" * 1000000, "127.0.0.4")[0] == 403, "huge password")
+    connection = HTTPSConnection("127.0.0.1", FAST, context=tls(FAST), timeout=30)
+    connection.request("POST", "/signin.php", headers={"Content-Length": str(2**21)})  # the server reads no body
+    check(connection.getresponse().status == 413, "a body of 2 MiB is taken")
+
+
+# Without a session, neither the sign-in page nor a made-up cookie makes a session file.
+def test_no_session_file_before_a_sign_in():
+    files = lambda: len(os.listdir(f"/tmp/cfgd-web-{FAST}/sessions"))
+    before = files()
+    for cookie in ("", f"cfgdweb{FAST}=madeup0123456789"):
+        for page in ("signin.php", "index.php"):
+            http(f"https://127.0.0.1:{FAST}/{page}", auth=False, headers={"Cookie": cookie})
+    check(files() == before, f"{files() - before} new session files")
 
 
 def test_http_redirects_to_https():

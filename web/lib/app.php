@@ -249,8 +249,17 @@ function start_php_session(): void
     ini_set('session.gc_maxlifetime', (string) (CFGD_SESSION_MINUTES * 60));
     session_name('cfgdweb' . preg_replace('/[^0-9]/', '', (string) ($_SERVER['SERVER_PORT'] ?? '')));
     session_set_cookie_params(['httponly' => true, 'samesite' => 'Strict', 'secure' => true]);
-    if (!isset($_COOKIE[session_name()]) && !defined('CFGD_SIGNIN_PAGE')) {
-        return;  // not signed in: no session file for a client that has not been to the sign-in
+    // Only a cookie that names a session file is taken: one file for each request without a
+    // session, or with a made-up id (strict mode starts a new session for it), would let any
+    // client fill the directory (memory, in a device's /tmp) faster than PHP clears it. The
+    // sign-in form then gets its token from a cookie of its own.
+    $id = $_COOKIE[session_name()] ?? null;
+    if (!is_string($id) || preg_match('/^[A-Za-z0-9,-]{1,256}$/', $id) !== 1
+        || !is_file(session_save_path() . '/sess_' . $id)) {
+        if (defined('CFGD_SIGNIN_PAGE')) {
+            App::$token = signin_form_token();
+        }
+        return;
     }
     session_start();
     if (!is_string($_SESSION['csrf'] ?? null)) {

@@ -9,7 +9,7 @@ const CFGD_SIGNIN_PAGE = true;
 require __DIR__ . '/../lib/app.php';
 
 $next = local_path($_POST['next'] ?? $_GET['next'] ?? null) ?? 'index.php';
-$address = (string) ($_SERVER['REMOTE_ADDR'] ?? '');
+$client = signin_client((string) ($_SERVER['REMOTE_ADDR'] ?? ''));
 $action = posted_action();  // null for a GET or a post without the right token
 $user = $_POST['user'] ?? '';
 $user = is_string($user) ? $user : '';
@@ -26,13 +26,13 @@ if ($action === 'signout') {
 }
 if ($action === 'signin') {
     $password = $_POST['password'] ?? '';
-    $wait = signin_wait($address);
+    $wait = signin_try($client, $next_wait, $count);
     if ($wait > 0) {
         http_response_code(429);
         header("Retry-After: $wait");
-        banner('error', sprintf(TEXT['signin_wait'], $address, $wait));
+        banner('error', sprintf(TEXT['signin_wait'], $client, $wait));
     } elseif (is_string($password) && password_matches($user, $password)) {
-        signin_succeeded($address);
+        signin_succeeded($client);
         session_start();
         session_regenerate_id(true);  // a session id known before the sign-in is worth nothing
         $_SESSION = ['csrf' => bin2hex(random_bytes(32)), 'user' => $user, 'seen' => time()];
@@ -41,7 +41,8 @@ if ($action === 'signin') {
         exit;
     } else {
         http_response_code(403);
-        banner('error', sprintf(TEXT['signin_wrong'], signin_failed($address, $user)));
+        signin_failed($client, $user, $count, $next_wait);
+        banner('error', sprintf(TEXT['signin_wrong'], $next_wait));
     }
 } elseif ($action === null && App::$user !== null && ($_SERVER['REQUEST_METHOD'] ?? 'GET') === 'GET') {
     header('Location: ' . $next, true, 303);  // signed in already
