@@ -131,15 +131,13 @@ function layout_start(string $page, string $title, bool $hasValues = true): bool
     <p id="identity">Order no. <?= h($id['general.order_number'] ?? '–') ?> · Serial no. <?= h($id['general.serial_number'] ?? '–') ?></p>
   </div>
 <?php if (App::$user !== null) { ?>
-  <p class="user">Signed in as <span id="user"><?= h(App::$user) ?></span></p>
+  <div class="user"><p>Signed in as <span id="user"><?= h(App::$user) ?></span></p>
+    <form id="form-signout" method="post" action="signin.php"><?= csrf_field() ?>
+      <button type="submit" id="btn-signout" name="action" value="signout">Sign out</button></form></div>
 <?php } ?>
   <nav id="nav">
 <?php foreach (array_filter(PAGES, 'page_shown', ARRAY_FILTER_USE_KEY) as $file => $label) { ?>
     <a href="<?= h($file) ?>"<?= $file === $page ? ' aria-current="page"' : '' ?>><?= h($label) ?></a>
-<?php }
-if (App::$user !== null) { ?>
-    <form id="form-signout" method="post" action="signin.php"><?= csrf_field() ?>
-      <button type="submit" id="btn-signout" name="action" value="signout">Sign out</button></form>
 <?php } ?>
   </nav>
 </header>
