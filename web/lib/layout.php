@@ -122,6 +122,7 @@ function layout_start(string $page, string $title, bool $hasValues = true): bool
 <meta name="viewport" content="width=device-width, initial-scale=1">
 <title><?= h($title) ?> – <?= h($id['host.name'] ?? 'Gateway') ?></title>
 <link rel="stylesheet" href="style.css">
+<link rel="icon" href="favicon.svg" type="image/svg+xml">
 <script src="app.js" defer></script>
 </head>
 <body>
