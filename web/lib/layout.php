@@ -73,7 +73,8 @@ function trial_section(array $trial, string $page): void
     values back in <strong><span id="trial-countdown" data-seconds="<?= $seconds ?>"><?= $seconds ?></span> s</strong>.</p>
   <ul id="trial-changes">
 <?php foreach ($trial['params'] as $name => $change) {
-    if ($change['new'] !== null) { ?>
+    // A value only written again after another (a route's state) is listed when it changed.
+    if ($change['new'] !== null && $change['new'] !== $change['old']) { ?>
     <li><?= h(param_title((string) $name)) ?>: <?= h(value_text((string) $name, $change['old'])) ?> → <?= h(value_text((string) $name, $change['new'])) ?></li>
 <?php }
 } ?>
