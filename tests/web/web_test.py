@@ -240,12 +240,19 @@ def test_pages_need_the_login_and_show():
     DRIVER.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
 
 
-# The Filters list adds a filter in the first free place; the filter's own page removes it.
+# The Filters list adds a filter in the first free place (when another client took that place
+# meanwhile, the input moves to the next one); the filter's own page removes it.
 def test_filter_added_from_the_list_and_removed_on_its_page():
     DRIVER.get(f"https://127.0.0.1:{SLOW}/filters.php")
-    n = by_id("form-add").find_element(By.NAME, "filter").get_attribute("value")
-    set_field(f"filter{n}.term", "0x200-0x2FF")
+    taken = by_id("form-add").find_element(By.NAME, "filter").get_attribute("value")
+    cfgctl(A, "set", f"filter{taken}.kind", "1", f"filter{taken}.term", "0x300-0x3FF")
+    set_field(f"filter{taken}.term", "0x200-0x2FF")
     press("btn-now")
+    n = by_id("form-add").find_element(By.NAME, "filter").get_attribute("value")
+    check(f"Filter {taken} was defined meanwhile" in banners().get("error", "") and
+          by_id(f"f-filter{n}-term").get_attribute("value") == "0x200-0x2FF", banners())
+    press("btn-now")
+    cfgctl(A, "set", f"filter{taken}.kind", "0")
     check(cfgctl(A, "get", f"filter{n}.kind", f"filter{n}.term").split() == ["1", "0x200-0x2FF"], "not added")
     DRIVER.get(by_id(f"filter-link-{n}").get_attribute("href"))
     press("btn-remove")

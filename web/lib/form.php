@@ -364,12 +364,19 @@ final class Form
 
     /**
      * The two submit buttons, the token and the device's values the fields shown so far were
-     * built from (a save that finds them changed is refused): call it after the fields.
+     * built from (a save that finds them changed is refused): call it after the fields. With
+     * `$now`, only the button that applies at once, with that label: a trial cannot make a new
+     * item, as it must read the old value to put back, and there is none.
      */
-    public function buttons(): string
+    public function buttons(?string $now = null): string
     {
-        return csrf_field() . '<input type="hidden" name="action" value="save">'
-            . '<input type="hidden" name="built" value="' . h(json_encode($this->built, JSON_INVALID_UTF8_SUBSTITUTE)) . '">'
+        $fields = csrf_field() . '<input type="hidden" name="action" value="save">'
+            . '<input type="hidden" name="built" value="' . h(json_encode($this->built, JSON_INVALID_UTF8_SUBSTITUTE)) . '">';
+        if ($now !== null) {
+            return $fields . '<div class="buttons"><button type="submit" id="btn-now" name="mode" value="now" class="primary">'
+                . h($now) . '</button></div>';
+        }
+        return $fields
             . '<div class="buttons"><button type="submit" id="btn-trial" name="mode" value="trial" class="primary">'
             . h(TEXT['save_trial']) . '</button> <button type="submit" id="btn-now" name="mode" value="now">'
             . h(TEXT['save_now']) . '</button></div>'
