@@ -190,7 +190,7 @@ function value_text(string $name, ?string $value): string
         return $value ?? '–';
     }
     return match ($f['kind']) {
-        'select' => label_of($f['options'], $value),
+        'select' => $value === '' ? '(none)' : label_of($f['options'], $value),
         'bool' => label_of(ON_OFF, $value),
         'filters' => $value === '' || $value === '-1' ? 'none' : $value,
         default => $value === '' ? '(empty)' : $value . (isset($f['unit']) ? ' ' . $f['unit'] : ''),
@@ -216,10 +216,13 @@ function refusal_text(string $name, string $value): string
     return $f['refused'] ?? 'The device does not take this value.';
 }
 
-/** Whether route `$n` is an unused slot (protocol 0, no destination), shown without its zeros. */
+/**
+ * Whether route `$n` is an unused slot (off, no destination), shown without its zeros. Not by
+ * its protocol: a slot's protocol 0, written back by a trial's rollback, reads 6 (TCP) then.
+ */
 function route_unused(array $v, int $n): bool
 {
-    return ($v["route$n.protocol"] ?? '0') === '0'
+    return in_array($v["route$n.state"] ?? null, [null, '0'], true)
         && in_array($v["route$n.destination"] ?? null, [null, UNUSED_DESTINATION], true);
 }
 
