@@ -176,10 +176,26 @@ function all_fields(): array
     return $all;
 }
 
-/** A field's title, or the name itself for a parameter no form shows. */
+// Writable parameters that no form shows (a trial of cfgctl or of an upload may change them).
+const OTHER_TITLES = ['if_name' => 'Interface name', 'bit_timing' => 'Register timing',
+    'reapply' => 'Settings applied again', 'user_name' => 'User name', 'reset_stats' => 'Statistics reset'];
+
+/** A field's title; for a parameter no form shows, one in the same style ("can0: Register timing"). */
 function param_title(string $name): string
 {
-    return all_fields()[$name]['title'] ?? $name;
+    if (isset(all_fields()[$name])) {
+        return all_fields()[$name]['title'];
+    }
+    if (preg_match('/^([a-z]+?)([0-9]*)\.(\w+)$/', $name, $m) !== 1) {
+        return $name;
+    }
+    $where = match ($m[1]) {
+        'can' => "can{$m[2]}: ",
+        'lan' => 'LAN: ',
+        'route', 'filter' => ucfirst($m[1]) . " {$m[2]}: ",
+        default => '',
+    };
+    return $where . (OTHER_TITLES[$m[3]] ?? ucfirst(strtr($m[3], '_', ' ')));
 }
 
 /** A value as its field shows it: an option's label, on/off, with the unit. */
