@@ -122,8 +122,9 @@ if ($shown && $filter === null) {
 <?php } else {
     $n = $free[0];
     $form = new Form(filter_fields($n));
-    // A new filter's form starts as an 11-bit range that passes.
+    // A new filter's form starts as an 11-bit range that passes; kind "none" would add nothing.
     $form->propose(["filter$n.kind" => '1', "filter$n.type" => '1']);
+    unset($form->fields["filter$n.kind"]['options']['0']);
     ?>
 <form id="form-add" method="post" action="filters.php">
 <fieldset class="card">
