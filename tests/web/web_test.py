@@ -221,7 +221,7 @@ def test_pages_need_the_login_and_show():
     # A defined filter that a route uses, for the Filters pages.
     cfgctl(A, "set", "filter1.kind", "1", "filter1.term", "0x100-0x1FF", "filter1.name", "engine",
            "route1.filters", "1")
-    for page in PAGES + ["routes.php?route=1", "filters.php?filter=1"]:
+    for page in PAGES + ["routes.php?route=1", "routes.php?route=2", "filters.php?filter=1"]:
         for size, (width, height) in {"phone": (390, 844), "laptop": (1366, 900), "small-phone": (360, 740)}.items():
             metrics = {"width": width, "height": height, "deviceScaleFactor": 1,
                        "mobile": size != "laptop"}
@@ -238,6 +238,9 @@ def test_pages_need_the_login_and_show():
             with open(os.path.join(shots, f"{name}-{size}.png"), "wb") as file:
                 file.write(base64.b64decode(shot))
     DRIVER.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+    DRIVER.get(base + "routes.php?route=2")  # an unused route's page has none of its zeros
+    check(by_id("route-unused") and not DRIVER.find_elements(By.ID, "stat-can_packets")
+          and by_id("f-route2-destination").get_attribute("value") == "", "route 2 shows its zeros")
 
 
 # The Filters list adds a filter in the first free place (when another client took that place
