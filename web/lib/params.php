@@ -83,7 +83,7 @@ function can_fields(string $can): array
 function lan_fields(): array
 {
     return [
-        field('lan0.dhcp', 'Address', 'select', ['options' => ['0' => 'static (below)', '1' => 'from a DHCP server']]),
+        field('lan0.dhcp', 'Address', 'select', ['options' => ['0' => 'static', '1' => 'from a DHCP server']]),
         field('lan0.ipv4', 'IPv4 address'),
         field('lan0.netmask', 'Netmask'),
         field('lan0.ipv4_gateway', 'Gateway', 'text', ['help' => 'also the name server']),
