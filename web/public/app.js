@@ -31,9 +31,10 @@ document.addEventListener('DOMContentLoaded', function () {
         return;
       }
       form.classList.add('busy');
-      // The pressed button keeps its name and value (a disabled one would not be sent).
+      // The pressed button keeps its name and value (a disabled one would not be sent). Only a
+      // form's save says "Applying…": not a sign-out, a rollback or a removal.
       var button = event.submitter;
-      if (button && button.tagName === 'BUTTON') {
+      if (button && button.tagName === 'BUTTON' && button.name === 'mode') {
         button.textContent = 'Applying…';
       }
     });
