@@ -65,7 +65,7 @@ if ($shown && $route === null) {
   <h2>All routes</h2>
   <div class="scroll"><table id="routes" class="cards">
 <thead><tr><th>Route</th><th>Name</th><th>State</th><th>Direction</th><th>Interface</th>
-  <th>Protocol</th><th>Destination</th><th class="num">FPP</th><th>Filters</th></tr></thead>
+  <th>Protocol</th><th>Destination</th><th class="num">Frames per packet</th><th>Filters</th></tr></thead>
 <tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) {
 $r = "route$n";
@@ -78,7 +78,7 @@ $unused = route_unused($v, $n); ?>
     <?= cell('Interface', $unused ? '' : $v["$r.interface"]) ?>
     <?= cell('Protocol', $unused ? '' : label_of(ROUTE_PROTOCOLS, $v["$r.protocol"])) ?>
     <?= cell('Destination', $unused ? '' : $v["$r.destination"]) ?>
-    <?= cell('FPP', $unused ? '' : $v["$r.fpp"], '', 'num') ?>
+    <?= cell('Frames per packet', $unused ? '' : $v["$r.fpp"], '', 'num') ?>
     <?= cell('Filters', $unused ? '' : ($v["$r.filters"] === '-1' ? '–' : $v["$r.filters"])) ?>
   </tr>
 <?php } ?>
