@@ -191,7 +191,7 @@ def dump(lock):
 # high (a check box's is its label; a link in a sentence has none). A mobile browser widens
 # innerWidth to a page that is too wide: the width set is the measure.
 PHONE_FAULTS = """
-const faults = [], wide = arguments[0], said = e => e.tagName + '#' + e.id + ' ' + (e.textContent || e.name).trim().slice(0, 30);
+const faults = [], wide = arguments[0], said = e => e.tagName + '#' + e.id + ' ' + (e.textContent || e.name || '').trim().slice(0, 30);
 if (document.documentElement.scrollWidth > wide || innerWidth > wide) faults.push('the page scrolls sideways');
 const scrolled = e => { for (let p = e.parentElement; p !== document.body; p = p.parentElement)
   if (/auto|scroll/.test(getComputedStyle(p).overflowX)) return true; return false; };
@@ -218,8 +218,8 @@ def test_pages_need_the_login_and_show():
         statuses = [http(base + page, auth=False)[0], http(base + page)[0]]
         expected = [200 if page.endswith((".css", ".js")) else 401, 200]  # static files are open
         check(statuses == expected, f"{page} without a sign-in, with one: {statuses}")
-    # A defined filter that a route uses, for the Filters pages.
-    cfgctl(A, "set", "filter1.kind", "1", "filter1.term", "0x100-0x1FF", "filter1.name", "engine",
+    # A defined filter that a route uses, for the Filters pages; its long name has no break.
+    cfgctl(A, "set", "filter1.kind", "1", "filter1.term", "0x100-0x1FF", "filter1.name", "engine" * 5,
            "route1.filters", "1")
     for page in PAGES + ["routes.php?route=1", "routes.php?route=2", "filters.php?filter=1"]:
         for size, (width, height) in {"phone": (390, 844), "laptop": (1366, 900), "small-phone": (360, 740)}.items():
