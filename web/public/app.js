@@ -118,8 +118,10 @@ function liveStatus(live) {
     });
     Object.keys(report.routes).forEach(function (n) {
       var route = report.routes[n];
+      // A row shown as not used has no live cells: it stays as loaded (a route set up since
+      // would show empty cells), until a reload shows what the route is now.
       var row = document.querySelector('tr[data-route="' + n + '"]');
-      if (row) {
+      if (row && row.querySelector('[data-live]')) {
         row.classList.toggle('off', !route.on);
       }
       var before = last[n];
