@@ -405,7 +405,8 @@ def test_second_browser_cannot_write_over_a_change():
 # is marked, the input kept. Values are set by script, as a post that no browser checked.
 FIELD_ERRORS = [("can.php", "can0.bitrate", "4999", "must be from 5000 to 1000000 bit/s", "baud rate not changed"),
                 ("can.php", "can0.bitrate", "abc", '"abc" is not a number', "baud rate not changed"),
-                ("system.php", "host.name", "x" * 10240, "Too long: at most 64 characters fit", None)]
+                ("system.php", "host.name", "x" * 10240, "Too long: at most 64 characters fit", None),
+                ("routes.php?route=1", "route1.destination", "198.51.100.30", "Give an IPv4 address and a port", None)]
 
 
 def test_field_errors_in_the_pages_words():

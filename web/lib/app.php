@@ -103,6 +103,7 @@ const TEXT = [
     'failed' => 'The configuration daemon could not take the request (%s). Reload the page to try again.',
     'too_long' => 'Too long: at most %d characters fit here, and this has %d (a letter such as é counts as two).',
     'not_saved_too_long' => 'Nothing was saved: a value is too long (see the marked field).',
+    'not_saved_malformed' => 'Nothing was saved: a value is not one the field takes (see the marked field).',
     'changed_field' => 'Changed on the device since this page was loaded: now %s. Check this field, then save again.',
     'changed_since' => 'Nothing was saved: since this page was loaded, the device\'s values changed (%s), e.g. from another browser. The form now shows them, with your own changes kept: check them and save again.',
     'fault' => 'Something went wrong on the device; the details are in the web server\'s error log. Reload the page to try again.',

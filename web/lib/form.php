@@ -10,7 +10,8 @@ declare(strict_types=1);
  * value that cannot be read stands for), 'follows' (names whose write makes this one be
  * written again after them: cfgd changes it as a side effect), 'unless' => [name, value]
  * (not written when that field is to get that value), 'writeOnly' (cannot be read: written
- * when not empty), 'list' (id of a datalist of suggestions).
+ * when not empty), 'list' (id of a datalist of suggestions), 'pattern' (a regular expression
+ * that a changed value must match before cfgd is asked; else the field's 'refused' text).
  */
 function field(string $name, string $label, string $kind = 'text', array $extra = []): array
 {
@@ -62,7 +63,7 @@ final class Form
         $this->posted = array_filter($wanted, fn ($value, $name) => $value !== null
             && (!array_key_exists($name, $built) || $value !== $built[$name])
             && ($value !== '' || empty($this->fields[$name]['writeOnly'])), ARRAY_FILTER_USE_BOTH);
-        $done = !$this->tooLong($wanted) && (posted_mode() === 'trial'
+        $done = !$this->tooLong($wanted) && !$this->malformed($this->posted) && (posted_mode() === 'trial'
             ? $this->tryOut($wanted, $built) : $this->store($wanted, $built));
         if ($done) {
             $this->posted = null;  // show the device's values again
@@ -147,6 +148,26 @@ final class Form
             return false;
         }
         banner('error', TEXT['not_saved_too_long']);
+        return true;
+    }
+
+    /**
+     * True, with the fields marked, when a value the user changed does not match its field's
+     * 'pattern': the legacy cfgd takes such values without a word ("abc" frames per packet as
+     * 0, an address without its port as the broadcast address).
+     */
+    private function malformed(array $changes): bool
+    {
+        foreach ($changes as $name => $value) {
+            $pattern = $this->fields[$name]['pattern'] ?? null;
+            if ($pattern !== null && preg_match($pattern, (string) $value) !== 1) {
+                $this->errors[$name] = ['text' => refusal_text($name, (string) $value), 'detail' => null];
+            }
+        }
+        if ($this->errors === []) {
+            return false;
+        }
+        banner('error', TEXT['not_saved_malformed']);
         return true;
     }
 

@@ -22,6 +22,11 @@ const ON_OFF = ['0' => 'off', '1' => 'on'];
 // An unused route slot reads protocol 0 and this destination.
 const UNUSED_DESTINATION = '0.0.0.0:0';
 const NOT_USED = 'not used';
+// Refusals of addresses in the pages' words: cfgd's are "false address 2 1" and the like.
+const IPV4 = ['refused' => 'Not an IPv4 address: four numbers from 0 to 255 with dots, such as 198.51.100.10.'];
+const IPV6 = ['refused' => 'Not an IPv6 address, such as 2001:db8::10 (:: for none).'];
+// A number that cfgd would take as 0 when it is none, or as its limit when it is negative.
+const DIGITS = ['pattern' => '/^[0-9]+$/'];
 const BIT_RATES = [10000, 20000, 50000, 100000, 125000, 250000, 500000, 800000, 1000000];
 
 const GUI_OPTIONS = [
@@ -84,11 +89,11 @@ function lan_fields(): array
 {
     return [
         field('lan0.dhcp', 'Address', 'select', ['options' => ['0' => 'static', '1' => 'from a DHCP server']]),
-        field('lan0.ipv4', 'IPv4 address'),
-        field('lan0.netmask', 'Netmask'),
-        field('lan0.ipv4_gateway', 'Gateway', 'text', ['help' => 'also the name server']),
-        field('lan0.ipv6', 'IPv6 address'),
-        field('lan0.ipv6_gateway', 'IPv6 gateway'),
+        field('lan0.ipv4', 'IPv4 address', 'text', IPV4),
+        field('lan0.netmask', 'Netmask', 'text', ['refused' => 'Not a netmask, such as 255.255.255.0.']),
+        field('lan0.ipv4_gateway', 'Gateway', 'text', ['help' => 'also the name server'] + IPV4),
+        field('lan0.ipv6', 'IPv6 address', 'text', IPV6),
+        field('lan0.ipv6_gateway', 'IPv6 gateway', 'text', IPV6),
     ];
 }
 
@@ -100,12 +105,14 @@ function route_fields(int $n): array
         field("$r.type", 'Direction', 'select', ['options' => ROUTE_TYPES]),
         field("$r.interface", 'CAN interface', 'select', ['options' => array_combine(CAN_INTERFACES, CAN_INTERFACES)]),
         field("$r.protocol", 'Protocol', 'select', ['options' => ROUTE_PROTOCOLS + ['0' => '– not set –']]),
-        field("$r.destination", 'Destination', 'text', ['help' => 'address:port']),
-        field("$r.fpp", 'Frames per packet', 'number'),
+        field("$r.destination", 'Destination', 'text', ['help' => 'address:port',
+            'pattern' => '/^([0-9]{1,3}\.){3}[0-9]{1,3}:[0-9]{1,5}$/',
+            'refused' => 'Give an IPv4 address and a port, such as 198.51.100.20:5000.']),
+        field("$r.fpp", 'Frames per packet', 'number', DIGITS),
         field("$r.tcp_delay", 'TCP delay', 'bool'),
         field("$r.no_control", 'No control messages', 'bool'),
-        field("$r.display_index", 'Display index', 'number'),
-        field("$r.cdm", 'CDM', 'number', ['writeOnly' => true, 'help' => 'write only: empty leaves it as it is']),
+        field("$r.display_index", 'Display index', 'number', DIGITS),
+        field("$r.cdm", 'CDM', 'number', ['writeOnly' => true, 'help' => 'write only: empty leaves it as it is'] + DIGITS),
         field("$r.filters", 'Filters', 'filters'),
         field("$r.unify_filters", 'Unify filters', 'bool'),
         field("$r.join_filters", 'Join filters', 'bool'),
@@ -224,6 +231,9 @@ function refusal_text(string $name, string $value): string
     $range = Cfgd\Session::range($name);
     if ($f['kind'] === 'number' && preg_match('/^-?[0-9]+$/', $value) !== 1) {
         return "\"$value\" is not a number: use digits only.";
+    }
+    if (isset($f['pattern']) && str_starts_with($value, '-')) {
+        return "{$f['label']} cannot be negative.";
     }
     if ($range !== null && ((int) $value < $range[0] || (int) $value > $range[1])) {
         $unit = isset($f['unit']) ? ' ' . $f['unit'] : '';
