@@ -192,7 +192,7 @@ def dump(lock):
 # high (a check box's is its label; a link in a sentence has none). A mobile browser widens
 # innerWidth to a page that is too wide: the width set is the measure.
 PHONE_FAULTS = """
-const faults = [], wide = arguments[0], said = e => e.tagName + '#' + e.id + ' ' + (e.textContent || e.name).trim().slice(0, 30);
+const faults = [], wide = arguments[0], said = e => e.tagName + '#' + e.id + ' ' + (e.textContent || e.name || '').trim().slice(0, 30);
 if (document.documentElement.scrollWidth > wide || innerWidth > wide) faults.push('the page scrolls sideways');
 const scrolled = e => { for (let p = e.parentElement; p !== document.body; p = p.parentElement)
   if (/auto|scroll/.test(getComputedStyle(p).overflowX)) return true; return false; };
@@ -219,10 +219,10 @@ def test_pages_need_the_login_and_show():
         statuses = [http(base + page, auth=False)[0], http(base + page)[0]]
         expected = [200 if page.endswith((".css", ".js")) else 401, 200]  # static files are open
         check(statuses == expected, f"{page} without a sign-in, with one: {statuses}")
-    # A defined filter that a route uses, for the Filters pages.
-    cfgctl(A, "set", "filter1.kind", "1", "filter1.term", "0x100-0x1FF", "filter1.name", "engine",
+    # A defined filter that a route uses, for the Filters pages; its long name has no break.
+    cfgctl(A, "set", "filter1.kind", "1", "filter1.term", "0x100-0x1FF", "filter1.name", "engine" * 5,
            "route1.filters", "1")
-    for page in PAGES + ["routes.php?route=1", "filters.php?filter=1"]:
+    for page in PAGES + ["routes.php?route=1", "routes.php?route=2", "filters.php?filter=1"]:
         for size, (width, height) in {"phone": (390, 844), "laptop": (1366, 900), "small-phone": (360, 740)}.items():
             metrics = {"width": width, "height": height, "deviceScaleFactor": 1,
                        "mobile": size != "laptop"}
@@ -239,14 +239,24 @@ def test_pages_need_the_login_and_show():
             with open(os.path.join(shots, f"{name}-{size}.png"), "wb") as file:
                 file.write(base64.b64decode(shot))
     DRIVER.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+    DRIVER.get(base + "routes.php?route=2")  # an unused route's page has none of its zeros
+    check(by_id("route-unused") and not DRIVER.find_elements(By.ID, "stat-can_packets")
+          and by_id("f-route2-destination").get_attribute("value") == "", "route 2 shows its zeros")
 
 
-# The Filters list adds a filter in the first free place; the filter's own page removes it.
+# The Filters list adds a filter in the first free place (when another client took that place
+# meanwhile, the input moves to the next one); the filter's own page removes it.
 def test_filter_added_from_the_list_and_removed_on_its_page():
     DRIVER.get(f"https://127.0.0.1:{SLOW}/filters.php")
-    n = by_id("form-add").find_element(By.NAME, "filter").get_attribute("value")
-    set_field(f"filter{n}.term", "0x200-0x2FF")
+    taken = by_id("form-add").find_element(By.NAME, "filter").get_attribute("value")
+    cfgctl(A, "set", f"filter{taken}.kind", "1", f"filter{taken}.term", "0x300-0x3FF")
+    set_field(f"filter{taken}.term", "0x200-0x2FF")
     press("btn-now")
+    n = by_id("form-add").find_element(By.NAME, "filter").get_attribute("value")
+    check(f"Filter {taken} was defined meanwhile" in banners().get("error", "") and
+          by_id(f"f-filter{n}-term").get_attribute("value") == "0x200-0x2FF", banners())
+    press("btn-now")
+    cfgctl(A, "set", f"filter{taken}.kind", "0")
     check(cfgctl(A, "get", f"filter{n}.kind", f"filter{n}.term").split() == ["1", "0x200-0x2FF"], "not added")
     DRIVER.get(by_id(f"filter-link-{n}").get_attribute("href"))
     press("btn-remove")
@@ -396,7 +406,8 @@ def test_second_browser_cannot_write_over_a_change():
 # is marked, the input kept. Values are set by script, as a post that no browser checked.
 FIELD_ERRORS = [("can.php", "can0.bitrate", "4999", "must be from 5000 to 1000000 bit/s", "baud rate not changed"),
                 ("can.php", "can0.bitrate", "abc", '"abc" is not a number', "baud rate not changed"),
-                ("system.php", "host.name", "x" * 10240, "Too long: at most 64 characters fit", None)]
+                ("system.php", "host.name", "x" * 10240, "Too long: at most 64 characters fit", None),
+                ("routes.php?route=1", "route1.destination", "198.51.100.30", "Give an IPv4 address and a port", None)]
 
 
 def test_field_errors_in_the_pages_words():

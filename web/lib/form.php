@@ -10,7 +10,8 @@ declare(strict_types=1);
  * value that cannot be read stands for), 'follows' (names whose write makes this one be
  * written again after them: cfgd changes it as a side effect), 'unless' => [name, value]
  * (not written when that field is to get that value), 'writeOnly' (cannot be read: written
- * when not empty), 'list' (id of a datalist of suggestions).
+ * when not empty), 'list' (id of a datalist of suggestions), 'pattern' (a regular expression
+ * that a changed value must match before cfgd is asked; else the field's 'refused' text).
  */
 function field(string $name, string $label, string $kind = 'text', array $extra = []): array
 {
@@ -62,7 +63,7 @@ final class Form
         $this->posted = array_filter($wanted, fn ($value, $name) => $value !== null
             && (!array_key_exists($name, $built) || $value !== $built[$name])
             && ($value !== '' || empty($this->fields[$name]['writeOnly'])), ARRAY_FILTER_USE_BOTH);
-        $done = !$this->tooLong($wanted) && (posted_mode() === 'trial'
+        $done = !$this->tooLong($wanted) && !$this->malformed($this->posted) && (posted_mode() === 'trial'
             ? $this->tryOut($wanted, $built) : $this->store($wanted, $built));
         if ($done) {
             $this->posted = null;  // show the device's values again
@@ -147,6 +148,26 @@ final class Form
             return false;
         }
         banner('error', TEXT['not_saved_too_long']);
+        return true;
+    }
+
+    /**
+     * True, with the fields marked, when a value the user changed does not match its field's
+     * 'pattern': the legacy cfgd takes such values without a word ("abc" frames per packet as
+     * 0, an address without its port as the broadcast address).
+     */
+    private function malformed(array $changes): bool
+    {
+        foreach ($changes as $name => $value) {
+            $pattern = $this->fields[$name]['pattern'] ?? null;
+            if ($pattern !== null && preg_match($pattern, (string) $value) !== 1) {
+                $this->errors[$name] = ['text' => refusal_text($name, (string) $value), 'detail' => null];
+            }
+        }
+        if ($this->errors === []) {
+            return false;
+        }
+        banner('error', TEXT['not_saved_malformed']);
         return true;
     }
 
@@ -364,12 +385,19 @@ final class Form
 
     /**
      * The two submit buttons, the token and the device's values the fields shown so far were
-     * built from (a save that finds them changed is refused): call it after the fields.
+     * built from (a save that finds them changed is refused): call it after the fields. With
+     * `$now`, only the button that applies at once, with that label: a trial cannot make a new
+     * item, as it must read the old value to put back, and there is none.
      */
-    public function buttons(): string
+    public function buttons(?string $now = null): string
     {
-        return csrf_field() . '<input type="hidden" name="action" value="save">'
-            . '<input type="hidden" name="built" value="' . h(json_encode($this->built, JSON_INVALID_UTF8_SUBSTITUTE)) . '">'
+        $fields = csrf_field() . '<input type="hidden" name="action" value="save">'
+            . '<input type="hidden" name="built" value="' . h(json_encode($this->built, JSON_INVALID_UTF8_SUBSTITUTE)) . '">';
+        if ($now !== null) {
+            return $fields . '<div class="buttons"><button type="submit" id="btn-now" name="mode" value="now" class="primary">'
+                . h($now) . '</button></div>';
+        }
+        return $fields
             . '<div class="buttons"><button type="submit" id="btn-trial" name="mode" value="trial" class="primary">'
             . h(TEXT['save_trial']) . '</button> <button type="submit" id="btn-now" name="mode" value="now">'
             . h(TEXT['save_now']) . '</button></div>'

@@ -73,7 +73,8 @@ function trial_section(array $trial, string $page): void
     values back in <strong><span id="trial-countdown" data-seconds="<?= $seconds ?>"><?= $seconds ?></span> s</strong>.</p>
   <ul id="trial-changes">
 <?php foreach ($trial['params'] as $name => $change) {
-    if ($change['new'] !== null) { ?>
+    // A value only written again after another (a route's state) is listed when it changed.
+    if ($change['new'] !== null && $change['new'] !== $change['old']) { ?>
     <li><?= h(param_title((string) $name)) ?>: <?= h(value_text((string) $name, $change['old'])) ?> → <?= h(value_text((string) $name, $change['new'])) ?></li>
 <?php }
 } ?>
@@ -122,6 +123,7 @@ function layout_start(string $page, string $title, bool $hasValues = true): bool
 <meta name="viewport" content="width=device-width, initial-scale=1">
 <title><?= h($title) ?> – <?= h($id['host.name'] ?? 'Gateway') ?></title>
 <link rel="stylesheet" href="style.css">
+<link rel="icon" href="favicon.svg" type="image/svg+xml">
 <script src="app.js" defer></script>
 </head>
 <body>
@@ -131,15 +133,13 @@ function layout_start(string $page, string $title, bool $hasValues = true): bool
     <p id="identity">Order no. <?= h($id['general.order_number'] ?? '–') ?> · Serial no. <?= h($id['general.serial_number'] ?? '–') ?></p>
   </div>
 <?php if (App::$user !== null) { ?>
-  <p class="user">Signed in as <span id="user"><?= h(App::$user) ?></span></p>
+  <div class="user"><p>Signed in as <span id="user"><?= h(App::$user) ?></span></p>
+    <form id="form-signout" method="post" action="signin.php"><?= csrf_field() ?>
+      <button type="submit" id="btn-signout" name="action" value="signout">Sign out</button></form></div>
 <?php } ?>
   <nav id="nav">
 <?php foreach (array_filter(PAGES, 'page_shown', ARRAY_FILTER_USE_KEY) as $file => $label) { ?>
     <a href="<?= h($file) ?>"<?= $file === $page ? ' aria-current="page"' : '' ?>><?= h($label) ?></a>
-<?php }
-if (App::$user !== null) { ?>
-    <form id="form-signout" method="post" action="signin.php"><?= csrf_field() ?>
-      <button type="submit" id="btn-signout" name="action" value="signout">Sign out</button></form>
 <?php } ?>
   </nav>
 </header>

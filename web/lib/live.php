@@ -41,6 +41,9 @@ function live_text(string $name, ?string $value): string
         str_starts_with($name, 'can') && str_ends_with($name, '.state') => label_of(CAN_STATES, $value),
         str_ends_with($name, '.state') => label_of(ROUTE_STATES, $value),
         str_ends_with($name, '.real_bitrate') => ($value ?? '–') . ' bit/s',
+        // A route's counter as the driver holds it, as /metrics shows it too.
+        preg_match('/^route[0-9]+\.(\w+)$/', $name, $m) === 1 && isset(ROUTE_COUNTERS[$m[1]])
+            && counter_value($value) !== null => (string) counter_value($value),
         default => $value ?? '–',
     };
 }

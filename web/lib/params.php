@@ -22,6 +22,11 @@ const ON_OFF = ['0' => 'off', '1' => 'on'];
 // An unused route slot reads protocol 0 and this destination.
 const UNUSED_DESTINATION = '0.0.0.0:0';
 const NOT_USED = 'not used';
+// Refusals of addresses in the pages' words: cfgd's are "false address 2 1" and the like.
+const IPV4 = ['refused' => 'Not an IPv4 address: four numbers from 0 to 255 with dots, such as 198.51.100.10.'];
+const IPV6 = ['refused' => 'Not an IPv6 address, such as 2001:db8::10 (:: for none).'];
+// A number that cfgd would take as 0 when it is none, or as its limit when it is negative.
+const DIGITS = ['pattern' => '/^[0-9]+$/'];
 const BIT_RATES = [10000, 20000, 50000, 100000, 125000, 250000, 500000, 800000, 1000000];
 
 const GUI_OPTIONS = [
@@ -30,7 +35,7 @@ const GUI_OPTIONS = [
     'gui.show_lan' => 'LAN',
     'gui.show_wlan' => 'WLAN',
     'gui.show_bt' => 'Bluetooth',
-    'gui.show_routing' => 'Routing',
+    'gui.show_routing' => 'Routes',
     'gui.show_filter' => 'Filters',
     'gui.show_contact' => 'Contact',
     'gui.show_support' => 'Support',
@@ -83,12 +88,12 @@ function can_fields(string $can): array
 function lan_fields(): array
 {
     return [
-        field('lan0.dhcp', 'Address', 'select', ['options' => ['0' => 'static (below)', '1' => 'from a DHCP server']]),
-        field('lan0.ipv4', 'IPv4 address'),
-        field('lan0.netmask', 'Netmask'),
-        field('lan0.ipv4_gateway', 'Gateway', 'text', ['help' => 'also the name server']),
-        field('lan0.ipv6', 'IPv6 address'),
-        field('lan0.ipv6_gateway', 'IPv6 gateway'),
+        field('lan0.dhcp', 'Address', 'select', ['options' => ['0' => 'static', '1' => 'from a DHCP server']]),
+        field('lan0.ipv4', 'IPv4 address', 'text', IPV4),
+        field('lan0.netmask', 'Netmask', 'text', ['refused' => 'Not a netmask, such as 255.255.255.0.']),
+        field('lan0.ipv4_gateway', 'Gateway', 'text', ['help' => 'also the name server'] + IPV4),
+        field('lan0.ipv6', 'IPv6 address', 'text', IPV6),
+        field('lan0.ipv6_gateway', 'IPv6 gateway', 'text', IPV6),
     ];
 }
 
@@ -100,12 +105,14 @@ function route_fields(int $n): array
         field("$r.type", 'Direction', 'select', ['options' => ROUTE_TYPES]),
         field("$r.interface", 'CAN interface', 'select', ['options' => array_combine(CAN_INTERFACES, CAN_INTERFACES)]),
         field("$r.protocol", 'Protocol', 'select', ['options' => ROUTE_PROTOCOLS + ['0' => '– not set –']]),
-        field("$r.destination", 'Destination', 'text', ['help' => 'address:port']),
-        field("$r.fpp", 'Frames per packet', 'number'),
+        field("$r.destination", 'Destination', 'text', ['help' => 'address:port',
+            'pattern' => '/^([0-9]{1,3}\.){3}[0-9]{1,3}:[0-9]{1,5}$/',
+            'refused' => 'Give an IPv4 address and a port, such as 198.51.100.20:5000.']),
+        field("$r.fpp", 'Frames per packet', 'number', DIGITS),
         field("$r.tcp_delay", 'TCP delay', 'bool'),
         field("$r.no_control", 'No control messages', 'bool'),
-        field("$r.display_index", 'Display index', 'number'),
-        field("$r.cdm", 'CDM', 'number', ['writeOnly' => true, 'help' => 'write only: empty leaves it as it is']),
+        field("$r.display_index", 'Display index', 'number', DIGITS),
+        field("$r.cdm", 'CDM', 'number', ['writeOnly' => true, 'help' => 'write only: empty leaves it as it is'] + DIGITS),
         field("$r.filters", 'Filters', 'filters'),
         field("$r.unify_filters", 'Unify filters', 'bool'),
         field("$r.join_filters", 'Join filters', 'bool'),
@@ -176,10 +183,26 @@ function all_fields(): array
     return $all;
 }
 
-/** A field's title, or the name itself for a parameter no form shows. */
+// Writable parameters that no form shows (a trial of cfgctl or of an upload may change them).
+const OTHER_TITLES = ['if_name' => 'Interface name', 'bit_timing' => 'Register timing',
+    'reapply' => 'Settings applied again', 'user_name' => 'User name', 'reset_stats' => 'Statistics reset'];
+
+/** A field's title; for a parameter no form shows, one in the same style ("can0: Register timing"). */
 function param_title(string $name): string
 {
-    return all_fields()[$name]['title'] ?? $name;
+    if (isset(all_fields()[$name])) {
+        return all_fields()[$name]['title'];
+    }
+    if (preg_match('/^([a-z]+?)([0-9]*)\.(\w+)$/', $name, $m) !== 1) {
+        return $name;
+    }
+    $where = match ($m[1]) {
+        'can' => "can{$m[2]}: ",
+        'lan' => 'LAN: ',
+        'route', 'filter' => ucfirst($m[1]) . " {$m[2]}: ",
+        default => '',
+    };
+    return $where . (OTHER_TITLES[$m[3]] ?? ucfirst(strtr($m[3], '_', ' ')));
 }
 
 /** A value as its field shows it: an option's label, on/off, with the unit. */
@@ -190,7 +213,7 @@ function value_text(string $name, ?string $value): string
         return $value ?? '–';
     }
     return match ($f['kind']) {
-        'select' => label_of($f['options'], $value),
+        'select' => $value === '' ? '(none)' : label_of($f['options'], $value),
         'bool' => label_of(ON_OFF, $value),
         'filters' => $value === '' || $value === '-1' ? 'none' : $value,
         default => $value === '' ? '(empty)' : $value . (isset($f['unit']) ? ' ' . $f['unit'] : ''),
@@ -209,6 +232,9 @@ function refusal_text(string $name, string $value): string
     if ($f['kind'] === 'number' && preg_match('/^-?[0-9]+$/', $value) !== 1) {
         return "\"$value\" is not a number: use digits only.";
     }
+    if (isset($f['pattern']) && str_starts_with($value, '-')) {
+        return "{$f['label']} cannot be negative.";
+    }
     if ($range !== null && ((int) $value < $range[0] || (int) $value > $range[1])) {
         $unit = isset($f['unit']) ? ' ' . $f['unit'] : '';
         return "{$f['label']} must be from {$range[0]} to {$range[1]}$unit.";
@@ -216,10 +242,13 @@ function refusal_text(string $name, string $value): string
     return $f['refused'] ?? 'The device does not take this value.';
 }
 
-/** Whether route `$n` is an unused slot (protocol 0, no destination), shown without its zeros. */
+/**
+ * Whether route `$n` is an unused slot (off, no destination), shown without its zeros. Not by
+ * its protocol: a slot's protocol 0, written back by a trial's rollback, reads 6 (TCP) then.
+ */
 function route_unused(array $v, int $n): bool
 {
-    return ($v["route$n.protocol"] ?? '0') === '0'
+    return in_array($v["route$n.state"] ?? null, [null, '0'], true)
         && in_array($v["route$n.destination"] ?? null, [null, UNUSED_DESTINATION], true);
 }
 

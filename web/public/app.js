@@ -31,9 +31,10 @@ document.addEventListener('DOMContentLoaded', function () {
         return;
       }
       form.classList.add('busy');
-      // The pressed button keeps its name and value (a disabled one would not be sent).
+      // The pressed button keeps its name and value (a disabled one would not be sent). Only a
+      // form's save says "Applying…": not a sign-out, a rollback or a removal.
       var button = event.submitter;
-      if (button && button.tagName === 'BUTTON') {
+      if (button && button.tagName === 'BUTTON' && button.name === 'mode') {
         button.textContent = 'Applying…';
       }
     });
@@ -117,8 +118,10 @@ function liveStatus(live) {
     });
     Object.keys(report.routes).forEach(function (n) {
       var route = report.routes[n];
+      // A row shown as not used has no live cells: it stays as loaded (a route set up since
+      // would show empty cells), until a reload shows what the route is now.
       var row = document.querySelector('tr[data-route="' + n + '"]');
-      if (row) {
+      if (row && row.querySelector('[data-live]')) {
         row.classList.toggle('off', !route.on);
       }
       var before = last[n];

@@ -5,13 +5,51 @@
 declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
 
+/**
+ * For a post of the add form: false while the place it names is still free. Else (another
+ * browser or cfgctl defined that filter since the list was loaded) true, after saying so and
+ * leaving the user's input for the add form of the first place free now.
+ */
+function place_taken(int $filter): bool
+{
+    $session = new_session();
+    try {
+        $session->start(0);
+        $defined = defined_filters($session->read('filter.list'));
+        $session->finish();
+    } catch (Cfgd\Error $e) {
+        banner_for($e);
+        return true;
+    }
+    if (!in_array($filter, $defined, true)) {
+        return false;
+    }
+    $free = array_values(array_diff(range(1, FILTER_COUNT), $defined));
+    $sent = is_array($_POST['v'] ?? null) ? $_POST['v'] : [];
+    if ($free !== []) {
+        $posted = [];
+        foreach (array_map(null, filter_fields($filter), filter_fields($free[0])) as [$from, $to]) {
+            if (is_string($sent[$from['name']] ?? null)) {
+                $posted[$to['name']] = $sent[$from['name']];
+            }
+        }
+        App::$leave['form'] = ['errors' => [], 'posted' => $posted];
+    }
+    banner('error', "Filter $filter was defined meanwhile (e.g. from another browser), so yours was not added: "
+        . ($free !== [] ? "it is in the form below as filter {$free[0]} now; check it and add it again."
+            : 'all ' . FILTER_COUNT . ' filters are defined now.'));
+    return true;
+}
+
 $page = 'filters.php';
 $range = ['options' => ['min_range' => 1, 'max_range' => FILTER_COUNT]];
 // ?filter=N: that filter's page; a post to the list names its filter (added or removed) itself.
 $filter = filter_var($_GET['filter'] ?? $_POST['filter'] ?? null, FILTER_VALIDATE_INT, $range);
 $filter = $filter === false ? null : $filter;
 $action = posted_action();
-if ($action === 'save' && $filter !== null) {
+if ($action === 'save' && $filter !== null && ($_POST['add'] ?? '') === '1' && place_taken($filter)) {
+    // Nothing is written over the filter defined meanwhile.
+} elseif ($action === 'save' && $filter !== null) {
     (new Form(filter_fields($filter)))->handle();
 } elseif ($action === 'remove' && $filter !== null) {
     $session = new_session();
@@ -84,19 +122,20 @@ if ($shown && $filter === null) {
 <?php } else {
     $n = $free[0];
     $form = new Form(filter_fields($n));
-    // A new filter's form starts as an 11-bit range that passes.
+    // A new filter's form starts as an 11-bit range that passes; kind "none" would add nothing.
     $form->propose(["filter$n.kind" => '1', "filter$n.type" => '1']);
+    unset($form->fields["filter$n.kind"]['options']['0']);
     ?>
 <form id="form-add" method="post" action="filters.php">
 <fieldset class="card">
   <legend>Add a filter (number <?= $n ?>)</legend>
-  <input type="hidden" name="filter" value="<?= $n ?>">
+  <input type="hidden" name="filter" value="<?= $n ?>"><input type="hidden" name="add" value="1">
 <?php foreach ($form->fields as $name => $field) { ?>
   <?= $form->row($name, []) ?>
 <?php } ?>
   <p class="help">Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.</p>
 </fieldset>
-<?= $form->buttons() ?>
+<?= $form->buttons("Add filter $n") ?>
 </form>
 <?php
     }

@@ -4,6 +4,7 @@
 
 declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
+require __DIR__ . '/../lib/live.php';
 
 $page = 'routes.php';
 $route = filter_var($_GET['route'] ?? null, FILTER_VALIDATE_INT,
@@ -64,7 +65,7 @@ if ($shown && $route === null) {
   <h2>All routes</h2>
   <div class="scroll"><table id="routes" class="cards">
 <thead><tr><th>Route</th><th>Name</th><th>State</th><th>Direction</th><th>Interface</th>
-  <th>Protocol</th><th>Destination</th><th class="num">FPP</th><th>Filters</th></tr></thead>
+  <th>Protocol</th><th>Destination</th><th class="num">Frames per packet</th><th>Filters</th></tr></thead>
 <tbody>
 <?php for ($n = 1; $n <= ROUTE_COUNT; $n++) {
 $r = "route$n";
@@ -77,7 +78,7 @@ $unused = route_unused($v, $n); ?>
     <?= cell('Interface', $unused ? '' : $v["$r.interface"]) ?>
     <?= cell('Protocol', $unused ? '' : label_of(ROUTE_PROTOCOLS, $v["$r.protocol"])) ?>
     <?= cell('Destination', $unused ? '' : $v["$r.destination"]) ?>
-    <?= cell('FPP', $unused ? '' : $v["$r.fpp"], '', 'num') ?>
+    <?= cell('Frames per packet', $unused ? '' : $v["$r.fpp"], '', 'num') ?>
     <?= cell('Filters', $unused ? '' : ($v["$r.filters"] === '-1' ? '–' : $v["$r.filters"])) ?>
   </tr>
 <?php } ?>
@@ -88,8 +89,18 @@ $unused = route_unused($v, $n); ?>
 <?php
 } elseif ($shown) {
     $r = "route$route";
+    // An unused route shows none of its zeros: its form starts as a running route on can0 over
+    // UDP whose destination is still to be given, and it has no statistics.
+    $unused = route_unused($v, $route);
+    if ($unused) {
+        $form->propose(["$r.state" => '2', "$r.interface" => CAN_INTERFACES[0], "$r.protocol" => '17',
+            "$r.destination" => '']);
+    }
     ?>
 <p><a id="link-all-routes" class="button" href="routes.php">All routes</a></p>
+<?php if ($unused) { ?>
+<p id="route-unused">Route <?= $route ?> is not used. To set it up, give at least its destination, then save.</p>
+<?php } ?>
 <form id="form-settings" method="post" action="routes.php?route=<?= $route ?>">
 <fieldset class="card">
   <legend>Route <?= $route ?></legend>
@@ -97,8 +108,10 @@ $unused = route_unused($v, $n); ?>
 'no_control', 'display_index', 'cdm'] as $p) { ?>
   <?= $form->row("$r.$p", $v) ?>
 <?php } ?>
-  <?= info_row('Retries', isset($v["$r.retry_count"], $v["$r.retry_delay"])
-  ? $v["$r.retry_count"] . ' × every ' . $v["$r.retry_delay"] . ' ms' : null, 'retries') ?>
+<?php if (!$unused) { ?>
+  <?= info_row('Retries', !isset($v["$r.retry_count"], $v["$r.retry_delay"]) ? null
+  : ($v["$r.retry_count"] === '0' ? 'none' : $v["$r.retry_count"] . ' × every ' . $v["$r.retry_delay"] . ' ms'), 'retries') ?>
+<?php } ?>
 </fieldset>
 <fieldset class="card">
   <legend>Filters of route <?= $route ?></legend>
@@ -110,10 +123,11 @@ $unused = route_unused($v, $n); ?>
 </fieldset>
 <?= $form->buttons() ?>
 </form>
+<?php if (!$unused) { ?>
 <section class="card">
   <h2>Statistics of route <?= $route ?></h2>
   <?= facts(array_combine(array_values(ROUTE_COUNTERS),
-  array_map(fn ($c) => $v["$r.$c"], array_keys(ROUTE_COUNTERS))),
+  array_map(fn ($c) => live_text("$r.$c", $v["$r.$c"]), array_keys(ROUTE_COUNTERS))),
   array_combine(array_values(ROUTE_COUNTERS), array_map(fn ($c) => "stat-$c", array_keys(ROUTE_COUNTERS)))) ?>
   <form id="form-reset" method="post" action="routes.php?route=<?= $route ?>">
 <?= csrf_field() ?>
@@ -121,6 +135,6 @@ $unused = route_unused($v, $n); ?>
 <button type="submit" id="btn-reset-stats">Reset statistics</button>
   </form>
 </section>
-<?php
+<?php }
 }
 layout_end();

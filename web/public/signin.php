@@ -63,6 +63,7 @@ if (App::$ended) {
 <meta name="viewport" content="width=device-width, initial-scale=1">
 <title>Sign in – CAN gateway</title>
 <link rel="stylesheet" href="style.css">
+<link rel="icon" href="favicon.svg" type="image/svg+xml">
 </head>
 <body>
 <header class="top">

@@ -18,6 +18,7 @@ try {
 } catch (Cfgd\Error $e) {
     http_response_code(503);
     $answer = ['error' => $e instanceof Cfgd\NotRunning ? TEXT['not_running']
-        : ($e instanceof Cfgd\Busy ? TEXT['busy'] : sprintf(TEXT['no_answer'], $e->getMessage()))];
+        : ($e instanceof Cfgd\Busy ? TEXT['busy']
+        : sprintf(TEXT[$e instanceof Cfgd\NoAnswer ? 'no_answer' : 'failed'], $e->getMessage()))];
 }
 echo json_encode($answer, JSON_UNESCAPED_UNICODE | JSON_UNESCAPED_SLASHES | JSON_INVALID_UTF8_SUBSTITUTE);

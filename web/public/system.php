@@ -86,7 +86,7 @@ function apply_upload(string $mode): ?string
     } elseif ($status === Cfgd\Trial::EXIT_NOT_REACHABLE || $status === Cfgd\Trial::EXIT_NO_ANSWER) {
         banner('error', TEXT['not_running']);
     } else {
-        banner('error', "$name cannot be applied: see cfgctl's message below.");
+        banner('error', "Nothing of $name was applied; the reason is below.");
     }
     return $lines;
 }
