@@ -189,13 +189,13 @@ class CfgctlAction(ActionBase):
         """Reports `changes` (changed, their lines, the diff); True when they are to be written:
         some, and not in check mode."""
         result.update(changed=bool(changes), changes=change_lines(changes))
-        if self._play_context.diff and changes:
+        if self._task.diff and changes:
             result['diff'] = diff_of(changes, task_vars.get('inventory_hostname', 'device'))
         if not changes:
             result['msg'] = 'every value is as given: nothing written'
-        elif self._play_context.check_mode:
+        elif self._task.check_mode:
             result['msg'] = '%d values would change' % len(changes)
-        return bool(changes) and not self._play_context.check_mode
+        return bool(changes) and not self._task.check_mode
 
 
 def name_error_text(error):
