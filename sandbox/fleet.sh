@@ -36,7 +36,7 @@ with a build (CFGD_BUILD_DIR, default <repo>/build: targets cfgd, cfgctl, cfgd_g
 
 Device K: host name gw-K, address $NET_PREFIX.(10+K)/24 on its eth0 (a veth to the bridge
 $BRIDGE of the controller, $CONTROLLER_ADDRESS), namespaces of its own, the single sandbox's
-device (sandbox/sandbox.sh help) with its own cfgd, and dropbear on its address, port 22, that
+device (sandbox/sandbox.sh help) with its own cfgd, and dropbear on port 22 (any address), that
 lets in root with the run's key only; an SSH session finds cfgctl in PATH.
 
 In the controller:
