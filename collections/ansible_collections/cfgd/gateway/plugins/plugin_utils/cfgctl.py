@@ -17,6 +17,12 @@ EXIT_OK, EXIT_REFUSED, EXIT_USAGE, EXIT_NOT_REACHABLE = 0, 1, 2, 3
 EXIT_NO_ANSWER, EXIT_TRIAL_PENDING, EXIT_NO_TRIAL = 4, 5, 6
 # The seconds cfgctl takes for a trial (--trial) and for waiting on the daemon (-t).
 TRIAL_SECONDS, TIMEOUT_SECONDS = (5, 3600), (1, 3600)
+# Why cfgd could not be used (cfgctl's "unreachable"; older ones do not say).
+UNREACHABLE = {
+    'not_running': 'it is not running (no lock file or queue)',
+    'busy': 'another client held its session for the whole time-out (the timeout option)',
+    None: 'it is not running, or another client held its session for the whole time-out',
+}
 # The shell's: no such program, or not executable.
 SHELL_NOT_FOUND = (126, 127)
 
@@ -126,9 +132,8 @@ class Cfgctl:
                                     'be too old for --json %s' % (self._program, words[0], rc, words[0]),
                                     result=dict(rc=rc, stderr=err))
         if rc == EXIT_NOT_REACHABLE:
-            raise AnsibleActionFail('cfgd is not reachable on the device: it is not running (no lock file '
-                                    'or queue), or another client held its session for the whole '
-                                    'time-out (the timeout option)', result=dict(rc=rc, stderr=err))
+            raise AnsibleActionFail('cfgd is not reachable on the device: %s' % UNREACHABLE.get(
+                report.get('unreachable'), UNREACHABLE[None]), result=dict(rc=rc, stderr=err))
         if rc == EXIT_NO_ANSWER:
             raise AnsibleActionFail('cfgd did not answer in time (the timeout option): it is busy or hung',
                                     result=dict(rc=rc, stderr=err))
