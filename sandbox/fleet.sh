@@ -36,7 +36,7 @@ with a build (CFGD_BUILD_DIR, default <repo>/build: targets cfgd, cfgctl, cfgd_g
 
 Device K: host name gw-K, address $NET_PREFIX.(10+K)/24 on its eth0 (a veth to the bridge
 $BRIDGE of the controller, $CONTROLLER_ADDRESS), namespaces of its own, the single sandbox's
-device (sandbox/sandbox.sh help) with its own cfgd, and dropbear on its address, port 22, that
+device (sandbox/sandbox.sh help) with its own cfgd, and dropbear on port 22 (any address), that
 lets in root with the run's key only; an SSH session finds cfgctl in PATH.
 
 In the controller:
@@ -331,14 +331,14 @@ device() {
     install_cfgctl_wrapper "${environment[@]}"
     # dropbear with the environment of a device's init, not the simulation's.
     env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin /usr/sbin/dropbear -F -E -s -g -j -k -m \
-        -r "$DEVICE_FILES/host_key" -p "$DEVICE_ADDRESS:22" -P /run/dropbear.pid \
+        -r "$DEVICE_FILES/host_key" -p 22 -P /run/dropbear.pid \
         </dev/null 2>>"$IN_STATE/ssh.log" &
     export "${environment[@]}"
     cd /tmp
     "$SB_BUILD/cfgd" </dev/null >>"$IN_STATE/cfgd.log" 2>&1 &
     local tenths
     for ((tenths = 0; tenths < 300; ++tenths)); do
-        [ -s /tmp/kiv_lock ] && ss -Hltn "src $DEVICE_ADDRESS:22" | grep -q . && break
+        [ -s /tmp/kiv_lock ] && ss -Hltn "sport = :22" | grep -q . && break
         /bin/sleep 0.1
     done
     [ -s /tmp/kiv_lock ] || fleet_die "gw-$k: cfgd did not start (see its cfgd.log)"

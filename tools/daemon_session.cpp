@@ -110,6 +110,9 @@ int DaemonSession::check(Status status, bool inSession) {
     if (status == Status::Ok) return 0;
     // Whenever the daemon catches up, this closes the session and drops its writes.
     if (inSession && status != Status::Busy) cfgd_.sendWithoutWaiting(ABORT_SESSION);
+    if (report_ != nullptr && (status == Status::Busy || status == Status::NoLockFile ||
+                               status == Status::BadLockFile || status == Status::NoQueue))
+        report_->unreachable = status == Status::Busy ? "busy" : "not_running";
     return reportFailure(status, cfgd_, lockPath_);
 }
 

@@ -142,6 +142,7 @@ const char* statusWord(int exitStatus) {
 std::string reportJson(int exitStatus, const Report& report) {
     std::string json = "{\"status\":" + jsonString(statusWord(exitStatus)) +
                        ",\"exit\":" + std::to_string(exitStatus);
+    if (report.unreachable != nullptr) json += ",\"unreachable\":" + jsonString(report.unreachable);
     if (report.hasTrial) json += ",\"trial\":" + trialJson(report);
     if (report.refusal) json += ",\"refusal\":" + refusalJson(*report.refusal);
     if (report.hasValues) {

@@ -43,6 +43,7 @@ struct Report {
     std::vector<std::pair<const char*, std::size_t>> counts;  // in the order given
     bool hasValues = false;                                   // get and dump
     std::vector<ReadValue> values;
+    const char* unreachable = nullptr;  // status 3's reason: "not_running" or "busy"
 
     void setTrial(const TrialRecord& trial, long long left);
     void refuse(Refusal refusal);

@@ -158,6 +158,10 @@ TEST(CfgctlJson, ReportsTrialRefusalAndCounts) {
         "\"4 2 2\"},\"value\":\"4999\",\"text\":\"too \\\"low\\\"\",\"line\":3},"
         "\"counts\":{\"written\":1,\"read_only\":2}}");
     EXPECT_EQ(cfgctl::reportJson(cfgctl::kExitNoTrial, {}), "{\"status\":\"no_trial\",\"exit\":6}");
+    cfgctl::Report busy;
+    busy.unreachable = "busy";
+    EXPECT_EQ(cfgctl::reportJson(cfgctl::kExitNoDaemon, busy),
+              "{\"status\":\"not_reachable\",\"exit\":3,\"unreachable\":\"busy\"}");
 }
 
 TEST(CfgctlJson, ReportsValuesAndRefusedNames) {

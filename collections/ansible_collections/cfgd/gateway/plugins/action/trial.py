@@ -8,8 +8,11 @@ __metaclass__ = type
 import time
 
 from ansible.errors import AnsibleActionFail, AnsibleConnectionFailure
+from ansible.utils.display import Display
 
 from ansible_collections.cfgd.gateway.plugins.plugin_utils import cfgctl as util
+
+display = Display()
 
 
 class ActionModule(util.CfgctlAction):
@@ -20,7 +23,7 @@ class ActionModule(util.CfgctlAction):
         state = args['state']
         if state == 'pending':
             rc, report = self._reach(device, args['wait'], max(1, args['delay']))
-        elif self._play_context.check_mode:
+        elif self._task.check_mode:
             rc, report = device.run(['trial'])
         else:
             rc, report = device.run(['confirm' if state == 'confirmed' else 'rollback'])
@@ -46,7 +49,7 @@ class ActionModule(util.CfgctlAction):
         result['changes'] = util.change_lines(changes)
         if state == 'pending':
             result.update(pending=True, seconds_left=trial.get('seconds_left'), msg=util.trial_text(trial))
-        elif self._play_context.check_mode:
+        elif self._task.check_mode:
             result.update(pending=True, changed=True, msg='the pending trial would be %s' % state.replace('_', ' '))
         else:
             result.update(changed=True, counts=report.get('counts'),
@@ -65,5 +68,5 @@ class ActionModule(util.CfgctlAction):
             except (AnsibleConnectionFailure, AnsibleActionFail) as error:
                 if time.time() + delay > deadline:
                     raise
-                self._display.vvv('cfgd.gateway.trial: device not answering yet (%s)' % error)
+                display.vvv('cfgd.gateway.trial: device not answering yet (%s)' % error)
                 time.sleep(delay)

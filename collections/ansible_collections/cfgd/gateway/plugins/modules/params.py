@@ -36,6 +36,9 @@ options:
         rolled back by the device at the deadline unless M(cfgd.gateway.trial) confirms it.
       - The trial is left pending; check that the device still answers with
         M(cfgd.gateway.trial) C(state=pending) and C(wait), then confirm.
+      - A change of the address that the task connects to cuts its SSH connection before the
+        answer comes back; the collection's README.md shows a play for it (SSH keepalives,
+        C(ignore_unreachable), check and confirm at the new address).
     type: int
 extends_documentation_fragment:
   - cfgd.gateway.cfgctl

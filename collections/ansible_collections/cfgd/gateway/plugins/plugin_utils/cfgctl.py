@@ -17,6 +17,12 @@ EXIT_OK, EXIT_REFUSED, EXIT_USAGE, EXIT_NOT_REACHABLE = 0, 1, 2, 3
 EXIT_NO_ANSWER, EXIT_TRIAL_PENDING, EXIT_NO_TRIAL = 4, 5, 6
 # The seconds cfgctl takes for a trial (--trial) and for waiting on the daemon (-t).
 TRIAL_SECONDS, TIMEOUT_SECONDS = (5, 3600), (1, 3600)
+# Why cfgd could not be used (cfgctl's "unreachable"; older ones do not say).
+UNREACHABLE = {
+    'not_running': 'it is not running (no lock file or queue)',
+    'busy': 'another client held its session for the whole time-out (the timeout option)',
+    None: 'it is not running, or another client held its session for the whole time-out',
+}
 # The shell's: no such program, or not executable.
 SHELL_NOT_FOUND = (126, 127)
 
@@ -126,9 +132,8 @@ class Cfgctl:
                                     'be too old for --json %s' % (self._program, words[0], rc, words[0]),
                                     result=dict(rc=rc, stderr=err))
         if rc == EXIT_NOT_REACHABLE:
-            raise AnsibleActionFail('cfgd is not reachable on the device: it is not running (no lock file '
-                                    'or queue), or another client held its session for the whole '
-                                    'time-out (the timeout option)', result=dict(rc=rc, stderr=err))
+            raise AnsibleActionFail('cfgd is not reachable on the device: %s' % UNREACHABLE.get(
+                report.get('unreachable'), UNREACHABLE[None]), result=dict(rc=rc, stderr=err))
         if rc == EXIT_NO_ANSWER:
             raise AnsibleActionFail('cfgd did not answer in time (the timeout option): it is busy or hung',
                                     result=dict(rc=rc, stderr=err))
@@ -189,13 +194,13 @@ class CfgctlAction(ActionBase):
         """Reports `changes` (changed, their lines, the diff); True when they are to be written:
         some, and not in check mode."""
         result.update(changed=bool(changes), changes=change_lines(changes))
-        if self._play_context.diff and changes:
+        if self._task.diff and changes:
             result['diff'] = diff_of(changes, task_vars.get('inventory_hostname', 'device'))
         if not changes:
             result['msg'] = 'every value is as given: nothing written'
-        elif self._play_context.check_mode:
+        elif self._task.check_mode:
             result['msg'] = '%d values would change' % len(changes)
-        return bool(changes) and not self._play_context.check_mode
+        return bool(changes) and not self._task.check_mode
 
 
 def name_error_text(error):
