@@ -54,9 +54,9 @@ function token_accepted(): bool
  * One metric's HELP (naming the values' cfgctl name `$source`), TYPE and samples: label value =>
  * sample value.
  */
-function metric(array $spec, string $source, string $label, array $samples): string
+function metric(array $family, string $source, string $label, array $samples): string
 {
-    [$name, $type, $help] = $spec;
+    [$name, $type, $help] = $family;
     $text = "# HELP $name $help (cfgctl: $source)\n# TYPE $name $type\n";
     foreach ($samples as $value => $sample) {
         $text .= sprintf("%s{%s=\"%s\"} %d\n", $name, $label, $value, $sample);
@@ -103,18 +103,18 @@ header('Content-Type: text/plain; version=0.0.4; charset=utf-8');
 echo "# HELP cfgd_up Whether cfgd answered (1) or not (0).\n# TYPE cfgd_up gauge\n",
     'cfgd_up ', $values === null ? 0 : 1, "\n";
 if ($values !== null) {
-    foreach (METRIC_CAN as $p => $spec) {
+    foreach (METRIC_CAN as $p => $family) {
         $samples = [];
         foreach (CAN_INTERFACES as $can) {
             $samples[$can] = $values["$can.$p"];
         }
-        echo metric($spec, "canN.$p", 'interface', array_filter($samples, 'is_int'));
+        echo metric($family, "canN.$p", 'interface', array_filter($samples, 'is_int'));
     }
-    foreach (METRIC_ROUTE as $p => $spec) {
+    foreach (METRIC_ROUTE as $p => $family) {
         $samples = [];
         for ($n = 1; $n <= ROUTE_COUNT; $n++) {
             $samples[(string) $n] = $values["route$n.$p"];
         }
-        echo metric($spec, "routeN.$p", 'route', array_filter($samples, 'is_int'));
+        echo metric($family, "routeN.$p", 'route', array_filter($samples, 'is_int'));
     }
 }
