@@ -69,6 +69,12 @@ def trial_text(trial):
     return 'a trial is pending (%s s left: %s)' % (trial.get('seconds_left'), changes or 'no values')
 
 
+def foreign_trial_text(what, trial):
+    """`what` stopped by a pending trial that this task did not start."""
+    return '%s: %s on the device, started by another task or user: confirm it (cfgd.gateway.trial ' \
+        'state=confirmed) or roll it back first' % (what, trial_text(trial))
+
+
 def diff_of(changes, header):
     """Ansible's before/after form of `changes` [(name, old, new)]: one "name: value" line each."""
     return dict(before_header='%s (cfgd)' % header, after_header='%s (as the task wants it)' % header,
@@ -145,8 +151,7 @@ class Cfgctl:
     def fail(self, what, rc, report, **extra):
         """The failure for an outcome that the module does not take."""
         if rc == EXIT_TRIAL_PENDING and 'trial' in report:
-            text = '%s: %s on the device, started by another task or user: confirm it ' \
-                   '(cfgd.gateway.trial state=confirmed) or roll it back first' % (what, trial_text(report['trial']))
+            text = foreign_trial_text(what, report['trial'])
         elif rc == EXIT_REFUSED and report.get('refusal') and report['refusal'].get('param'):
             refusal = report['refusal']
             param = refusal['param']
@@ -224,9 +229,8 @@ def refuse_read_only(values):
 def refuse_pending_trial(report, what):
     """Writes wait for a pending trial, which another task or user may have started."""
     if 'trial' in report:
-        raise AnsibleActionFail('%s: %s on the device, started by another task or user: confirm it '
-                                '(cfgd.gateway.trial state=confirmed) or roll it back first (nothing was '
-                                'written)' % (what, trial_text(report['trial'])), result=dict(trial=report['trial']))
+        raise AnsibleActionFail(foreign_trial_text(what, report['trial']) + ' (nothing was written)',
+                                result=dict(trial=report['trial']))
 
 
 def plan(wanted, values):
