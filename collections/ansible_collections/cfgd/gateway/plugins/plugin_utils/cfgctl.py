@@ -61,11 +61,15 @@ def shown(value):
     return value.replace('\n', '\\n').replace('\r', '\\r')
 
 
+def trial_changes(trial):
+    """A trial's parameters that it changes, as [(name or "F1 F2 F3", old, new)]."""
+    return [(p.get('name') or ' '.join(map(str, p['address'])), p.get('old'), p.get('new'))
+            for p in trial.get('params', []) if p.get('new') is not None]
+
+
 def trial_text(trial):
     """A pending trial for people: its time left and each parameter's old -> new."""
-    changes = ', '.join('%s %s -> %s' % (p.get('name') or ' '.join(map(str, p['address'])),
-                                         shown(p.get('old')), shown(p.get('new')))
-                        for p in trial.get('params', []) if p.get('new') is not None)
+    changes = ', '.join('%s %s -> %s' % (n, shown(o), shown(v)) for n, o, v in trial_changes(trial))
     return 'a trial is pending (%s s left: %s)' % (trial.get('seconds_left'), changes or 'no values')
 
 
