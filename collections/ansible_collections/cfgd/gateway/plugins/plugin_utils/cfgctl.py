@@ -152,6 +152,13 @@ class Cfgctl:
         self.stderr = err
         return rc, report
 
+    def dump(self):
+        """cfgctl dump's report: every parameter's value, and the pending trial."""
+        rc, report = self.run(['dump'])
+        if rc != EXIT_OK or 'values' not in report:
+            self.fail('reading the parameters', rc, report)
+        return report
+
     def fail(self, what, rc, report, **extra):
         """The failure for an outcome that the module does not take."""
         if rc == EXIT_TRIAL_PENDING and 'trial' in report:
