@@ -48,8 +48,7 @@ install(DIRECTORY web/public web/lib DESTINATION ${CFGD_SHARE_DIR}/web COMPONENT
 install(PROGRAMS web/cfgd-web-passwd web/cfgd-web-cert DESTINATION ${CMAKE_INSTALL_SBINDIR}
         COMPONENT cfgd-web)
 # The snippet names the installed document root, include path, cfgctl and cfgd-web-cert; the
-# sandbox's web
-# server uses the source tree's as it stands.
+# sandbox's web server uses the source tree's as it stands.
 file(READ ${PROJECT_SOURCE_DIR}/web/lighttpd/cfgd-web.conf CFGD_WEB_CONF)
 set(CFGD_WEB_CONF_DIR ${CFGD_SYSCONF_DIR}/lighttpd/conf-available)
 string(REPLACE "\"/usr/share/cfgd/web/public\"   # web/public of the source tree"

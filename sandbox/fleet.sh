@@ -95,7 +95,7 @@ fleet_main() {
     (($#)) && command=("$(absolute_command "$1")" "${@:2}")
     SB_REPO=$REPO SB_BUILD=$BUILD_DIR SB_CWD=$PWD SB_HOST_NET=$(readlink /proc/self/ns/net) \
         setpriv --pdeathsig KILL -- \
-        unshare --mount --uts --ipc --net --pid --fork --kill-child --propagation private -- \
+        unshare "${NAMESPACES[@]}" -- \
         /bin/bash "$FLEET_SELF" __controller "$count" "${command[@]}" 0<&0 &
     local child=$!
     trap ':' INT  # the foreground command gets it; the sandbox ends with that command
@@ -265,7 +265,7 @@ start_devices() {
         mkdir -p "$FLEET_DIR/gw-$k"
         SB_MODE=fleet SB_STATE=$FLEET_DIR/gw-$k SB_REPO=$SB_REPO SB_BUILD=$SB_BUILD \
             SB_HOST_NET=$own SB_MODULE=1 SB_FLASH=0 \
-            unshare --mount --uts --ipc --net --pid --fork --kill-child --propagation private -- \
+            unshare "${NAMESPACES[@]}" -- \
             /bin/bash "$FLEET_SELF" __device "$k" </dev/null 2>"$FLEET_DIR/gw-$k/setup.log" &
         pids[k]=$!
     done

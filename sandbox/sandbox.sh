@@ -22,6 +22,9 @@ readonly IN_LOG=$IN_STATE/commands.log
 readonly MARKER=/etc/cfgd-sandbox  # holds the sandbox's token; tests look for it
 readonly PROC_PID_LINKS=8192       # /proc/1 .. /proc/8192 lead into $IN_PROC
 
+# unshare's options for a sandbox's namespaces (the fleet's controller and devices too); with
+# --kill-child the first process inside dies with unshare.
+readonly NAMESPACES=(--mount --uts --ipc --net --pid --fork --kill-child --propagation private)
 # Programs the daemon runs through the shell; each is replaced by the logging stub.
 readonly STUBBED_PROGRAMS=(ip ifconfig route ntpd killall modprobe rmmod reboot sync sleep)
 # Of these, the stub runs the real net-tools after logging, inside the sandbox's network
@@ -181,7 +184,7 @@ start_sandbox() {
         SB_HOST_NET=$(readlink /proc/self/ns/net) SB_MODULE=${CFGD_SANDBOX_MODULE:-1} \
         SB_FLASH=${CFGD_SANDBOX_FLASH:-0} \
         setpriv --pdeathsig KILL -- \
-        unshare --mount --uts --ipc --net --pid --fork --kill-child --propagation private -- \
+        unshare "${NAMESPACES[@]}" -- \
         /bin/bash "$SELF" __inside "$@" 0<&0 &
     sandbox_pid=$!
 }

@@ -64,6 +64,11 @@ check "stop: process, lock file, queue and semaphores gone" eval '[ "$rc" = 0 ] 
     has stopped && gone "$pid" && [ ! -e "$lock" ] && keys_gone'
 run status
 check "status: not running (3)" eval '[ "$rc" = 3 ] && has "not running"'
+printf 'planted, by, secret\n' >"$work/planted" && ln -s "$work/planted" "$lock"
+run status
+check "status: a planted lock file's words are no pid" eval '[ "$rc" = 3 ] &&
+    ! grep -qs secret "$work/cfgd.pid"'
+rm -f "$lock"
 echo "$defaults CONFIG=/mnt/user/$(printf '%0300d' 0)" >/etc/default/cfgd
 run start
 check "failed start: its exit status and error" eval '[ "$rc" != 0 ] &&

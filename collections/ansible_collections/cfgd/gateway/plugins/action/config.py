@@ -40,9 +40,7 @@ class ActionModule(util.CfgctlAction):
                 text = to_text(source.read(), errors='surrogate_or_strict')
         lines = parse_dump(text)
 
-        rc, report = device.run(['dump'])
-        if rc != util.EXIT_OK or 'values' not in report:
-            device.fail('reading the parameters', rc, report)
+        report = device.dump()
         by_name = dict((v['name'], v) for v in report['values'])
         by_address = dict((' '.join(map(str, v['address'])), v) for v in report['values'])
         wanted, values, read_only = [], [], []

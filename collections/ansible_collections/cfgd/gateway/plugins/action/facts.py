@@ -9,9 +9,7 @@ from ansible_collections.cfgd.gateway.plugins.plugin_utils import cfgctl as util
 
 class ActionModule(util.CfgctlAction):
     def act(self, result, args, device, task_vars):
-        rc, report = device.run(['dump'])
-        if rc != util.EXIT_OK or 'values' not in report:
-            device.fail('reading the parameters', rc, report)
+        report = device.dump()
         config, status, refused = {}, {}, {}
         for value in report['values']:
             if value.get('value') is None:

@@ -44,9 +44,7 @@ class ActionModule(util.CfgctlAction):
         if rc == util.EXIT_NO_TRIAL:
             result['msg'] = 'no trial pending' + ('' if state == 'pending' else ': nothing to do')
             return result
-        changes = [(p.get('name') or ' '.join(map(str, p['address'])), p.get('old'), p.get('new'))
-                   for p in trial.get('params', []) if p.get('new') is not None]
-        result['changes'] = util.change_lines(changes)
+        result['changes'] = util.change_lines(util.trial_changes(trial))
         if state == 'pending':
             result.update(pending=True, seconds_left=trial.get('seconds_left'), msg=util.trial_text(trial))
         elif self._task.check_mode:

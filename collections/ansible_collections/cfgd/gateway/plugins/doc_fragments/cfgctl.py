@@ -1,4 +1,6 @@
-# The options by which every module of the collection reaches cfgctl and the daemon.
+# What every module of the collection shares: the options by which it reaches cfgctl and the
+# daemon, its notes, and the attributes and authors that are the same for all (a module's own
+# attributes, e.g. check_mode's description, are merged over these).
 from __future__ import absolute_import, division, print_function
 
 __metaclass__ = type
@@ -27,4 +29,11 @@ notes:
   - Fails with a message, not a traceback, when cfgctl is missing on the device (the shell's
     status 127), cfgd is not running or busy with another client for the whole time-out, cfgd
     does not answer in time, or a trial started by someone else is pending.
+attributes:
+  check_mode:
+    support: full
+  platform:
+    platforms: posix
+author:
+  - cfgd developers
 '''

@@ -30,14 +30,8 @@ options:
 extends_documentation_fragment:
   - cfgd.gateway.cfgctl
 attributes:
-  check_mode:
-    support: full
   diff_mode:
     support: full
-  platform:
-    platforms: posix
-author:
-  - cfgd developers
 '''
 
 EXAMPLES = r'''

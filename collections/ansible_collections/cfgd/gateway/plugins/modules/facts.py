@@ -13,14 +13,8 @@ options: {}
 extends_documentation_fragment:
   - cfgd.gateway.cfgctl
 attributes:
-  check_mode:
-    support: full
   diff_mode:
     support: none
-  platform:
-    platforms: posix
-author:
-  - cfgd developers
 '''
 
 EXAMPLES = r'''

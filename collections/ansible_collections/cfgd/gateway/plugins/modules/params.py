@@ -44,15 +44,10 @@ extends_documentation_fragment:
   - cfgd.gateway.cfgctl
 attributes:
   check_mode:
-    support: full
     description: Reads, compares and reports what would change; writes nothing.
   diff_mode:
     support: full
     description: Shows one line per changed parameter, its name and value, before and after.
-  platform:
-    platforms: posix
-author:
-  - cfgd developers
 '''
 
 EXAMPLES = r'''

@@ -33,14 +33,9 @@ extends_documentation_fragment:
   - cfgd.gateway.cfgctl
 attributes:
   check_mode:
-    support: full
     description: Reports whether a trial would be confirmed or rolled back.
   diff_mode:
     support: none
-  platform:
-    platforms: posix
-author:
-  - cfgd developers
 '''
 
 EXAMPLES = r'''

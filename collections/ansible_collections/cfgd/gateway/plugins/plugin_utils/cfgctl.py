@@ -61,12 +61,22 @@ def shown(value):
     return value.replace('\n', '\\n').replace('\r', '\\r')
 
 
+def trial_changes(trial):
+    """A trial's parameters that it changes, as [(name or "F1 F2 F3", old, new)]."""
+    return [(p.get('name') or ' '.join(map(str, p['address'])), p.get('old'), p.get('new'))
+            for p in trial.get('params', []) if p.get('new') is not None]
+
+
 def trial_text(trial):
     """A pending trial for people: its time left and each parameter's old -> new."""
-    changes = ', '.join('%s %s -> %s' % (p.get('name') or ' '.join(map(str, p['address'])),
-                                         shown(p.get('old')), shown(p.get('new')))
-                        for p in trial.get('params', []) if p.get('new') is not None)
+    changes = ', '.join('%s %s -> %s' % (n, shown(o), shown(v)) for n, o, v in trial_changes(trial))
     return 'a trial is pending (%s s left: %s)' % (trial.get('seconds_left'), changes or 'no values')
+
+
+def foreign_trial_text(what, trial):
+    """`what` stopped by a pending trial that this task did not start."""
+    return '%s: %s on the device, started by another task or user: confirm it (cfgd.gateway.trial ' \
+        'state=confirmed) or roll it back first' % (what, trial_text(trial))
 
 
 def diff_of(changes, header):
@@ -142,11 +152,17 @@ class Cfgctl:
         self.stderr = err
         return rc, report
 
+    def dump(self):
+        """cfgctl dump's report: every parameter's value, and the pending trial."""
+        rc, report = self.run(['dump'])
+        if rc != EXIT_OK or 'values' not in report:
+            self.fail('reading the parameters', rc, report)
+        return report
+
     def fail(self, what, rc, report, **extra):
         """The failure for an outcome that the module does not take."""
         if rc == EXIT_TRIAL_PENDING and 'trial' in report:
-            text = '%s: %s on the device, started by another task or user: confirm it ' \
-                   '(cfgd.gateway.trial state=confirmed) or roll it back first' % (what, trial_text(report['trial']))
+            text = foreign_trial_text(what, report['trial'])
         elif rc == EXIT_REFUSED and report.get('refusal') and report['refusal'].get('param'):
             refusal = report['refusal']
             param = refusal['param']
@@ -224,9 +240,8 @@ def refuse_read_only(values):
 def refuse_pending_trial(report, what):
     """Writes wait for a pending trial, which another task or user may have started."""
     if 'trial' in report:
-        raise AnsibleActionFail('%s: %s on the device, started by another task or user: confirm it '
-                                '(cfgd.gateway.trial state=confirmed) or roll it back first (nothing was '
-                                'written)' % (what, trial_text(report['trial'])), result=dict(trial=report['trial']))
+        raise AnsibleActionFail(foreign_trial_text(what, report['trial']) + ' (nothing was written)',
+                                result=dict(trial=report['trial']))
 
 
 def plan(wanted, values):
