@@ -35,7 +35,7 @@ configure_file(${PROJECT_SOURCE_DIR}/packaging/S50cfgd.in ${PROJECT_BINARY_DIR}/
                @ONLY)
 install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S50cfgd DESTINATION ${CFGD_SYSCONF_DIR}/init.d
         COMPONENT cfgd)
-# cfgctl(1) and cfgd(8), compressed, into share/man.
+# The manual pages, compressed, into share/man.
 include(${PROJECT_SOURCE_DIR}/cmake/man.cmake)
 
 # Package cfgd-web: the PHP library, the front end (web/lib/app.php finds the library at
@@ -44,7 +44,7 @@ include(${PROJECT_SOURCE_DIR}/cmake/man.cmake)
 install(FILES clients/php/cfgd.php clients/php/cfgd_names.php DESTINATION ${CFGD_SHARE_DIR}/php
         COMPONENT cfgd-web)
 install(DIRECTORY web/public web/lib DESTINATION ${CFGD_SHARE_DIR}/web COMPONENT cfgd-web
-        FILES_MATCHING PATTERN "*.php" PATTERN "*.js" PATTERN "*.css")
+        FILES_MATCHING PATTERN "*.php" PATTERN "*.js" PATTERN "*.css" PATTERN "*.svg")
 install(PROGRAMS web/cfgd-web-passwd web/cfgd-web-cert DESTINATION ${CMAKE_INSTALL_SBINDIR}
         COMPONENT cfgd-web)
 # The snippet names the installed document root, include path, cfgctl and cfgd-web-cert; the

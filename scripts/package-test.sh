@@ -130,6 +130,7 @@ for tree in "${trees[@]}"; do
         "-rwxr-xr-x ./usr/sbin/cfgd-web-cert" \
         "-rw-r--r-- ./usr/share/man/man8/cfgd-web-cert.8.gz" \
         "-rw-r--r-- ./usr/share/cfgd/web/public/signin.php" \
+        "-rw-r--r-- ./usr/share/cfgd/web/public/favicon.svg" \
         "-rw-r--r-- ./usr/share/doc/cfgd-web/copyright" \
         "-rw-r--r-- ./usr/share/doc/cfgd-web/changelog.gz"; do
         check "$arch: cfgd-web: $entry" has_file "$web" "$entry"
