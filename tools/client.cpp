@@ -119,7 +119,9 @@ Connection::~Connection() {
 }
 
 Status readLockFile(const char* lockPath, LockLine& line) {
-    const int fd = ::open(lockPath, O_RDONLY);
+    // The lock file lies in /tmp, and root's cfgctl (a trial's guard above all) reads it: a
+    // FIFO planted at its path must not hang the reader, nor a link lead it to another file.
+    const int fd = ::open(lockPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) return Status::NoLockFile;
     char text[kLockFileSize + 1];
     const ssize_t n = read(fd, text, sizeof text);

@@ -261,19 +261,11 @@ void printTrial(std::FILE* out, const TrialRecord& trial) {
     }
 }
 
-// A write refused because of the pending trial: the reason, and the trial under --json.
+// A write refused because of the pending trial: the reason, and under --json the trial that
+// settleTrial did not report (one found after it).
 int refuseForTrial(const Invocation& invocation, const TrialRecord* trial, long long left) {
     std::fprintf(stderr, kPendingFormat, left);
-    if (invocation.report == nullptr) return kExitTrialPending;
-    TrialRecord read;
-    if (trial == nullptr) {
-        TrialStore store;
-        std::string error;
-        if (store.open(lockPathOf(invocation), error) == TrialPlace::Ready &&
-            store.read(read, error) == TrialFile::Pending)
-            trial = &read;
-    }
-    if (trial != nullptr) invocation.report->setTrial(*trial, left);
+    if (trial != nullptr && invocation.report != nullptr) invocation.report->setTrial(*trial, left);
     return kExitTrialPending;
 }
 
@@ -373,17 +365,8 @@ TrialState settleTrial(const Invocation& invocation, long long& secondsLeft) {
             std::fprintf(stderr, "cfgctl: cannot give the trial a new guard\n");
     }
     secondsLeft = std::max(0LL, trial.deadline - now());
+    if (invocation.report != nullptr) invocation.report->setTrial(trial, secondsLeft);
     return TrialState::Pending;
-}
-
-void reportPendingTrial(const Invocation& invocation, long long secondsLeft) {
-    if (invocation.report == nullptr) return;
-    TrialStore store;
-    TrialRecord trial;
-    std::string error;
-    if (store.open(lockPathOf(invocation), error) == TrialPlace::Ready &&
-        store.read(trial, error) == TrialFile::Pending)
-        invocation.report->setTrial(trial, secondsLeft);
 }
 
 int refuseWritesDuringTrial(const Invocation& invocation) {
@@ -521,6 +504,7 @@ int withPendingTrial(const Invocation& invocation, Act act) {
     std::string error;
     if (state == TrialState::None || !openStore(invocation, store, true) ||
         store.read(trial, error) != TrialFile::Pending) {
+        if (invocation.report != nullptr) invocation.report->hasTrial = false;  // ended since
         std::fputs(kNoTrialText, stderr);
         return kExitNoTrial;
     }

@@ -22,12 +22,10 @@ inline constexpr int kMaxTrialSeconds = 3600;
 // whose guard is gone and whose deadline has passed; gives a new guard to one whose guard is
 // gone before its deadline. Every command that reaches the daemon calls it first.
 // Unsafe: the trial directory fails its checks (the reason was printed); no trial is there.
+// A trial still pending goes into the --json report, so that a get or dump tells whether its
+// values are a trial's, and a refused write why.
 enum class TrialState { None, Pending, Damaged, Unsafe };
 TrialState settleTrial(const Invocation& invocation, long long& secondsLeft);
-
-// get and dump under --json: the pending trial (settled by the caller, `secondsLeft` left) into
-// the report, so that one call tells the values and whether they are a trial's.
-void reportPendingTrial(const Invocation& invocation, long long secondsLeft);
 
 // 0 when a write may go ahead; else the exit status, after the reason was printed.
 int refuseWritesDuringTrial(const Invocation& invocation);

@@ -324,7 +324,7 @@ int loadConfiguration(ConfigModel& model, LoadEffects effects) {
     if (effects == LoadEffects::Apply)
         (void)startGatewayDriver(model);
     else
-        assignRouteNodes(model);
+        (void)assignRouteNodes(model);  // a missing driver leaves every route without a node
     const unsigned routes = model.general.Count;
     for (unsigned n = 0; n < routes && n < ini::sectionSpec(Section::Route).countRead; ++n)
         loadRoute(file, static_cast<int>(n), model.routes[n], model.filters);

@@ -20,9 +20,9 @@
 #include "filters/route_filters.h"
 #include "model/config_model.h"
 #include "model/handler.h"
-#include "model/value_rules.h"
 #include "network/dhcp_server.h"
 #include "sys/log.h"
+#include "sys/profile.h"
 #include "sys/shell_command.h"
 #include "sys/system.h"
 

@@ -24,10 +24,10 @@
 #include "core/session.h"
 #include "model/config_model.h"
 #include "model/handler.h"
-#include "model/value_rules.h"
 #include "network/platform_config.h"
 #include "network/wlan_group.h"
 #include "sys/log.h"
+#include "sys/profile.h"
 #include "sys/system.h"
 
 namespace {

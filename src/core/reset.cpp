@@ -1,7 +1,7 @@
 #include "core/reset.h"
 
 #include "config/loader.h"
-#include "model/value_rules.h"
+#include "sys/profile.h"
 
 #if CFGD_HARDENED
 #include <cstring>

@@ -3,9 +3,9 @@
 #include <cstring>
 
 #include "model/config_model.h"
-#include "model/value_rules.h"
 #include "routing/routing_command.h"
 #include "sys/gateway_driver.h"
+#include "sys/profile.h"
 
 namespace {
 

@@ -300,26 +300,21 @@ int openRouteNode(const RouteRecord& route) {
     return fd;
 }
 
-void assignRouteNodes(ConfigModel& model) {
+bool assignRouteNodes(ConfigModel& model) {
     const bool present = findDriverMajor() >= 0;
     for (unsigned i = 0; i < kMaxRoutes; ++i) {
         model.routes[i].DrvIndex = present ? static_cast<uint8_t>(i) : kNoDriverNode;
         if (present) applyForwardDefaults(model.routes[i], model);
     }
+    return present;
 }
 
 int startGatewayDriver(ConfigModel& model) {
-    for (unsigned i = 0; i < kMaxRoutes; ++i)
-        model.routes[i].DrvIndex = kNoDriverNode;
     if (isModuleLoaded() != 0) loadModule();
     // Without the defaults the routes still go in, with zeros where the defaults would be.
     (void)readForwardDefaults(model);
-    if (findDriverMajor() < 0) return -2;
+    if (!assignRouteNodes(model)) return -2;
 
-    for (unsigned i = 0; i < kMaxRoutes; ++i) {
-        model.routes[i].DrvIndex = static_cast<uint8_t>(i);
-        applyForwardDefaults(model.routes[i], model);
-    }
     for (unsigned i = 0; i < kMaxRoutes; ++i)
         takeOverOrDelete(model, i);
 

@@ -40,9 +40,10 @@ unsigned recountActiveRoutes(ConfigModel& model);
 // restarts the CAN-over-IP helper. 0, -1 when a route failed, -2 when the driver is missing.
 int startGatewayDriver(ConfigModel& model);
 
-// Gives every route its node and the driver's defaults as startGatewayDriver does, without
-// touching the driver (no node when the driver is missing).
-void assignRouteNodes(ConfigModel& model);
+// Gives every route its node and the driver's defaults, without touching the driver (no node
+// when the driver is missing); the start of the driver begins with it. Whether the driver is
+// there.
+bool assignRouteNodes(ConfigModel& model);
 
 // Names route `index` (0..7) in its image as every add does.
 void nameRoute(RouteRecord& route, unsigned index);
