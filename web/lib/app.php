@@ -450,6 +450,29 @@ function switched_off_in(Cfgd\Session $session): bool
 }
 
 /**
+ * A button's one write (a reset, a removal) in a session of its own, unless the page is
+ * switched off: `$done` says it is written; a refusal is said by `$refused`, with the device's
+ * reason, where the page knows better than the general text.
+ */
+function write_one(string $name, string $value, string $done, ?string $refused = null): void
+{
+    $session = new_session();
+    try {
+        $session->start(1);
+        if (!switched_off_in($session)) {
+            $session->write($name, $value);
+            banner('ok', $done);
+        }
+        $session->finish();
+    } catch (Cfgd\Refused $e) {
+        $session->abort();  // a refused write leaves the session open
+        $refused !== null ? banner('error', "$refused (The device said: " . $e->getMessage() . ')') : banner_for($e);
+    } catch (Cfgd\Error $e) {
+        banner_for($e);
+    }
+}
+
+/**
  * Runs cfgctl with the lock file and `$arguments`, without a shell.
  * @return array{0: int, 1: string, 2: string} exit status, output, error output
  */

@@ -52,21 +52,8 @@ if ($action === 'save' && $filter !== null && ($_POST['add'] ?? '') === '1' && p
 } elseif ($action === 'save' && $filter !== null) {
     (new Form(filter_fields($filter)))->handle();
 } elseif ($action === 'remove' && $filter !== null) {
-    $session = new_session();
-    try {
-        $session->start(1);
-        if (!switched_off_in($session)) {
-            // Kind 0 deletes the filter and takes it off every route that used it.
-            $session->write("filter$filter.kind", '0');
-            banner('ok', "Filter $filter is removed.");
-        }
-        $session->finish();
-    } catch (Cfgd\Refused $e) {
-        $session->abort();  // a refused write leaves the session open
-        banner_for($e);
-    } catch (Cfgd\Error $e) {
-        banner_for($e);
-    }
+    // Kind 0 deletes the filter and takes it off every route that used it.
+    write_one("filter$filter.kind", '0', "Filter $filter is removed.");
 }
 if (App::$posted) {
     redirect_after_post();
