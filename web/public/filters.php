@@ -72,7 +72,7 @@ $v = read_page(['filter.count', 'filter.max', 'filter.list', ...$routes], functi
 $defined = defined_filters($v['filter.list'] ?? null);
 $users = [];  // filter number => the routes that use it
 foreach (range(1, ROUTE_COUNT) as $route) {
-    foreach (preg_split('/[\s,;]+/', $v["route$route.filters"] ?? '', -1, PREG_SPLIT_NO_EMPTY) as $n) {
+    foreach (list_items($v["route$route.filters"] ?? null) as $n) {
         $users[(int) $n][] = $route;
     }
 }
