@@ -5,6 +5,8 @@
 declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
 
+const TERMS_HELP = '<p class="help">Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.</p>';
+
 /**
  * For a post of the add form: false while the place it names is still free. Else (another
  * browser or cfgctl defined that filter since the list was loaded) true, after saying so and
@@ -120,7 +122,7 @@ if ($shown && $filter === null) {
 <?php foreach ($form->fields as $name => $field) { ?>
   <?= $form->row($name, []) ?>
 <?php } ?>
-  <p class="help">Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.</p>
+  <?= TERMS_HELP ?>
 </fieldset>
 <?= $form->buttons("Add filter $n") ?>
 </form>
@@ -140,7 +142,7 @@ if ($shown && $filter === null) {
   <?= $form->row($name, $v) ?>
 <?php } ?>
   <?= info_row('Used by routes', $usedBy($filter), 'filter-routes') ?>
-  <p class="help">Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.</p>
+  <?= TERMS_HELP ?>
 </fieldset>
 <?= $form->buttons() ?>
 </form>
