@@ -176,21 +176,31 @@ function banner(string $kind, string $text, ?array $link = null): void
     App::$banners[] = ['kind' => $kind, 'text' => $text, 'link' => $link];
 }
 
+/** The words for cfgd being busy, not running, silent, or failing otherwise. */
+function failure_text(Cfgd\Error $e): string
+{
+    return match (true) {
+        $e instanceof Cfgd\Busy => TEXT['busy'],
+        $e instanceof Cfgd\NotRunning => TEXT['not_running'],
+        default => sprintf(TEXT[$e instanceof Cfgd\NoAnswer ? 'no_answer' : 'failed'], $e->getMessage()),
+    };
+}
+
 /** The banner for a failure of cfgd or of the library, with the status code it calls for. */
 function banner_for(Throwable $e): void
 {
     if ($e instanceof Cfgd\TrialPending) {
         banner('warn', sprintf(TEXT['trial_pending'], $e->secondsLeft), ['trial.php', 'Show the trial']);
     } elseif ($e instanceof Cfgd\Busy) {
-        banner('warn', TEXT['busy']);
+        banner('warn', failure_text($e));
     } elseif ($e instanceof Cfgd\Refused) {
         banner('error', 'The device refused the change, so nothing was stored. It said: ' . $e->getMessage());
     } elseif ($e instanceof Cfgd\NotRunning) {
         http_response_code(503);
-        banner('error', TEXT['not_running']);
+        banner('error', failure_text($e));
     } elseif ($e instanceof Cfgd\Error && !($e instanceof Cfgd\UnknownName)) {
         error_log('cfgd web: ' . $e->getMessage());
-        banner('error', sprintf(TEXT[$e instanceof Cfgd\NoAnswer ? 'no_answer' : 'failed'], $e->getMessage()));
+        banner('error', failure_text($e));
     } else {
         error_log('cfgd web: ' . $e);
         http_response_code(500);
