@@ -374,11 +374,6 @@ function posted_mode(): string
     return ($_POST['mode'] ?? '') === 'trial' ? 'trial' : 'now';
 }
 
-function new_session(): Cfgd\Session
-{
-    return new Cfgd\Session(CFGD_LOCK_FILE, CFGD_TIMEOUT, CFGD_CFGCTL);
-}
-
 function new_trial(): Cfgd\Trial
 {
     return new Cfgd\Trial(CFGD_LOCK_FILE, CFGD_CFGCTL, CFGD_TIMEOUT);

@@ -28,3 +28,8 @@ define('CFGD_WEB_PASSWD', env_setting('CFGD_WEB_PASSWD', '/mnt/user/cfgd-web.htp
 // Minutes without a request after which a sign-in ends.
 define('CFGD_SESSION_MINUTES', max(1, (int) env_setting('CFGD_SESSION_MINUTES', '15')));
 const CFGD_TIMEOUT = Cfgd\Session::DEFAULT_TIMEOUT;  // seconds to wait for cfgd's answers
+
+function new_session(): Cfgd\Session
+{
+    return new Cfgd\Session(CFGD_LOCK_FILE, CFGD_TIMEOUT, CFGD_CFGCTL);
+}
