@@ -165,8 +165,14 @@ device_snippet() {
 cmd_stop() {
     local pid_file pid stopped=0 tries pattern=${1:-*}
     for pid_file in /tmp/cfgd-web-$pattern/lighttpd.pid; do
-        [ -s "$pid_file" ] || continue
+        # Any user may make a /tmp/cfgd-web-* with a pid in it: only a directory that start made
+        # (root's, no link) is read, and only a lighttpd running its configuration is signalled.
+        [ ! -L "${pid_file%/*}" ] && [ "$(stat -c %u "${pid_file%/*}" 2>/dev/null)" = 0 ] &&
+            [ ! -L "$pid_file" ] && [ -s "$pid_file" ] || continue
         pid=$(cat "$pid_file")
+        [[ $pid =~ ^[0-9]+$ ]] &&
+            [[ "$(tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null)" == *"lighttpd -f ${pid_file%/*}/lighttpd.conf " ]] ||
+            continue
         kill -TERM "$pid" 2>/dev/null || continue
         for ((tries = 0; tries < 50; ++tries)); do
             kill -0 "$pid" 2>/dev/null || break

@@ -176,21 +176,31 @@ function banner(string $kind, string $text, ?array $link = null): void
     App::$banners[] = ['kind' => $kind, 'text' => $text, 'link' => $link];
 }
 
+/** The words for cfgd being busy, not running, silent, or failing otherwise. */
+function failure_text(Cfgd\Error $e): string
+{
+    return match (true) {
+        $e instanceof Cfgd\Busy => TEXT['busy'],
+        $e instanceof Cfgd\NotRunning => TEXT['not_running'],
+        default => sprintf(TEXT[$e instanceof Cfgd\NoAnswer ? 'no_answer' : 'failed'], $e->getMessage()),
+    };
+}
+
 /** The banner for a failure of cfgd or of the library, with the status code it calls for. */
 function banner_for(Throwable $e): void
 {
     if ($e instanceof Cfgd\TrialPending) {
         banner('warn', sprintf(TEXT['trial_pending'], $e->secondsLeft), ['trial.php', 'Show the trial']);
     } elseif ($e instanceof Cfgd\Busy) {
-        banner('warn', TEXT['busy']);
+        banner('warn', failure_text($e));
     } elseif ($e instanceof Cfgd\Refused) {
         banner('error', 'The device refused the change, so nothing was stored. It said: ' . $e->getMessage());
     } elseif ($e instanceof Cfgd\NotRunning) {
         http_response_code(503);
-        banner('error', TEXT['not_running']);
+        banner('error', failure_text($e));
     } elseif ($e instanceof Cfgd\Error && !($e instanceof Cfgd\UnknownName)) {
         error_log('cfgd web: ' . $e->getMessage());
-        banner('error', sprintf(TEXT[$e instanceof Cfgd\NoAnswer ? 'no_answer' : 'failed'], $e->getMessage()));
+        banner('error', failure_text($e));
     } else {
         error_log('cfgd web: ' . $e);
         http_response_code(500);
@@ -364,11 +374,6 @@ function posted_mode(): string
     return ($_POST['mode'] ?? '') === 'trial' ? 'trial' : 'now';
 }
 
-function new_session(): Cfgd\Session
-{
-    return new Cfgd\Session(CFGD_LOCK_FILE, CFGD_TIMEOUT, CFGD_CFGCTL);
-}
-
 function new_trial(): Cfgd\Trial
 {
     return new Cfgd\Trial(CFGD_LOCK_FILE, CFGD_CFGCTL, CFGD_TIMEOUT);
@@ -447,6 +452,29 @@ function switched_off_in(Cfgd\Session $session): bool
     }
     banner('warn', sprintf(TEXT['switched_off_post'], PAGES[current_page()]));
     return true;
+}
+
+/**
+ * A button's one write (a reset, a removal) in a session of its own, unless the page is
+ * switched off: `$done` says it is written; a refusal is said by `$refused`, with the device's
+ * reason, where the page knows better than the general text.
+ */
+function write_one(string $name, string $value, string $done, ?string $refused = null): void
+{
+    $session = new_session();
+    try {
+        $session->start(1);
+        if (!switched_off_in($session)) {
+            $session->write($name, $value);
+            banner('ok', $done);
+        }
+        $session->finish();
+    } catch (Cfgd\Refused $e) {
+        $session->abort();  // a refused write leaves the session open
+        $refused !== null ? banner('error', "$refused (The device said: " . $e->getMessage() . ')') : banner_for($e);
+    } catch (Cfgd\Error $e) {
+        banner_for($e);
+    }
 }
 
 /**

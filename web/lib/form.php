@@ -120,7 +120,7 @@ final class Form
                 return $value !== '' && $value !== '0' ? '1' : '0';
             case 'filters':
                 // A route without filters reads -1.
-                $numbers = array_map('intval', preg_split('/[\s,;]+/', $value, -1, PREG_SPLIT_NO_EMPTY));
+                $numbers = array_map('intval', list_items($value));
                 $numbers = array_unique(array_filter($numbers, fn ($n) => $n > 0));
                 sort($numbers);
                 return implode(',', $numbers);

@@ -252,11 +252,17 @@ function route_unused(array $v, int $n): bool
         && in_array($v["route$n.destination"] ?? null, [null, UNUSED_DESTINATION], true);
 }
 
+/** The items of a number list as cfgd reads and takes them: "0;2;", "1,3", "1 3". */
+function list_items(?string $list): array
+{
+    return preg_split('/[\s,;]+/', $list ?? '', -1, PREG_SPLIT_NO_EMPTY);
+}
+
 /** Defined filters from filter.list ("0;2;": zero-based numbers). */
 function defined_filters(?string $list): array
 {
     $numbers = [];
-    foreach (preg_split('/[\s,;]+/', $list ?? '', -1, PREG_SPLIT_NO_EMPTY) as $index) {
+    foreach (list_items($list) as $index) {
         if (ctype_digit($index) && (int) $index < FILTER_COUNT) {
             $numbers[] = (int) $index + 1;
         }

@@ -18,7 +18,7 @@ function env_setting(string $name, string $default): string
     return is_string($value) && $value !== '' ? $value : $default;
 }
 
-define('CFGD_LOCK_FILE', env_setting('CFGD_LOCK_FILE', '/tmp/kiv_lock'));
+define('CFGD_LOCK_FILE', env_setting('CFGD_LOCK_FILE', Cfgd\Session::DEFAULT_LOCK_FILE));
 define('CFGD_CFGCTL', env_setting('CFGD_CFGCTL', '/usr/bin/cfgctl'));
 define('CFGD_TRIAL_SECONDS', max(Cfgd\Trial::SHORTEST,
     min(Cfgd\Trial::LONGEST, (int) env_setting('CFGD_TRIAL_SECONDS', '90'))));
@@ -27,4 +27,9 @@ define('CFGD_METRICS_TOKEN_FILE', env_setting('CFGD_METRICS_TOKEN_FILE', '/mnt/u
 define('CFGD_WEB_PASSWD', env_setting('CFGD_WEB_PASSWD', '/mnt/user/cfgd-web.htpasswd'));
 // Minutes without a request after which a sign-in ends.
 define('CFGD_SESSION_MINUTES', max(1, (int) env_setting('CFGD_SESSION_MINUTES', '15')));
-const CFGD_TIMEOUT = 5;               // seconds to wait for cfgd's answers
+const CFGD_TIMEOUT = Cfgd\Session::DEFAULT_TIMEOUT;  // seconds to wait for cfgd's answers
+
+function new_session(): Cfgd\Session
+{
+    return new Cfgd\Session(CFGD_LOCK_FILE, CFGD_TIMEOUT, CFGD_CFGCTL);
+}

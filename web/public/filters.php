@@ -5,6 +5,8 @@
 declare(strict_types=1);
 require __DIR__ . '/../lib/app.php';
 
+const TERMS_HELP = '<p class="help">Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.</p>';
+
 /**
  * For a post of the add form: false while the place it names is still free. Else (another
  * browser or cfgctl defined that filter since the list was loaded) true, after saying so and
@@ -52,21 +54,8 @@ if ($action === 'save' && $filter !== null && ($_POST['add'] ?? '') === '1' && p
 } elseif ($action === 'save' && $filter !== null) {
     (new Form(filter_fields($filter)))->handle();
 } elseif ($action === 'remove' && $filter !== null) {
-    $session = new_session();
-    try {
-        $session->start(1);
-        if (!switched_off_in($session)) {
-            // Kind 0 deletes the filter and takes it off every route that used it.
-            $session->write("filter$filter.kind", '0');
-            banner('ok', "Filter $filter is removed.");
-        }
-        $session->finish();
-    } catch (Cfgd\Refused $e) {
-        $session->abort();  // a refused write leaves the session open
-        banner_for($e);
-    } catch (Cfgd\Error $e) {
-        banner_for($e);
-    }
+    // Kind 0 deletes the filter and takes it off every route that used it.
+    write_one("filter$filter.kind", '0', "Filter $filter is removed.");
 }
 if (App::$posted) {
     redirect_after_post();
@@ -85,7 +74,7 @@ $v = read_page(['filter.count', 'filter.max', 'filter.list', ...$routes], functi
 $defined = defined_filters($v['filter.list'] ?? null);
 $users = [];  // filter number => the routes that use it
 foreach (range(1, ROUTE_COUNT) as $route) {
-    foreach (preg_split('/[\s,;]+/', $v["route$route.filters"] ?? '', -1, PREG_SPLIT_NO_EMPTY) as $n) {
+    foreach (list_items($v["route$route.filters"] ?? null) as $n) {
         $users[(int) $n][] = $route;
     }
 }
@@ -133,7 +122,7 @@ if ($shown && $filter === null) {
 <?php foreach ($form->fields as $name => $field) { ?>
   <?= $form->row($name, []) ?>
 <?php } ?>
-  <p class="help">Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.</p>
+  <?= TERMS_HELP ?>
 </fieldset>
 <?= $form->buttons("Add filter $n") ?>
 </form>
@@ -153,7 +142,7 @@ if ($shown && $filter === null) {
   <?= $form->row($name, $v) ?>
 <?php } ?>
   <?= info_row('Used by routes', $usedBy($filter), 'filter-routes') ?>
-  <p class="help">Terms: a range <code>0x100-0x1FF</code>, or an identifier with a mask <code>0x100/0x7F0</code>.</p>
+  <?= TERMS_HELP ?>
 </fieldset>
 <?= $form->buttons() ?>
 </form>

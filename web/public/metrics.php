@@ -83,7 +83,7 @@ for ($n = 1; $n <= ROUTE_COUNT; $n++) {
         $names[] = "route$n.$p";
     }
 }
-$session = new Cfgd\Session(CFGD_LOCK_FILE, CFGD_TIMEOUT, CFGD_CFGCTL);
+$session = new_session();
 $values = null;
 try {
     $session->start(0);

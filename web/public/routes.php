@@ -16,21 +16,8 @@ $action = $route !== null ? $action : null;
 if ($action === 'save') {
     $form->handle();
 } elseif ($action === 'reset_stats') {
-    $session = new_session();
-    try {
-        $session->start(1);
-        if (!switched_off_in($session)) {
-            $session->write("route$route.reset_stats", '1');
-            banner('ok', "The statistics of route $route are reset.");
-        }
-        $session->finish();
-    } catch (Cfgd\Refused $e) {
-        $session->abort();  // a refused write leaves the session open
-        banner('error', "Route $route has no statistics to reset: a route that is off keeps none. (The device said: "
-            . $e->getMessage() . ')');
-    } catch (Cfgd\Error $e) {
-        banner_for($e);
-    }
+    write_one("route$route.reset_stats", '1', "The statistics of route $route are reset.",
+        "Route $route has no statistics to reset: a route that is off keeps none.");
 }
 if (App::$posted) {
     redirect_after_post();

@@ -17,8 +17,6 @@ try {
     $answer = live_report($values, microtime(true));
 } catch (Cfgd\Error $e) {
     http_response_code(503);
-    $answer = ['error' => $e instanceof Cfgd\NotRunning ? TEXT['not_running']
-        : ($e instanceof Cfgd\Busy ? TEXT['busy']
-        : sprintf(TEXT[$e instanceof Cfgd\NoAnswer ? 'no_answer' : 'failed'], $e->getMessage()))];
+    $answer = ['error' => failure_text($e)];
 }
 echo json_encode($answer, JSON_UNESCAPED_UNICODE | JSON_UNESCAPED_SLASHES | JSON_INVALID_UTF8_SUBSTITUTE);
