@@ -576,6 +576,8 @@ final class Trial
             // A refused end of session has no parameter: [0, 0, 0], as in a session.
             $status === self::EXIT_REFUSED && is_array($refusal) =>
                 new Refused($refusal['text'], $refusal['param']['address'] ?? [0, 0, 0]),
+            // cfgctl tells a daemon kept busy by another client from one that is not there.
+            $status === self::EXIT_NOT_REACHABLE && ($report['unreachable'] ?? null) === 'busy' => new Busy($errors),
             $status === self::EXIT_NOT_REACHABLE => new NotRunning($errors),
             $status === self::EXIT_NO_ANSWER => new NoAnswer($errors),
             default => new Error($errors),
